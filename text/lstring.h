@@ -103,64 +103,15 @@ public:
 
     // If capacity < size: allocate size characters, copy length characters, terminate, free the
     // old array, capacity := size. Never shrinks.
-    void GrowToSize(unsigned long size) {
-        if (m_nCapacity >= size) {
-            return;
-        }
-        T* data = new T[size];
-        for (unsigned long i = 0; i < m_nLength; ++i) {
-            data[i] = m_pData[i];
-        }
-        data[m_nLength] = 0;
-        delete[] m_pData;
-        m_pData = data;
-        m_nCapacity = size;
-    }
+    void GrowToSize(unsigned long size);
 
     // Replaces the text. The buffer is kept when it holds length + 1 characters, otherwise it
     // is replaced by one of exactly length + 1. The source may lie inside this string.
-    void Assign(const T* text, unsigned long length) {
-        if (text == nullptr) {
-            Clear();
-            return;
-        }
-        if (length + 1 > m_nCapacity) {
-            T* data = new T[length + 1];
-            CopyChars(data, text, length);
-            delete[] m_pData;
-            m_pData = data;
-            m_nCapacity = length + 1;
-        } else {
-            MoveChars(m_pData, text, length);
-        }
-        m_nLength = length;
-        m_pData[length] = 0;
-    }
+    void Assign(const T* text, unsigned long length);
     void Assign(const T* text) { Assign(text, tstrlen(text)); }
 
     // Appends text, growing to 4 x capacity (or to what the text needs, when more).
-    void Append(const T* text, unsigned long length) {
-        if (text == nullptr || length == 0) {
-            if (m_pData == nullptr && text != nullptr) {
-                GrowToSize(1);
-                m_pData[0] = 0;
-            }
-            return;
-        }
-        if (m_nLength + length + 1 > m_nCapacity) {
-            // Appending from inside this string: keep the source alive across the regrowth.
-            if (m_pData != nullptr && text >= m_pData && text < m_pData + m_nCapacity) {
-                const unsigned long offset = static_cast<unsigned long>(text - m_pData);
-                GrowFor(m_nLength + length + 1);
-                text = m_pData + offset;
-            } else {
-                GrowFor(m_nLength + length + 1);
-            }
-        }
-        MoveChars(m_pData + m_nLength, text, length);
-        m_nLength += length;
-        m_pData[m_nLength] = 0;
-    }
+    void Append(const T* text, unsigned long length);
     void Append(const T* text) { Append(text, tstrlen(text)); }
     void Append(const LStringLongTemplate& other) { Append(other.GetText(), other.m_nLength); }
     // Appends one character with the writers' rule: store, then grow to 4 x capacity once the
@@ -205,25 +156,10 @@ public:
 
     // Sets the length after the caller wrote into GetBuffer(); grows to length + 1 when the
     // buffer is too small and terminates at the new length.
-    void SetLength(unsigned long length) {
-        GrowToSize(length + 1);
-        m_nLength = length;
-        m_pData[length] = 0;
-    }
+    void SetLength(unsigned long length);
     // Recomputes the length from the terminator after the caller wrote a terminated text into
     // GetBuffer(), never beyond capacity - 1.
-    void UpdateLength() {
-        if (m_pData == nullptr) {
-            m_nLength = 0;
-            return;
-        }
-        unsigned long n = 0;
-        while (n + 1 < m_nCapacity && m_pData[n] != 0) {
-            ++n;
-        }
-        m_nLength = n;
-        m_pData[n] = 0;
-    }
+    void UpdateLength();
 
     // Hands the buffer to the caller (who frees it with delete[]); the string becomes null.
     T* Detach() {
@@ -232,20 +168,7 @@ public:
         return std::exchange(m_pData, nullptr);
     }
     // Takes ownership of a new[] array of `capacity` characters holding `length` characters.
-    void Attach(T* data, unsigned long length, unsigned long capacity) {
-        if (data == m_pData) {
-            m_nLength = length;
-            m_nCapacity = capacity;
-            return;
-        }
-        delete[] m_pData;
-        m_pData = data;
-        m_nLength = data != nullptr ? length : 0;
-        m_nCapacity = data != nullptr ? capacity : 0;
-        if (m_pData != nullptr) {
-            m_pData[m_nLength] = 0;
-        }
-    }
+    void Attach(T* data, unsigned long length, unsigned long capacity);
     void Swap(LStringLongTemplate& other) noexcept {
         std::swap(m_pData, other.m_pData);
         std::swap(m_nLength, other.m_nLength);
@@ -266,19 +189,7 @@ public:
     T& operator[](unsigned long index) { return m_pData[index]; }
 
     // Code-unit-wise comparison (characters compared as unsigned); null equals "".
-    int Compare(const T* text, unsigned long length) const {
-        const unsigned long n = m_nLength < length ? m_nLength : length;
-        const T* a = GetText();
-        for (unsigned long i = 0; i < n; ++i) {
-            using U = std::make_unsigned_t<T>;
-            const U ca = static_cast<U>(a[i]);
-            const U cb = static_cast<U>(text[i]);
-            if (ca != cb) {
-                return ca < cb ? -1 : 1;
-            }
-        }
-        return m_nLength == length ? 0 : (m_nLength < length ? -1 : 1);
-    }
+    int Compare(const T* text, unsigned long length) const;
     int Compare(const T* text) const { return Compare(text ? text : kEmpty, tstrlen(text)); }
     int Compare(const LStringLongTemplate& other) const {
         return Compare(other.GetText(), other.m_nLength);
@@ -308,28 +219,10 @@ private:
 
     static constexpr T kEmpty[1] = {0};
 
-    static void CopyChars(T* to, const T* from, unsigned long n) {
-        for (unsigned long i = 0; i < n; ++i) {
-            to[i] = from[i];
-        }
-    }
-    static void MoveChars(T* to, const T* from, unsigned long n) {
-        if (to <= from) {
-            CopyChars(to, from, n);
-        } else {
-            for (unsigned long i = n; i > 0; --i) {
-                to[i - 1] = from[i - 1];
-            }
-        }
-    }
+    static void CopyChars(T* to, const T* from, unsigned long n);
+    static void MoveChars(T* to, const T* from, unsigned long n);
     // Grows by the 4x rule until `needed` characters fit.
-    void GrowFor(unsigned long needed) {
-        unsigned long size = m_nCapacity == 0 ? needed : 4 * m_nCapacity;
-        while (size < needed) {
-            size *= 4;
-        }
-        GrowToSize(size);
-    }
+    void GrowFor(unsigned long needed);
 
     T* m_pData = nullptr;
     unsigned long m_nLength = 0;

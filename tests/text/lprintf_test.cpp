@@ -71,7 +71,8 @@ TEST(TplPrintfDepartures, CapitalLBeforeTheLetterTakesLongDouble) {
 
 TEST(TplPrintfDepartures, SpecificationsCollectAtMost257Characters) {
     // 255 zeros, "5", "1" are kept (width 51); 42 more "1"s are read and dropped.
-    std::string format = "%" + std::string(255, '0') + "51" + std::string(42, '1') + "d|";
+    std::string format("%");
+    format.append(255, '0').append("51").append(42, '1').append("d|");
     const std::string out = Format(format.c_str(), 42);
     EXPECT_EQ(out, std::string(49, '0') + "42|");
 }
@@ -199,9 +200,11 @@ TEST(TplPrintfTruncation, OneNumericConversionIsCutAt271Characters) {
     std::string out = Format("%300d|", 7);
     EXPECT_EQ(out, std::string(271, ' ') + "|");
     out = Format("%.300f|", 1.0);
-    EXPECT_EQ(out, "1." + std::string(269, '0') + "|");
+    EXPECT_EQ(out.size(), 272u);
+    EXPECT_EQ(out.substr(0, 2), "1.");
+    EXPECT_EQ(out.find_first_not_of('0', 2), 271u);
     out = Format("%0290lld%s", -5LL, "end");
-    EXPECT_EQ(out, "-" + std::string(270, '0') + "end");
+    EXPECT_EQ(out, std::string("-").append(270, '0').append("end"));
     // Exactly 271 characters pass whole.
     EXPECT_EQ(Format("%271d", 7), std::string(270, ' ') + "7");
     // Strings are not conversions: they are copied whole.

@@ -135,7 +135,7 @@ TEST(LStringFields, RemoveHttpItemInPlace) {
     // The searched "key=" is cut to 261 characters: a 300-character key is found by its
     // first 261 characters.
     const std::string longKey(300, 'k');
-    std::string longQuery = "p=1&" + std::string(261, 'k') + "rest";
+    std::string longQuery = std::string("p=1&").append(261, 'k').append("rest");
     std::vector<char> buffer(longQuery.begin(), longQuery.end());
     buffer.push_back(0);
     LRemoveHTTPItem(longKey.c_str(), buffer.data());
