@@ -201,8 +201,11 @@ public:
     }
     std::strong_ordering operator<=>(const T* text) const { return Compare(text) <=> 0; }
 
-    // Formats after the current length (char strings only); see tsprintfappend below.
-    unsigned long tsprintfappend(const char* format, ...) requires std::is_same_v<T, char> {
+    // Formats after the current length (char strings only); see tsprintfappend below. A member
+    // template, so that the explicit instantiations for other character types leave it out.
+    template <typename U = T>
+    requires std::is_same_v<U, char>
+    unsigned long tsprintfappend(const char* format, ...) {
         va_list args;
         va_start(args, format);
         const unsigned long n = tvsprintfappend(*this, format, args);

@@ -211,3 +211,17 @@ TEST(TplPrintfTruncation, OneNumericConversionIsCutAt271Characters) {
     const std::string longText(1000, 's');
     EXPECT_EQ(Format("%s", longText.c_str()), longText);
 }
+
+TEST(TplPrintfDepartures, ConversionTextIsCopiedUpToItsTerminator) {
+    // %c of 0 makes an empty scratch text: nothing is written, and formatting goes on.
+    EXPECT_EQ(Format("a%cb|%d", 0, 3), "ab|3");
+}
+
+TEST(TplPrintfOutput, TprintfGoesToStandardOutputThroughTheCLibrary) {
+    testing::internal::CaptureStdout();
+    // Printed by vprintf, so flags work there as in printf.
+    const int n = tprintf("[%-4d|%s]", 7, "x");
+    std::fflush(stdout);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "[7   |x]");
+    EXPECT_EQ(n, 8);
+}
