@@ -14,7 +14,9 @@
 //     platform that passes every variadic argument in memory would;
 //   - a conversion that would store through the slot or read memory through it, or address
 //     arguments by position ("n", "S", "$", "*"), takes its slot and writes nothing;
-//   - a specification cut off by the end of the format writes nothing and ends formatting.
+//   - a specification cut off by the end of the format writes nothing and ends formatting;
+//   - one that ends in a flag or length modifier ("%-", "%h") is not handed to snprintf, which
+//     would fail on it and write nothing anyway (and whose sanitizer interceptors reject it).
 // Plain %d, %i, %u, %x and %X with an optional width and "0" flag (the common case) are
 // formatted here directly, giving the same text as snprintf without its per-call cost.
 #include <cstdarg>
@@ -180,6 +182,20 @@ void FormatOne(W& writer, char* spec, unsigned long collected, char letter, va_l
         case 'S':
         case '$':
         case '*':
+            return;
+        // A flag or length modifier as the last character leaves the specification without a
+        // conversion: the C library fails the call and writes nothing, so it is not called.
+        case '-':
+        case '+':
+        case ' ':
+        case '#':
+        case '\'':
+        case 'h':
+        case 'j':
+        case 't':
+        case 'q':
+        case 'Z':
+        case 'I':
             return;
         default:
             break;
