@@ -32,6 +32,8 @@ TEST(TplPrintfDepartures, FlagCharactersEndTheSpecification) {
     EXPECT_EQ(Format("[%#x]", 3LL), "[x]");
     // "*" takes its slot like any other letter and reads no width.
     EXPECT_EQ(Format("%*d|%d", 8LL, 9LL), "d|9");
+    // Length modifiers outside ".0-9Llz" end it too: %hd formats "%h" and writes d.
+    EXPECT_EQ(Format("%hd|%jd|%d", 1, 2, 3), "d|d|3");
 }
 
 TEST(TplPrintfDepartures, PercentAfterCollectedCharactersWritesOnePercent) {
