@@ -2,6 +2,7 @@
 #include "settings/lbase64.h"
 
 #include <array>
+#include <cstdint>
 #include <cstring>
 
 namespace {
@@ -44,13 +45,10 @@ unsigned long EncodeInto(char* dst, const unsigned char* src, unsigned long leng
                          unsigned flags) {
     char* const start = dst;
     const unsigned long groups = length / 3;
-    const unsigned long fullLines = groups / kGroupsPerLine;
-    const bool breaks = (flags & kLBase64NoLineBreaks) == 0;
-    for (unsigned long line = 0; line <= fullLines; ++line) {
-        const unsigned long count = line < fullLines ? kGroupsPerLine : groups % kGroupsPerLine;
+    auto encodeGroups = [&](unsigned long count) {
         for (unsigned long g = 0; g < count; ++g) {
-            const unsigned long v = (static_cast<unsigned long>(src[0]) << 16) |
-                                    (static_cast<unsigned long>(src[1]) << 8) | src[2];
+            const uint32_t v = (static_cast<uint32_t>(src[0]) << 16) |
+                               (static_cast<uint32_t>(src[1]) << 8) | src[2];
             dst[0] = kAlphabet[(v >> 18) & 63];
             dst[1] = kAlphabet[(v >> 12) & 63];
             dst[2] = kAlphabet[(v >> 6) & 63];
@@ -58,11 +56,18 @@ unsigned long EncodeInto(char* dst, const unsigned char* src, unsigned long leng
             dst += 4;
             src += 3;
         }
-        // Every line followed by another gets its break, also when that next line is empty.
-        if (breaks && line < fullLines) {
+    };
+    if ((flags & kLBase64NoLineBreaks) != 0) {
+        encodeGroups(groups);
+    } else {
+        const unsigned long fullLines = groups / kGroupsPerLine;
+        for (unsigned long line = 0; line < fullLines; ++line) {
+            encodeGroups(kGroupsPerLine);
+            // Every full line is followed by another, possibly empty, line: it gets its break.
             *dst++ = '\r';
             *dst++ = '\n';
         }
+        encodeGroups(groups % kGroupsPerLine);
     }
     const unsigned long rest = length % 3;
     if (rest > 0) {
@@ -126,20 +131,35 @@ void LBase64Encode(const void* data, unsigned long length, char* out, unsigned f
 }
 
 void LBase64Decode(const char* text, unsigned long length, LSizedArray<unsigned char>& out) {
-    out.Free();
-    if (text == nullptr) {
+    const unsigned long n = text != nullptr ? strnlen(text, length) : 0;
+    if (n == 0) {
+        out.Free();
         return;
     }
     const auto* p = reinterpret_cast<const unsigned char*>(text);
-    const unsigned long n = strnlen(text, length);
     unsigned char* dst = out.Allocate((n + 3) / 4 * 3);
-    if (dst == nullptr) {
-        return;
-    }
     unsigned char* const start = dst;
     unsigned long quad = 0;
     int have = 0;
     for (unsigned long i = 0; i < n; ++i) {
+        // Fast path for the common case: four alphabet characters at a group boundary.
+        if (have == 0 && n - i >= 4) {
+            const int a = kDecode[p[i]];
+            const int b = kDecode[p[i + 1]];
+            const int c = kDecode[p[i + 2]];
+            const int d = kDecode[p[i + 3]];
+            if ((a | b | c | d) >= 0) {
+                const unsigned long v =
+                    (static_cast<unsigned long>(a) << 18) | (static_cast<unsigned long>(b) << 12) |
+                    (static_cast<unsigned long>(c) << 6) | static_cast<unsigned long>(d);
+                dst[0] = static_cast<unsigned char>(v >> 16);
+                dst[1] = static_cast<unsigned char>(v >> 8);
+                dst[2] = static_cast<unsigned char>(v);
+                dst += 3;
+                i += 3;
+                continue;
+            }
+        }
         const int v = kDecode[p[i]];
         if (v < 0) {
             continue;

@@ -2,7 +2,9 @@
 // Base64 (see lblowfish.h for the layout that stored settings rely on).
 #include "settings/lblowfish.h"
 
+#include <algorithm>
 #include <bit>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 
@@ -41,6 +43,8 @@ unsigned long RoundUpToBlock(unsigned long n) {
 // Text, NUL and zero padding to the next block: the plain form of an enciphered string.
 std::unique_ptr<unsigned char[]> PlainBlocks(const char* text, unsigned long length,
                                              unsigned long& size) {
+    // No text in memory is this long; the bound keeps the size arithmetic from wrapping.
+    length = std::min<unsigned long>(length, PTRDIFF_MAX - 16);
     size = RoundUpToBlock(length + 1);
     auto buffer = std::make_unique<unsigned char[]>(size);  // zeroed: NUL and padding
     if (length > 0) {

@@ -27,9 +27,14 @@ public:
     }
     ~LSizedArray() { delete[] m_pData; }
 
-    // Replaces the contents with a new array of `size` default-initialised elements (null for
-    // a size of 0) and returns it.
+    // Replaces the contents with an array of `size` elements of unspecified value (null for a
+    // size of 0) and returns it. An array already large enough is reused, so a holder that is
+    // filled again and again allocates only when it must grow.
     T* Allocate(unsigned long size) {
+        if (size > 0 && size <= m_nAllocated) {
+            m_nSize = size;
+            return m_pData;
+        }
         Free();
         if (size > 0) {
             m_pData = new T[size];
