@@ -39,6 +39,19 @@ unsigned long long RequiredLength(unsigned long long length, unsigned flags) {
     return n;
 }
 
+// Encodes `count` whole 3-byte groups; returns the position after the written characters.
+// Each group's four characters are gathered in a word and stored at once.
+char* EncodeGroups(char* dst, const unsigned char* src, unsigned long count) {
+    for (unsigned long g = 0; g < count; ++g, src += 3, dst += 4) {
+        const uint32_t v =
+            (static_cast<uint32_t>(src[0]) << 16) | (static_cast<uint32_t>(src[1]) << 8) | src[2];
+        const char out[4] = {kAlphabet[(v >> 18) & 63], kAlphabet[(v >> 12) & 63],
+                             kAlphabet[(v >> 6) & 63], kAlphabet[v & 63]};
+        std::memcpy(dst, out, 4);
+    }
+    return dst;
+}
+
 // Writes the encoding into dst, which holds at least RequiredLength(length, flags)
 // characters; returns the count written (no terminator).
 unsigned long EncodeInto(char* dst, const unsigned char* src, unsigned long length,
@@ -46,16 +59,8 @@ unsigned long EncodeInto(char* dst, const unsigned char* src, unsigned long leng
     char* const start = dst;
     const unsigned long groups = length / 3;
     auto encodeGroups = [&](unsigned long count) {
-        for (unsigned long g = 0; g < count; ++g) {
-            const uint32_t v = (static_cast<uint32_t>(src[0]) << 16) |
-                               (static_cast<uint32_t>(src[1]) << 8) | src[2];
-            dst[0] = kAlphabet[(v >> 18) & 63];
-            dst[1] = kAlphabet[(v >> 12) & 63];
-            dst[2] = kAlphabet[(v >> 6) & 63];
-            dst[3] = kAlphabet[v & 63];
-            dst += 4;
-            src += 3;
-        }
+        dst = EncodeGroups(dst, src, count);
+        src += 3 * count;
     };
     if ((flags & kLBase64NoLineBreaks) != 0) {
         encodeGroups(groups);
@@ -108,7 +113,9 @@ void LBase64Encode(const void* data, unsigned long length, LStringLongTemplate<c
         return;
     }
     const unsigned long long need = RequiredLength(length, flags);
-    out.GrowToSize(need + 1);
+    if (out.GetCapacity() < need + 1) {
+        out.GrowToSize(need + 1);
+    }
     const unsigned long n =
         EncodeInto(out.GetBuffer(), static_cast<const unsigned char*>(data), length, flags);
     out.SetLength(n);

@@ -113,7 +113,6 @@ TEST(LHashTableModel, AgreesWithAMultimapOverRandomOperations) {
                 for (unsigned k = rng() % 8; k > 0 && it; --k, ++it, ++m) {
                 }
                 if (it) {
-                    std::string nextKey;
                     auto after = std::next(m);
                     table.Delete(it);
                     model.erase(m);
