@@ -38,14 +38,24 @@ void DrainMainQueue() {
     }
 }
 
-TEST(QueuedNotify, TestsRunOnTheMainThread) {
+// Teardown queues the end of the drain on the main queue; every test leaves the queue empty
+// for the next one.
+class QueuedNotify : public ::testing::Test {
+protected:
+    void TearDown() override { DrainMainQueue(); }
+};
+using NotifyMessageDispatcher = QueuedNotify;
+using ThreadQueuedNotify = QueuedNotify;
+using ThreadNotifyInterface = QueuedNotify;
+
+TEST_F(QueuedNotify, TestsRunOnTheMainThread) {
     EXPECT_TRUE(_LThreadIsMainThread());
     bool workerIsMain = true;
     std::thread([&] { workerIsMain = _LThreadIsMainThread(); }).join();
     EXPECT_FALSE(workerIsMain);
 }
 
-TEST(QueuedNotify, PostsFromAWorkerArriveOnTheMainThreadInOrder) {
+TEST_F(QueuedNotify, PostsFromAWorkerArriveOnTheMainThreadInOrder) {
     RecordingHandler handler;
     LQueuedNotifyDataSender sender(&handler);
     std::thread worker([&] {
@@ -78,7 +88,7 @@ TEST(QueuedNotify, PostsFromAWorkerArriveOnTheMainThreadInOrder) {
     }
 }
 
-TEST(QueuedNotify, NothingIsDeliveredAfterTeardown) {
+TEST_F(QueuedNotify, NothingIsDeliveredAfterTeardown) {
     RecordingHandler handler;
     LQueuedNotifyDataSender sender(&handler);
     std::thread([&] {
@@ -96,7 +106,7 @@ TEST(QueuedNotify, NothingIsDeliveredAfterTeardown) {
     DrainMainQueue();
 }
 
-TEST(QueuedNotify, DestroyingTheHandlerDropsWhatIsQueued) {
+TEST_F(QueuedNotify, DestroyingTheHandlerDropsWhatIsQueued) {
     auto* handler = new RecordingHandler;
     LQueuedNotifyDataSender sender(handler);
     std::thread([&] { sender.NotifyData(1); }).join();
@@ -114,7 +124,7 @@ public:
     std::vector<unsigned int> received;
 };
 
-TEST(NotifyMessageDispatcher, PostsWhileDrainingAreDroppedAndQueuedOnesStillRun) {
+TEST_F(NotifyMessageDispatcher, PostsWhileDrainingAreDroppedAndQueuedOnesStillRun) {
     auto receiver = std::make_shared<Receiver>();
     auto dispatcher = std::make_shared<LNotifyMessageDispatcher>(receiver);
     dispatcher->DispatchData(std::make_shared<LNotifyDataObject>(1, nullptr, 0), Receiver::Call);
@@ -146,7 +156,7 @@ public:
     bool allOnMain = true;
 };
 
-TEST(ThreadQueuedNotify, MainThreadCallsAtOnceOthersQueue) {
+TEST_F(ThreadQueuedNotify, MainThreadCallsAtOnceOthersQueue) {
     CountingQueuedNotify n;
     n.PostQueueNotify();
     EXPECT_EQ(n.count, 1);
@@ -200,7 +210,7 @@ public:
     }
 };
 
-TEST(ThreadNotifyInterface, WorkerReportsReachTheTargetOnTheMainThread) {
+TEST_F(ThreadNotifyInterface, WorkerReportsReachTheTargetOnTheMainThread) {
     TargetRecorder target;
     ReportingThread thread(&target);
     thread.Start(0);
@@ -215,7 +225,7 @@ TEST(ThreadNotifyInterface, WorkerReportsReachTheTargetOnTheMainThread) {
     EXPECT_DOUBLE_EQ(target.progress[0], 0.12);
 }
 
-TEST(ThreadNotifyInterface, CodesAboveFiveAreIgnoredAndTeardownStopsDelivery) {
+TEST_F(ThreadNotifyInterface, CodesAboveFiveAreIgnoredAndTeardownStopsDelivery) {
     TargetRecorder target;
     ReportingThread thread(&target);
     thread.EvQueuedNotifyData(6, nullptr, 0);

@@ -160,6 +160,16 @@ public:
     std::function<void(LThread&)> body;
 };
 
+// Self-destruction happens on the threads themselves: wait (boundedly) for the count, then
+// check that it did not overshoot.
+bool WaitForCount(std::atomic<int>& count, int expected) {
+    for (int i = 0; i < 10000 && count.load() < expected; ++i) {
+        usleep(1000);
+    }
+    usleep(1000);
+    return count.load() == expected;
+}
+
 TEST(DetachedThread, DestroysItselfWhenItsBodyEnds) {
     LDetachedThreadsOwner owner;
     std::atomic<int> destroyed{0};
@@ -168,9 +178,7 @@ TEST(DetachedThread, DestroysItselfWhenItsBodyEnds) {
     t->StartDetached(owner, 0);
     EXPECT_EQ(owner.GetThreadCount(), 1u);
     go.Signal();
-    while (destroyed.load() == 0) {
-        usleep(1000);
-    }
+    ASSERT_TRUE(WaitForCount(destroyed, 1));
     EXPECT_EQ(owner.GetThreadCount(), 0u);
 }
 
@@ -184,8 +192,9 @@ TEST(DetachedThread, StopThreadsNowStopsAndDestroysEveryThread) {
     }
     EXPECT_EQ(owner.GetThreadCount(), 8u);
     owner.StopThreadsNow();
-    EXPECT_EQ(destroyed.load(), 8);
     EXPECT_EQ(owner.GetThreadCount(), 0u);
+    // A thread that saw the stop before the owner took it destroys itself; let it finish.
+    EXPECT_TRUE(WaitForCount(destroyed, 8));
 }
 
 TEST(DetachedThread, StopThreadsSoonLetsThemEndOnTheirOwn) {
@@ -197,9 +206,7 @@ TEST(DetachedThread, StopThreadsSoonLetsThemEndOnTheirOwn) {
         }))->StartDetached(owner, 0);
     }
     owner.StopThreadsSoon();
-    while (destroyed.load() < 4) {
-        usleep(1000);
-    }
+    ASSERT_TRUE(WaitForCount(destroyed, 4));
     EXPECT_EQ(owner.GetThreadCount(), 0u);
 }
 
@@ -214,10 +221,7 @@ TEST(DetachedThread, ThreadsEndingWhileTheOwnerStopsThemAreDestroyedOnce) {
             owner.StopThreadsNow();
         }
         // Threads that ended on their own may still be destroying themselves.
-        while (destroyed.load() < 4) {
-            usleep(100);
-        }
-        EXPECT_EQ(destroyed.load(), 4);
+        ASSERT_TRUE(WaitForCount(destroyed, 4));
     }
 }
 
