@@ -11,6 +11,13 @@
 #include "thread/lsignal_object_platform.h"
 
 #if defined(__SANITIZE_THREAD__)
+#define L_THREAD_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define L_THREAD_SANITIZER 1
+#endif
+#endif
+#if defined(L_THREAD_SANITIZER)
 #include <sanitizer/tsan_interface.h>
 #endif
 
@@ -26,7 +33,7 @@ namespace {
 // byte is visible to the thread that sees the event readable. Reads carry that edge for the
 // thread sanitizer but poll does not, so under it the edge is declared by hand on a sync
 // address per read descriptor.
-#if defined(__SANITIZE_THREAD__)
+#if defined(L_THREAD_SANITIZER)
 char gDescriptorSync[1024];
 void SyncRelease(int fd) {
     if (fd >= 0) {
