@@ -1,6 +1,7 @@
 // Queued notifications: the dispatcher, the two Impl objects and the classes over them.
 #include "thread/lqueued_notify.h"
 
+#include <climits>
 #include <cstring>
 #include <utility>
 
@@ -213,6 +214,9 @@ LThreadNotifyInterface::LThreadNotifyInterface(LProcessInterface* target)
     : target(target), sender(this) {}
 
 LThreadNotifyInterface::~LThreadNotifyInterface() {
+    // The body reports through this object's sender and status lines, which go before the
+    // LThread part would wait for it: stop it here first.
+    StopThreadAndWait();
     QueuedNotifyDataHandlerDestroy();
 }
 
@@ -248,7 +252,18 @@ void LThreadNotifyInterface::SetStatus(char const* text, int level) {
 }
 
 void LThreadNotifyInterface::SetProgress(double progress) {
-    sender.NotifyData(3, static_cast<long>(progress * 100.0));
+    // Whole hundredths, truncated toward zero. Values no long can hold (and NaN) would make
+    // the conversion undefined; they are pinned to the nearest end instead (NaN to 0).
+    double hundredths = progress * 100.0;
+    long value = 0;
+    if (hundredths >= static_cast<double>(LONG_MAX)) {
+        value = LONG_MAX;
+    } else if (hundredths <= static_cast<double>(LONG_MIN)) {
+        value = LONG_MIN;
+    } else if (hundredths == hundredths) {
+        value = static_cast<long>(hundredths);
+    }
+    sender.NotifyData(3, value);
 }
 
 void LThreadNotifyInterface::SetProgressIndeterminateOn() {
@@ -266,7 +281,9 @@ void LThreadNotifyInterface::EvQueuedNotifyData(unsigned int code, void const* d
     }
     switch (code) {
         case 0:
-            if (data != nullptr) {
+            // Only a terminated text is shown; the sender always posts one with its NUL.
+            if (data != nullptr && lengthOrValue > 0 &&
+                static_cast<char const*>(data)[lengthOrValue - 1] == '\0') {
                 target->SetError(static_cast<char const*>(data));
             }
             break;

@@ -228,7 +228,12 @@ void LDetachedThreadsOwner::StopThreadsNow() {
         head = t->next;
         t->next = nullptr;
         mutex.Unlock();
-        // The destructor signals stop and waits for a started body to finish.
+        // Wait before destroying: the destructor of the most derived class runs first, and a
+        // body still running would use members that are already gone.
+        t->StopThreadSoon();
+        if (t->startedEvent.IsSignaled()) {
+            t->finishedEvent.WaitSignal(LSignalInfinite);
+        }
         delete t;
         mutex.Lock();
     }

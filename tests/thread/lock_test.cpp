@@ -1,6 +1,7 @@
 #include "thread/llock.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/sem.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -194,6 +195,53 @@ TEST_F(SystemLock, LockForeverWaitsForAnotherProcessToRelease) {
     lock.Unlock();
     EXPECT_EQ(waitpid(child, &status, 0), child);
     EXPECT_TRUE(WIFEXITED(status));
+}
+
+TEST_F(SystemLock, ExcludesOtherThreadsOfTheSameProcess) {
+    LSystemLockMutex lock(name_.c_str());
+    ASSERT_TRUE(lock.IsValid());
+    // Atomics, so that an overlap is counted rather than being a race of its own.
+    std::atomic<int> inside{0}, overlaps{0};
+    auto worker = [&] {
+        LSystemLockMutex mine(name_.c_str());
+        for (int i = 0; i < 200; ++i) {
+            mine.LockForever();
+            if (inside.fetch_add(1) != 0) {
+                ++overlaps;
+            }
+            sched_yield();
+            inside.fetch_sub(1);
+            mine.Unlock();
+        }
+    };
+    std::thread a(worker), b(worker);
+    a.join();
+    b.join();
+    EXPECT_EQ(overlaps.load(), 0);
+    EXPECT_EQ(semctl(lock.GetSetId(), 0, GETVAL), 1);
+}
+
+TEST_F(SystemLock, TimedLockSucceedsOnceAnotherThreadReleases) {
+    LSystemLockMutex lock(name_.c_str());
+    lock.LockForever();
+    LSignalObject tried;
+    std::atomic<bool> got{false};
+    std::thread waiter([&] {
+        LSystemLockMutex other(name_.c_str());
+        tried.Signal();
+        got = other.Lock(LSignalInfinite - 1);
+        if (got) {
+            other.Unlock();
+        }
+    });
+    tried.WaitSignal(LSignalInfinite);
+    while (pauses_.load() == 0) {
+        usleep(1000);
+    }
+    EXPECT_FALSE(got.load());
+    lock.Unlock();
+    waiter.join();
+    EXPECT_TRUE(got.load());
 }
 
 TEST_F(SystemLock, ReleasingAFreeLockRemovesTheSet) {

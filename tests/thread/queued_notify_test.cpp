@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <climits>
+#include <limits>
 #include <string>
 #include <thread>
 #include <vector>
@@ -236,6 +238,46 @@ TEST_F(ThreadNotifyInterface, CodesAboveFiveAreIgnoredAndTeardownStopsDelivery) 
     thread.QueuedNotifyDataHandlerDestroy();
     DrainMainQueue();
     EXPECT_TRUE(target.events.empty());
+}
+
+// Reports until stopped and leaves the stopping to LThreadNotifyInterface itself.
+class ChattyThread : public LThreadNotifyInterface {
+public:
+    using LThreadNotifyInterface::LThreadNotifyInterface;
+    void ThreadMain() override {
+        started.Signal();
+        for (int i = 0; !IsToStop(); ++i) {
+            SetStatusF(i & 1, "line %d", i);
+            SetProgress(0.001 * i);
+        }
+    }
+    LSignalObject started;
+};
+
+TEST_F(ThreadNotifyInterface, DestroyingARunningReporterStopsItAndDeliversNothingMore) {
+    TargetRecorder target;
+    auto* thread = new ChattyThread(&target);
+    thread->Start(0);
+    thread->started.WaitSignal(LSignalInfinite);
+    usleep(2000);
+    delete thread;  // the body still reports while the object goes
+    DrainMainQueue();
+    EXPECT_TRUE(target.events.empty());
+}
+
+TEST_F(ThreadNotifyInterface, ProgressOutsideTheRangeOfWholeHundredthsIsPinned) {
+    TargetRecorder target;
+    ReportingThread thread(&target);
+    std::thread([&] {
+        thread.SetProgress(-0.019);
+        thread.SetProgress(1e300);
+        thread.SetProgress(std::numeric_limits<double>::quiet_NaN());
+    }).join();
+    DrainMainQueue();
+    ASSERT_EQ(target.progress.size(), 3u);
+    EXPECT_DOUBLE_EQ(target.progress[0], -0.01);
+    EXPECT_DOUBLE_EQ(target.progress[1], static_cast<double>(LONG_MAX) * 0.01);
+    EXPECT_EQ(target.progress[2], 0.0);
 }
 
 TEST(AssociatedData, AttachesWrappedAndDirectData) {

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <functional>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -223,6 +224,36 @@ TEST(DetachedThread, ThreadsEndingWhileTheOwnerStopsThemAreDestroyedOnce) {
         // Threads that ended on their own may still be destroying themselves.
         ASSERT_TRUE(WaitForCount(destroyed, 4));
     }
+}
+
+// A detached thread that leaves all stopping to the owner: its body keeps using its own
+// members after the stop request, so the owner must wait for the body before destroying it.
+class LingeringDetached : public LDetachedThread {
+public:
+    explicit LingeringDetached(std::atomic<int>& finished) : finished(finished) {}
+    void ThreadMain() override {
+        ProcessWaitUntilStopped();
+        for (int i = 0; i < 20; ++i) {
+            usleep(500);
+            log.push_back('x');  // freed memory if the object were already being destroyed
+        }
+        ++finished;
+    }
+    std::atomic<int>& finished;
+    std::string log;
+};
+
+TEST(DetachedThread, StopThreadsNowWaitsForTheBodyBeforeDestroying) {
+    std::atomic<int> finished{0};
+    LDetachedThreadsOwner owner;
+    for (int i = 0; i < 3; ++i) {
+        (new LingeringDetached(finished))->StartDetached(owner, 0);
+    }
+    owner.StopThreadsNow();
+    // Threads the owner destroyed were waited for; any that saw the stop first and removed
+    // themselves from the list finish on their own.
+    EXPECT_TRUE(WaitForCount(finished, 3));
+    EXPECT_EQ(owner.GetThreadCount(), 0u);
 }
 
 ProcessRunData* RunCommand(char const* command) {
