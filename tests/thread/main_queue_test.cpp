@@ -1,0 +1,87 @@
+#include "thread/main_queue.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+namespace {
+
+TEST(MainQueue, RunsItemsInOrderAndStopsAfterTheRunningItem) {
+    std::vector<int> order;
+    for (int i = 0; i < 5; ++i) {
+        LMainQueueAsync([&order, i] {
+            order.push_back(i);
+            if (i == 2) {
+                LMainQueueStop();
+            }
+        });
+    }
+    LMainQueueRun();
+    EXPECT_EQ(order, (std::vector<int>{0, 1, 2}));
+    // The rest stays queued for the next run.
+    EXPECT_EQ(LMainQueueDrain(0), 2u);
+    EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3, 4}));
+}
+
+TEST(MainQueue, WorkQueuedFromOtherThreadsAndFromItemsIsRun) {
+    std::atomic<int> ran{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&ran] {
+            for (int i = 0; i < 100; ++i) {
+                LMainQueueAsync([&ran] { ++ran; });
+            }
+        });
+    }
+    for (auto& t : threads) {
+        t.join();
+    }
+    LMainQueueAsync([&ran] { LMainQueueAsync([&ran] { ran += 1000; }); });
+    EXPECT_EQ(LMainQueueDrain(0), 402u);
+    EXPECT_EQ(ran.load(), 1400);
+}
+
+TEST(MainQueue, DrainWaitsForTheFirstItemOnly) {
+    EXPECT_EQ(LMainQueueDrain(1), 0u);
+    std::thread later([] { LMainQueueAsync([] {}); });
+    EXPECT_EQ(LMainQueueDrain(5000), 1u);
+    later.join();
+}
+
+TEST(MainQueue, StopFromAnotherThreadEndsRun) {
+    std::thread stopper([] { LMainQueueStop(); });
+    LMainQueueRun();  // returns: the stop is kept even if it came before the run
+    stopper.join();
+}
+
+TEST(DispatchGroup, NotifyRunsOnMainQueueWhenCountReachesZero) {
+    LDispatchGroup group;
+    bool notified = false;
+    group.Enter();
+    group.Enter();
+    group.Notify([&] { notified = true; });
+    group.Leave();
+    EXPECT_EQ(LMainQueueDrain(0), 0u);
+    std::thread worker([&] { group.Leave(); });
+    EXPECT_TRUE(group.Wait(~0u));
+    worker.join();
+    EXPECT_EQ(LMainQueueDrain(1000), 1u);
+    EXPECT_TRUE(notified);
+}
+
+TEST(DispatchGroup, NotifyOnIdleGroupIsQueuedAtOnceAndWaitTimesOut) {
+    LDispatchGroup group;
+    int calls = 0;
+    group.Notify([&] { ++calls; });
+    EXPECT_EQ(LMainQueueDrain(0), 1u);
+    EXPECT_EQ(calls, 1);
+    group.Enter();
+    EXPECT_FALSE(group.Wait(5));
+    group.Leave();
+    group.Leave();  // unbalanced: ignored
+    EXPECT_TRUE(group.Wait(0));
+}
+
+}  // namespace
