@@ -117,9 +117,10 @@ void LFile::GetApplicationsFolder(char* dst) {
     strcpy(dst, "/Applications");
 }
 
-// Removable and external volumes are mounted below /media here.
+// The fixed place the system's own data names for mounted volumes; kept as it is on every
+// platform so that stored paths stay comparable.
 void LFile::GetMountedDrivesFolder(char* dst) {
-    strcpy(dst, "/media");
+    strcpy(dst, "/Volumes");
 }
 
 void LFile::GetHelpFolder(char* dst) {

@@ -142,7 +142,7 @@ TEST(UserDirsLine, Forms) {
 
 TEST(StandardFolders, FixedAnswers) {
     EXPECT_EQ(Get(LFile::GetApplicationsFolder), "/Applications");
-    EXPECT_EQ(Get(LFile::GetMountedDrivesFolder), "/media");
+    EXPECT_EQ(Get(LFile::GetMountedDrivesFolder), "/Volumes");
 }
 
 TEST(NonSandboxed, FromTheUserDatabaseNotHome) {
