@@ -8,6 +8,8 @@
 
 #include <cerrno>
 
+#include "file/lfile.h"
+#include "file/lspecial_folders.h"
 #include "thread/lsignal_object_platform.h"
 
 #if defined(__SANITIZE_THREAD__)
@@ -160,6 +162,16 @@ bool LSignalObjectGroup::Select(unsigned int ms) {
 
 bool LSignalObjectGroup::IsEntryReady(uint64_t index) const {
     return index < count && (entries[index].revents & (POLLIN | POLLHUP | POLLERR)) != 0;
+}
+
+void LSignalNamedAddress::Make(char const* name) {
+    // Named events live in the user's application-support folder; the folder lookup creates
+    // its fallback under the home folder when the platform search has no answer.
+    char folder[kLPathSize] = {};
+    char path[kLPathSize];
+    GetUserSpecialFolder(folder, kLFolderApplicationSupport, "Library/Application Support");
+    LFile::_MakeFilePath(path, folder, name, "");
+    _LSignalFillAddress(address, path);
 }
 
 LSignalObjectNamed::LSignalObjectNamed(char const* name) {

@@ -1,4 +1,4 @@
-// The platform half of the events: descriptor creation and the named events' folder. Kept
+// The platform half of the events: descriptor creation and the socket address layout. Kept
 // out of lsignal_object.h because only the event code itself calls these.
 #pragma once
 
@@ -9,8 +9,8 @@ bool _LSignalMakePipe(int fds[2]);
 // Opens an AF_UNIX stream socket, close-on-exec; -1 on failure.
 int _LSignalMakeStreamSocket();
 void _LSignalSetNonBlocking(int fd);
-// Writes the folder named events live in (the user's application-support folder) into a
-// 260-byte buffer.
-void _LSignalNamedFolder(char* dst);
+// Clears the address and fills in the family and as much of path as the 106-byte address
+// holds, terminated.
+void _LSignalFillAddress(sockaddr_un& address, char const* path);
 // Connects to the address and writes one byte (the shared body of the two Signal forms).
 void _LSignalNamedSignal(LSignalNamedAddress const& addr);

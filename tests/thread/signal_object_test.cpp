@@ -6,8 +6,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <thread>
@@ -132,6 +134,47 @@ protected:
 TEST_F(NamedSignal, PathLiesInTheUsersDataFolder) {
     LSignalObjectNamedSignaller signaller(name_.c_str());
     EXPECT_EQ(std::string(signaller.GetPath()), (root_ / ".local/share" / name_).string());
+}
+
+TEST_F(NamedSignal, WithoutADataFolderSettingThePathLiesUnderHome) {
+    unsetenv("XDG_DATA_HOME");
+    std::filesystem::path folder = root_ / "Library/Application Support";
+    LSignalObjectNamedWaiter waiter(name_.c_str());
+    EXPECT_EQ(std::string(waiter.GetPath()), (folder / name_).string());
+    // The folder is made on the way, so the waiter could bind and a signal gets through.
+    EXPECT_TRUE(std::filesystem::is_directory(folder));
+    LSignalObjectNamedSignaller(name_.c_str()).Signal();
+    EXPECT_TRUE(waiter.WaitSignal(LSignalInfinite));
+    EXPECT_GE(waiter.GetAcceptedDescriptor(), 0);
+}
+
+TEST_F(NamedSignal, LongPathsAreCutToTheAddress) {
+    std::string longName(200, 'n');
+    LSignalObjectNamedSignaller signaller(longName.c_str());
+    std::string expected = (root_ / ".local/share" / longName).string().substr(0, 103);
+    EXPECT_EQ(std::string(signaller.GetPath()), expected);
+}
+
+// The descriptors this process holds, by number.
+std::vector<int> OpenDescriptors() {
+    std::vector<int> fds;
+    for (auto const& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        fds.push_back(std::stoi(entry.path().filename().string()));
+    }
+    std::sort(fds.begin(), fds.end());
+    return fds;
+}
+
+TEST_F(NamedSignal, SignalWithNobodyListeningReturnsAndKeepsItsSocket) {
+    std::vector<int> before = OpenDescriptors();
+    LSignalObjectNamedSignaller(name_.c_str()).Signal();
+    std::vector<int> after = OpenDescriptors();
+    std::vector<int> added;
+    std::set_difference(after.begin(), after.end(), before.begin(), before.end(),
+                        std::back_inserter(added));
+    // The failed connect leaves its socket open, as this event always has.
+    ASSERT_EQ(added.size(), 1u);
+    close(added[0]);
 }
 
 TEST_F(NamedSignal, WaitEndsWithTrueAfterTheTimeoutWhenNobodySignals) {
