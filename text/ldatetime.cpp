@@ -423,9 +423,9 @@ int _LDateFormatOrderOf(const char* format) {
         return 0;
     // Position of the first of the given specifiers, or -1 when none is present (an absent
     // field counts as coming first).
-    auto find = [&f](std::initializer_list<const char*> specs) -> long {
-        for (const char* spec : specs) {
-            const size_t at = f.find(spec);
+    auto find = [&f](std::initializer_list<const char*> items) -> long {
+        for (const char* item : items) {
+            const size_t at = f.find(item);
             if (at != std::string_view::npos)
                 return static_cast<long>(at);
         }
