@@ -29,45 +29,43 @@ bool IsSurrogate(char32_t c) {
     return c >= 0xD800 && c <= 0xDFFF;
 }
 
-// Decodes one well-formed sequence at p (p < end, *p >= 0x80). Returns its length, or 0 when
-// the bytes at p do not start a well-formed sequence.
-inline int DecodeMultiByte(const unsigned char* p, const unsigned char* end, char32_t& cp) {
+inline bool IsContinuation(unsigned char b) {
+    return (b & 0xC0) == 0x80;
+}
+
+// Decodes one well-formed multi-byte sequence at p (*p >= 0x80). Returns its length, or 0 when
+// the bytes at p do not start a well-formed sequence. The text's terminator is the sentinel:
+// it fails every continuation test, and the tests run in order, so nothing past it is read.
+inline int DecodeMultiByte(const unsigned char* p, char32_t& cp) {
     const unsigned char lead = p[0];
-    int extra;
-    unsigned char lo = 0x80, hi = 0xBF;
-    if (lead < 0xC2) {
-        return 0;
-    } else if (lead < 0xE0) {
-        extra = 1;
-    } else if (lead < 0xF0) {
-        extra = 2;
-        if (lead == 0xE0)
-            lo = 0xA0;
-        if (lead == 0xED)
-            hi = 0x9F;
-    } else if (lead <= 0xF4) {
-        extra = 3;
-        if (lead == 0xF0)
-            lo = 0x90;
-        if (lead == 0xF4)
-            hi = 0x8F;
-    } else {
-        return 0;
-    }
-    if (end - p <= extra)
-        return 0;
-    if (p[1] < lo || p[1] > hi)
-        return 0;
-    for (int i = 2; i <= extra; ++i) {
-        if (p[i] < 0x80 || p[i] > 0xBF)
+    if (lead < 0xC2)
+        return 0;  // a continuation byte, or the overlong leads C0 and C1
+    if (lead < 0xE0) {
+        if (!IsContinuation(p[1]))
             return 0;
+        cp = (static_cast<char32_t>(lead) << 6) + p[1] - offsetsFromUTF8[1];
+        return 2;
     }
-    char32_t ch = 0;
-    for (int i = 0; i <= extra; ++i) {
-        ch = (ch << 6) + p[i];
+    if (lead < 0xF0) {
+        // E0 must not start an overlong form, ED must not encode a surrogate.
+        const unsigned char lo = lead == 0xE0 ? 0xA0 : 0x80;
+        const unsigned char hi = lead == 0xED ? 0x9F : 0xBF;
+        if (p[1] < lo || p[1] > hi || !IsContinuation(p[2]))
+            return 0;
+        cp = (((static_cast<char32_t>(lead) << 6) + p[1]) << 6) + p[2] - offsetsFromUTF8[2];
+        return 3;
     }
-    cp = ch - offsetsFromUTF8[extra];
-    return extra + 1;
+    if (lead <= 0xF4) {
+        // F0 must not start an overlong form, F4 must stay at or below U+10FFFF.
+        const unsigned char lo = lead == 0xF0 ? 0x90 : 0x80;
+        const unsigned char hi = lead == 0xF4 ? 0x8F : 0xBF;
+        if (p[1] < lo || p[1] > hi || !IsContinuation(p[2]) || !IsContinuation(p[3]))
+            return 0;
+        cp = (((((static_cast<char32_t>(lead) << 6) + p[1]) << 6) + p[2]) << 6) + p[3] -
+             offsetsFromUTF8[3];
+        return 4;
+    }
+    return 0;  // F5 and above start nothing in UTF-8
 }
 
 // True when all 8 bytes at p are ASCII (none of them can be the terminator: the caller only
@@ -78,53 +76,61 @@ inline bool IsAsciiBlock(const unsigned char* p) {
     return (v & 0x8080808080808080ULL) == 0;
 }
 
-// UTF-8 to any code-unit type; Store maps a code point to a unit (UTF-32 keeps it, UTF-16
-// keeps its low 16 bits).
+// Decodes from p until the terminator or until `limit` units are stored; returns the units
+// stored, leaves p at the first byte not consumed and sets `illegal` when it stopped at an
+// ill-formed sequence. Unit keeps the code point (UTF-32) or its low 16 bits (UTF-16).
+template <class Unit>
+inline unsigned long DecodeRun(Unit* out, const unsigned char*& p, const unsigned char* end,
+                               unsigned long limit, int& result, bool& illegal) {
+    unsigned long n = 0;
+    while (n < limit && p < end) {
+        if (*p < 0x80) {
+            // Runs of ASCII: 8 bytes at a time while they fit in the output.
+            while (end - p >= 8 && limit - n >= 8 && IsAsciiBlock(p)) {
+                for (int i = 0; i < 8; ++i)
+                    out[n + i] = static_cast<Unit>(p[i]);
+                p += 8;
+                n += 8;
+            }
+            if (n < limit && p < end && *p < 0x80)
+                out[n++] = static_cast<Unit>(*p++);
+            continue;
+        }
+        char32_t cp;
+        const int len = DecodeMultiByte(p, cp);
+        if (len == 0) {
+            illegal = true;
+            break;
+        }
+        p += len;
+        // Neither case can come out of a well-formed sequence; kept as the reference
+        // converters handle them.
+        if (cp > kMaxLegal) {
+            cp = kReplacement;
+            result = kLConversionSourceIllegal;
+        } else if (IsSurrogate(cp)) {
+            cp = kReplacement;
+        }
+        out[n++] = static_cast<Unit>(cp);
+    }
+    return n;
+}
+
+// UTF-8 to UTF-32 or UTF-16 (cut to 16 bits). `size` counts output units with the terminator.
 template <class Unit>
 int DecodeUTF8(Unit* out, const char* in, unsigned long size) {
     if (size == 0)
         return kLConversionTargetExhausted;
     const auto* p = reinterpret_cast<const unsigned char*>(in);
     const unsigned char* end = p + std::strlen(in);
-    const unsigned long room = size - 1;
-    unsigned long n = 0;
     int result = kLConversionOK;
-    while (p < end) {
-        // Fast path for runs of ASCII: 8 bytes at a time while they fit in the output.
-        while (end - p >= 8 && room - n >= 8 && IsAsciiBlock(p)) {
-            for (int i = 0; i < 8; ++i)
-                out[n + i] = static_cast<Unit>(p[i]);
-            p += 8;
-            n += 8;
-        }
-        if (p == end)
-            break;
-        if (n == room) {
-            out[n] = 0;
-            return kLConversionTargetExhausted;
-        }
-        char32_t cp;
-        if (*p < 0x80) {
-            cp = *p++;
-        } else {
-            const int len = DecodeMultiByte(p, end, cp);
-            if (len == 0) {
-                out[n] = 0;
-                return kLConversionSourceIllegal;
-            }
-            p += len;
-            // Neither case can come out of a well-formed sequence; kept as the reference
-            // converters handle them.
-            if (cp > kMaxLegal) {
-                cp = kReplacement;
-                result = kLConversionSourceIllegal;
-            } else if (IsSurrogate(cp)) {
-                cp = kReplacement;
-            }
-        }
-        out[n++] = static_cast<Unit>(cp);
-    }
+    bool illegal = false;
+    const unsigned long n = DecodeRun(out, p, end, size - 1, result, illegal);
     out[n] = 0;
+    if (illegal)
+        return kLConversionSourceIllegal;
+    if (p < end)
+        return kLConversionTargetExhausted;
     return result;
 }
 
