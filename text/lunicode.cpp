@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -68,12 +69,19 @@ inline int DecodeMultiByte(const unsigned char* p, char32_t& cp) {
     return 0;  // F5 and above start nothing in UTF-8
 }
 
-// True when all 8 bytes at p are ASCII (none of them can be the terminator: the caller only
-// asks for blocks before the end).
-inline bool IsAsciiBlock(const unsigned char* p) {
+// Number of ASCII bytes at the start of the 8 bytes at p (8 when all are). The caller only
+// asks for blocks before the end, so none of them is the terminator.
+inline int AsciiPrefix(const unsigned char* p) {
     std::uint64_t v;
     std::memcpy(&v, p, sizeof v);
-    return (v & 0x8080808080808080ULL) == 0;
+    const std::uint64_t high = v & 0x8080808080808080ULL;
+    if (high == 0)
+        return 8;
+    if constexpr (std::endian::native == std::endian::little) {
+        return std::countr_zero(high) / 8;
+    } else {
+        return std::countl_zero(high) / 8;
+    }
 }
 
 // Decodes from p until the terminator or until `limit` units are stored; returns the units
@@ -85,12 +93,16 @@ inline unsigned long DecodeRun(Unit* out, const unsigned char*& p, const unsigne
     unsigned long n = 0;
     while (n < limit && p < end) {
         if (*p < 0x80) {
-            // Runs of ASCII: 8 bytes at a time while they fit in the output.
-            while (end - p >= 8 && limit - n >= 8 && IsAsciiBlock(p)) {
-                for (int i = 0; i < 8; ++i)
+            // ASCII 8 bytes at a time while they fit in the output; a block that holds other
+            // bytes gives up its ASCII start in one step.
+            while (end - p >= 8 && limit - n >= 8) {
+                const int k = AsciiPrefix(p);
+                for (int i = 0; i < k; ++i)
                     out[n + i] = static_cast<Unit>(p[i]);
-                p += 8;
-                n += 8;
+                p += k;
+                n += static_cast<unsigned long>(k);
+                if (k < 8)
+                    break;
             }
             if (n < limit && p < end && *p < 0x80)
                 out[n++] = static_cast<Unit>(*p++);
