@@ -121,24 +121,29 @@ TEST_F(DateTimeTest, NoDateIsTheEmptyText) {
 }
 
 TEST_F(DateTimeTest, ReadingDatesAndTheYearRule) {
+    // Two- and three-digit years: below 70 is 20xx, otherwise 1900 + the number.
+    const struct {
+        const char* date;
+        const char* time;
+        const char* text;
+    } cases[] = {
+        {"2021-03-05", "14:07:09", "2021-03-05 14:07:09"},
+        {"2021-7-1", nullptr, "2021-07-01 00:00:00"},
+        {"69-1-2", "3:4:5", "2069-01-02 03:04:05"},
+        {"70-1-2", "", "1970-01-02 00:00:00"},
+        {"121-1-2", "", "2021-01-02 00:00:00"},
+        {"1999-12-31", "23:59:59", "1999-12-31 23:59:59"},
+    };
     long v = 5;
-    LDateTime::SetDateTime(v, "2021-03-05", "14:07:09");
-    EXPECT_EQ(v, kMarch5);
-    LDateTime::SetDateTime(v, "", "14:07:09");
-    EXPECT_EQ(v, 0);
-    v = 5;
-    LDateTime::SetDateTime(v, nullptr, nullptr);
-    EXPECT_EQ(v, 0);
-    LDateTime::SetDateTime(v, "2021-7-1", nullptr);
-    EXPECT_EQ(Text(v), "2021-07-01 00:00:00");
-    LDateTime::SetDateTime(v, "69-1-2", "3:4:5");
-    EXPECT_EQ(Text(v), "2069-01-02 03:04:05");
-    LDateTime::SetDateTime(v, "70-1-2", "");
-    EXPECT_EQ(Text(v), "1970-01-02 00:00:00");
-    LDateTime::SetDateTime(v, "121-1-2", "");
-    EXPECT_EQ(Text(v), "2021-01-02 00:00:00");
-    LDateTime::SetDateTime(v, "1999-12-31", "23:59:59");
-    EXPECT_EQ(Text(v), "1999-12-31 23:59:59");
+    for (const auto& c : cases) {
+        LDateTime::SetDateTime(v, c.date, c.time);
+        EXPECT_EQ(Text(v), c.text) << c.date;
+    }
+    for (const char* date : {"", static_cast<const char*>(nullptr)}) {
+        v = 5;
+        LDateTime::SetDateTime(v, date, "14:07:09");
+        EXPECT_EQ(v, 0);
+    }
     LDateTime::SetDateTime(v, 21, 3, 5, 14, 7, 9);
     EXPECT_EQ(v, kMarch5);
 
@@ -174,42 +179,29 @@ TEST_F(DateTimeTest, RoundTripsEveryHourOfAYear) {
 }
 
 TEST_F(DateTimeTest, Validation) {
-    EXPECT_TRUE(LDateTime::ValidateDateYYYYHMMHDD(""));
-    EXPECT_TRUE(LDateTime::ValidateDateYYYYHMMHDD(nullptr));
-    EXPECT_TRUE(LDateTime::ValidateDateYYYYHMMHDD("2021-03-05"));
-    EXPECT_TRUE(LDateTime::ValidateDateYYYYHMMHDD("1970-01-01"));
-    EXPECT_TRUE(LDateTime::ValidateDateYYYYHMMHDD("2038-12-31"));
-    EXPECT_TRUE(LDateTime::ValidateDateYYYYHMMHDD("2024-02-29"));
-    EXPECT_FALSE(LDateTime::ValidateDateYYYYHMMHDD("2039-01-01"));
-    EXPECT_FALSE(LDateTime::ValidateDateYYYYHMMHDD("1969-12-31"));
-    EXPECT_FALSE(LDateTime::ValidateDateYYYYHMMHDD("2021-02-29"));
-    EXPECT_FALSE(LDateTime::ValidateDateYYYYHMMHDD("2021-13-01"));
-    EXPECT_FALSE(LDateTime::ValidateDateYYYYHMMHDD("2021-00-01"));
-    EXPECT_FALSE(LDateTime::ValidateDateYYYYHMMHDD("2021-04-31"));
-    EXPECT_FALSE(LDateTime::ValidateDateYYYYHMMHDD("2021-04-0"));
-    EXPECT_FALSE(LDateTime::ValidateDateYYYYHMMHDD("2021-04"));
-    EXPECT_FALSE(LDateTime::ValidateDateYYYYHMMHDD("date"));
-
-    EXPECT_TRUE(LDateTime::ValidateDateTimeYYYYHMMHDDHHCMMCSS("2021-03-05 23:59:59"));
-    EXPECT_TRUE(LDateTime::ValidateDateTimeYYYYHMMHDDHHCMMCSS("2021-03-05 0:0:0"));
-    EXPECT_FALSE(LDateTime::ValidateDateTimeYYYYHMMHDDHHCMMCSS(nullptr));
-    EXPECT_FALSE(LDateTime::ValidateDateTimeYYYYHMMHDDHHCMMCSS(""));
-    EXPECT_FALSE(LDateTime::ValidateDateTimeYYYYHMMHDDHHCMMCSS("2021-03-05"));
-    EXPECT_FALSE(LDateTime::ValidateDateTimeYYYYHMMHDDHHCMMCSS("2021-03-05 12:00"));
-    EXPECT_FALSE(LDateTime::ValidateDateTimeYYYYHMMHDDHHCMMCSS("2021-03-05 24:00:00"));
-    EXPECT_FALSE(LDateTime::ValidateDateTimeYYYYHMMHDDHHCMMCSS("2021-03-05 12:60:00"));
-    EXPECT_FALSE(LDateTime::ValidateDateTimeYYYYHMMHDDHHCMMCSS("2021-03-05 12:00:60"));
-    EXPECT_FALSE(LDateTime::ValidateDateTimeYYYYHMMHDDHHCMMCSS("2021-03-05 -1:00:00"));
-    EXPECT_FALSE(LDateTime::ValidateDateTimeYYYYHMMHDDHHCMMCSS("2039-03-05 12:00:00"));
-
-    EXPECT_EQ(LDateTime::GetNumberOfDaysInMonth(2021, 2), 28);
-    EXPECT_EQ(LDateTime::GetNumberOfDaysInMonth(2024, 2), 29);
-    EXPECT_EQ(LDateTime::GetNumberOfDaysInMonth(1900, 2), 28);
-    EXPECT_EQ(LDateTime::GetNumberOfDaysInMonth(2000, 2), 29);
-    EXPECT_EQ(LDateTime::GetNumberOfDaysInMonth(2021, 12), 31);
-    EXPECT_EQ(LDateTime::GetNumberOfDaysInMonth(2021, 11), 30);
-    EXPECT_EQ(LDateTime::GetNumberOfDaysInMonth(2021, 0), 0);
-    EXPECT_EQ(LDateTime::GetNumberOfDaysInMonth(2021, 13), 0);
+    using Case = std::pair<const char*, bool>;
+    for (auto [text, valid] :
+         {Case{"", true}, Case{nullptr, true}, Case{"2021-03-05", true}, Case{"1970-01-01", true},
+          Case{"2038-12-31", true}, Case{"2024-02-29", true}, Case{"2039-01-01", false},
+          Case{"1969-12-31", false}, Case{"2021-02-29", false}, Case{"2021-13-01", false},
+          Case{"2021-00-01", false}, Case{"2021-04-31", false}, Case{"2021-04-0", false},
+          Case{"2021-04", false}, Case{"date", false}}) {
+        EXPECT_EQ(LDateTime::ValidateDateYYYYHMMHDD(text), valid) << (text ? text : "null");
+    }
+    for (auto [text, valid] :
+         {Case{"2021-03-05 23:59:59", true}, Case{"2021-03-05 0:0:0", true}, Case{nullptr, false},
+          Case{"", false}, Case{"2021-03-05", false}, Case{"2021-03-05 12:00", false},
+          Case{"2021-03-05 24:00:00", false}, Case{"2021-03-05 12:60:00", false},
+          Case{"2021-03-05 12:00:60", false}, Case{"2021-03-05 -1:00:00", false},
+          Case{"2039-03-05 12:00:00", false}}) {
+        EXPECT_EQ(LDateTime::ValidateDateTimeYYYYHMMHDDHHCMMCSS(text), valid)
+            << (text ? text : "null");
+    }
+    const int days[][3] = {{2021, 2, 28},  {2024, 2, 29},  {1900, 2, 28}, {2000, 2, 29},
+                           {2021, 12, 31}, {2021, 11, 30}, {2021, 0, 0},  {2021, 13, 0}};
+    for (auto [year, month, count] : days) {
+        EXPECT_EQ(LDateTime::GetNumberOfDaysInMonth(year, month), count) << year << "-" << month;
+    }
     EXPECT_FALSE(LDateTime::IsLeapYear(2100));
     EXPECT_TRUE(LDateTime::IsLeapYear(2400));
     EXPECT_FALSE(LDateTime::IsLeapYear(2023));
@@ -245,19 +237,14 @@ TEST_F(DateTimeTest, DayTimeAndWeekDay) {
 }
 
 TEST_F(DateTimeTest, LocaleDateOrder) {
-    EXPECT_EQ(_LDateFormatOrderOf("%m/%d/%y"), 0);
-    EXPECT_EQ(_LDateFormatOrderOf("%d.%m.%Y"), 1);
-    EXPECT_EQ(_LDateFormatOrderOf("%Y-%m-%d"), 2);
-    EXPECT_EQ(_LDateFormatOrderOf("%D"), 0);
-    EXPECT_EQ(_LDateFormatOrderOf("%e %b %Y"), 1);
-    EXPECT_EQ(_LDateFormatOrderOf("%B %e, %Y"), 0);
-    EXPECT_EQ(_LDateFormatOrderOf("%y/%h/%d"), 2);
-    EXPECT_EQ(_LDateFormatOrderOf("%d %h %y"), 1);
-    EXPECT_EQ(_LDateFormatOrderOf("%y %d %B"), 2);
-    // Absent fields count as first.
-    EXPECT_EQ(_LDateFormatOrderOf("%d"), 0);
-    EXPECT_EQ(_LDateFormatOrderOf("%m"), 1);
-    EXPECT_EQ(_LDateFormatOrderOf(""), 1);
+    // 0: month first, 1: day first, 2: year first; absent fields count as first.
+    const std::pair<const char*, int> orders[] = {
+        {"%m/%d/%y", 0}, {"%d.%m.%Y", 1},  {"%Y-%m-%d", 2}, {"%D", 0},
+        {"%e %b %Y", 1}, {"%B %e, %Y", 0}, {"%y/%h/%d", 2}, {"%d %h %y", 1},
+        {"%y %d %B", 2}, {"%d", 0},        {"%m", 1},       {"", 1}};
+    for (auto [format, order] : orders) {
+        EXPECT_EQ(_LDateFormatOrderOf(format), order) << format;
+    }
 
     EXPECT_EQ(LGetLocaleDateFormatOrder(), 0);
     EXPECT_EQ(LDateTime::DateFormatOrder(), 0);
@@ -332,18 +319,18 @@ TEST_F(DateTimeTest, Schedules) {
 }
 
 TEST_F(DateTimeTest, AdjustByMonths) {
+    // The day is cut to the month's length; across a daylight-saving change (+6) the local
+    // time of day stays.
     const LDateTime jan31(Make(2021, 1, 31, 10, 20, 30));
-    EXPECT_EQ(Text(jan31.AdjustByMonths(1)), "2021-02-28 10:20:30");
+    const std::pair<int, const char*> cases[] = {
+        {1, "2021-02-28 10:20:30"},  {-13, "2019-12-31 10:20:30"}, {-1, "2020-12-31 10:20:30"},
+        {12, "2022-01-31 10:20:30"}, {3, "2021-04-30 10:20:30"},   {-24, "2019-01-31 10:20:30"},
+        {0, "2021-01-31 10:20:30"},  {6, "2021-07-31 10:20:30"}};
+    for (auto [months, text] : cases) {
+        EXPECT_EQ(Text(jan31.AdjustByMonths(months)), text) << months;
+    }
     EXPECT_EQ(Text(jan31), "2021-01-31 10:20:30");  // unchanged
     EXPECT_EQ(Text(LDateTime(Make(2024, 1, 31, 0, 0, 0)).AdjustByMonths(1)), "2024-02-29 00:00:00");
-    EXPECT_EQ(Text(jan31.AdjustByMonths(-13)), "2019-12-31 10:20:30");
-    EXPECT_EQ(Text(jan31.AdjustByMonths(-1)), "2020-12-31 10:20:30");
-    EXPECT_EQ(Text(jan31.AdjustByMonths(12)), "2022-01-31 10:20:30");
-    EXPECT_EQ(Text(jan31.AdjustByMonths(3)), "2021-04-30 10:20:30");
-    EXPECT_EQ(Text(jan31.AdjustByMonths(-24)), "2019-01-31 10:20:30");
-    EXPECT_EQ(Text(jan31.AdjustByMonths(0)), "2021-01-31 10:20:30");
-    // Across a daylight-saving change the local time of day stays.
-    EXPECT_EQ(Text(jan31.AdjustByMonths(6)), "2021-07-31 10:20:30");
     EXPECT_EQ(LDateTime().AdjustByMonths(5).GetValue(), 0);
 }
 

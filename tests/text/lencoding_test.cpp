@@ -10,27 +10,9 @@
 #include <string>
 #include <vector>
 
-namespace {
+#include "iconv_reference.h"
 
-// iconv of the whole text, or "" when any part fails.
-std::string Iconv(const char* to, const char* from, const std::string& in) {
-    iconv_t cd = iconv_open(to, from);
-    if (cd == reinterpret_cast<iconv_t>(-1))
-        return "";
-    std::string out(8 * in.size() + 16, '\0');
-    char* inPos = const_cast<char*>(in.data());
-    size_t inLeft = in.size();
-    char* outPos = out.data();
-    size_t outLeft = out.size();
-    size_t rc = iconv(cd, &inPos, &inLeft, &outPos, &outLeft);
-    if (rc != static_cast<size_t>(-1))
-        rc = iconv(cd, nullptr, nullptr, &outPos, &outLeft);
-    iconv_close(cd);
-    if (rc == static_cast<size_t>(-1))
-        return "";
-    out.resize(out.size() - outLeft);
-    return out;
-}
+namespace {
 
 using BufferFn = void (*)(char*, const char*, unsigned long);
 using StringFn = void (*)(LStringLongTemplate<char>&, const char*);
@@ -95,61 +77,44 @@ TEST(IconvFamily, KoiBufferFormsAndTheUnknownName) {
 }
 
 TEST(IconvFamily, StringFormsAndTheirNames) {
-    struct StringMember {
+    // Where the encoding a string form reads or writes differs from its name, that is
+    // deliberate and kept.
+    const struct {
         const char* name;
-        StringFn fn;
-        const char* to;
-        const char* from;
-        std::string input;
+        StringFn from, to;
+        const char* reads;
+        const char* writes;
+        const char* sample;  // UTF-8 text both encodings hold
+    } members[] = {
+        {"ISO88591", LCopyFromISO88591, LCopyToISO88591, "ISO-8859-1", "ISO-8859-1", kLatin},
+        {"WIN1252", LCopyFromWIN1252, LCopyToWIN1252, "WINDOWS-1252", "WINDOWS-1252",
+         "\u20AC\u2013"},
+        {"SHIFTJIS", LCopyFromSHIFTJIS932, LCopyToSHIFTJIS932, "SHIFT-JIS", "SHIFT-JIS", kJapanese},
+        {"ISO2022JP", LCopyFromISO2022JP, LCopyToISO2022JP, "ISO-2022-JP", "ISO-2022-JP", "abc"},
+        {"EUCKR", LCopyFromEUCKR, LCopyToEUCKR, "EUC-KR", "EUC-KR", kKorean},
+        {"ISO88595", LCopyFromISO88595, LCopyToISO88595, "ISO-8859-5", "ISO-8859-5", kCyrillic},
+        {"GB18030", LCopyFromGB18030, LCopyToGB18030, "ISO-8859-5", "GB18030", kCyrillic},
+        {"KOI8R", LCopyFromKOI8R, LCopyToKOI8R, "ISO-8859-5", "GB18030", kCyrillic},
+        {"WIN1256", LCopyFromWIN1256, LCopyToWIN1256, "WINDOWS-1256", "WINDOWS-1256",
+         "\u0633\u0644"},
+        {"ISO88592", LCopyFromISO88592, LCopyToISO88592, "ISO-8859-2", "ISO-8859-2",
+         "\u0141\u00F3"},
+        {"MacRoman", LCopyFromMacRoman, LCopyToMacRoman, "MACINTOSH", "MACINTOSH", "\u2122\u00E9"},
+        {"IBM437", LCopyFromIBM437, LCopyToIBM437, "ISO-8859-1", "ISO-8859-1", kLatin},
     };
-    const std::string cyr5 = Iconv("ISO-8859-5", "UTF-8", kCyrillic);
-    const std::string latin1 = Iconv("ISO-8859-1", "UTF-8", kLatin);
-    const StringMember members[] = {
-        {"FromISO88591", LCopyFromISO88591, "UTF-8", "ISO-8859-1", latin1},
-        {"ToISO88591", LCopyToISO88591, "ISO-8859-1", "UTF-8", kLatin},
-        {"FromWIN1252", LCopyFromWIN1252, "UTF-8", "WINDOWS-1252", "\x80\x93"},
-        {"ToWIN1252", LCopyToWIN1252, "WINDOWS-1252", "UTF-8", "\xE2\x82\xAC"},
-        {"FromSHIFTJIS", LCopyFromSHIFTJIS932, "UTF-8", "SHIFT-JIS",
-         Iconv("SHIFT-JIS", "UTF-8", kJapanese)},
-        {"ToSHIFTJIS", LCopyToSHIFTJIS932, "SHIFT-JIS", "UTF-8", kJapanese},
-        {"FromISO2022JP", LCopyFromISO2022JP, "UTF-8", "ISO-2022-JP",
-         Iconv("ISO-2022-JP", "UTF-8", "abc")},
-        {"ToISO2022JP", LCopyToISO2022JP, "ISO-2022-JP", "UTF-8", "abc"},
-        {"FromEUCKR", LCopyFromEUCKR, "UTF-8", "EUC-KR", Iconv("EUC-KR", "UTF-8", kKorean)},
-        {"ToEUCKR", LCopyToEUCKR, "EUC-KR", "UTF-8", kKorean},
-        {"FromISO88595", LCopyFromISO88595, "UTF-8", "ISO-8859-5", cyr5},
-        {"ToISO88595", LCopyToISO88595, "ISO-8859-5", "UTF-8", kCyrillic},
-        // Reads ISO-8859-5, not GB18030.
-        {"FromGB18030", LCopyFromGB18030, "UTF-8", "ISO-8859-5", cyr5},
-        {"ToGB18030", LCopyToGB18030, "GB18030", "UTF-8", kChinese},
-        // The string forms of the KOI8-R pair read ISO-8859-5 and write GB18030.
-        {"FromKOI8R", LCopyFromKOI8R, "UTF-8", "ISO-8859-5", cyr5},
-        {"ToKOI8R", LCopyToKOI8R, "GB18030", "UTF-8", kChinese},
-        {"FromWIN1256", LCopyFromWIN1256, "UTF-8", "WINDOWS-1256", "\xD3\xE1"},
-        {"ToWIN1256", LCopyToWIN1256, "WINDOWS-1256", "UTF-8", "\xD8\xB3"},
-        {"FromISO88592", LCopyFromISO88592, "UTF-8", "ISO-8859-2", "\xA3\xF3"},
-        {"ToISO88592", LCopyToISO88592, "ISO-8859-2", "UTF-8", "\xC5\x81"},
-        {"FromMacRoman", LCopyFromMacRoman, "UTF-8", "MACINTOSH", "\xAA\x8E"},
-        {"ToMacRoman", LCopyToMacRoman, "MACINTOSH", "UTF-8", "\xE2\x84\xA2"},
-        // IBM437 is converted as ISO-8859-1.
-        {"FromIBM437", LCopyFromIBM437, "UTF-8", "ISO-8859-1", latin1},
-        {"ToIBM437", LCopyToIBM437, "ISO-8859-1", "UTF-8", kLatin},
-    };
-    for (const StringMember& m : members) {
+    for (const auto& m : members) {
         SCOPED_TRACE(m.name);
-        const std::string expected = Iconv(m.to, m.from, m.input);
-        ASSERT_FALSE(expected.empty());
+        const std::string input = Iconv(m.reads, "UTF-8", m.sample);
+        const std::string written = Iconv(m.writes, "UTF-8", m.sample);
+        ASSERT_FALSE(input.empty() || written.empty());
         LStringLongTemplate<char> out("previous content");
-        m.fn(out, m.input.c_str());
-        EXPECT_EQ(std::string(out.GetText()), expected);
-        EXPECT_EQ(out.GetLength(), expected.size());
+        m.from(out, input.c_str());
+        EXPECT_EQ(std::string(out.GetText()), m.sample);
+        EXPECT_EQ(out.GetLength(), std::strlen(m.sample));
+        m.to(out, m.sample);
+        EXPECT_EQ(std::string(out.GetText()), written);
+        EXPECT_EQ(out.GetLength(), written.size());
     }
-    // The GB18030 reading really is ISO-8859-5: GB18030 bytes come out as Cyrillic letters.
-    const std::string gb = Iconv("GB18030", "UTF-8", kChinese);
-    LStringLongTemplate<char> out;
-    LCopyFromGB18030(out, gb.c_str());
-    EXPECT_NE(std::string(out.GetText()), kChinese);
-    EXPECT_EQ(std::string(out.GetText()), Iconv("UTF-8", "ISO-8859-5", gb));
 }
 
 TEST(IconvFamily, StringFormsAreSizedByInputLength) {
@@ -218,51 +183,54 @@ TEST(IconvFamily, FixedLengthTemplate) {
 }
 
 TEST(CodePages, ByNumber) {
+    struct Case {
+        unsigned cp;
+        const char* in;
+        unsigned long size;
+        bool ok;
+        std::string out;
+    };
+    const Case from[] = {
+        {1252, "\x80 \xE9", 64, true, "\u20AC \u00E9"},
+        {1251, "\xCF\xF0", 64, true, "\u041F\u0440"},
+        {932, "\x93\xFA", 64, true, "\u65E5"},
+        {437, "\x82", 64, true, "\u00E9"},
+        {65001, "ok", 64, true, "ok"},
+        // The UTF-8 result is cut with utf8strlcpy (whole characters, one more byte after ASCII).
+        {1252, "\xE9\xE9\xE9", 6, true, "\u00E9\u00E9"},
+        {1252, "abcdef", 4, true, "ab"},
+        {12345, "abc", 64, false, ""},
+        {932, "\x93", 64, false, ""},  // a cut double-byte character
+    };
+    const Case to[] = {
+        {1252, "\u20AC 5", 64, true, "\x80 5"},
+        {949, kKorean, 64, true, Iconv("CP949", "UTF-8", kKorean)},
+        {50220, "\u65E5", 64, true, "\x1B$BF|\x1B(B"},  // shift state closed at the end
+        {1252, "\u041F", 64, false, ""},                // no Cyrillic
+        {1252, "abcd", 4, false, ""},                   // terminator does not fit
+        {1252, "abc", 4, true, "abc"},
+        {0, "abc", 64, false, ""},
+    };
     char out[64];
-    EXPECT_TRUE(LCopyFromSpecificCodePage(1252, out, "\x80 \xE9", sizeof out));
-    EXPECT_STREQ(out, "\xE2\x82\xAC \xC3\xA9");
-    EXPECT_TRUE(LCopyFromSpecificCodePage(1251, out, "\xCF\xF0", sizeof out));
-    EXPECT_STREQ(out, "\xD0\x9F\xD1\x80");
-    EXPECT_TRUE(LCopyFromSpecificCodePage(932, out, "\x93\xFA", sizeof out));
-    EXPECT_STREQ(out, "\xE6\x97\xA5");
-    EXPECT_TRUE(LCopyFromSpecificCodePage(437, out, "\x82", sizeof out));
-    EXPECT_STREQ(out, "\xC3\xA9");
-    EXPECT_TRUE(LCopyFromSpecificCodePage(65001, out, "ok", sizeof out));
-    EXPECT_STREQ(out, "ok");
-    // The UTF-8 result is cut with utf8strlcpy (whole characters, one more byte after ASCII).
-    EXPECT_TRUE(LCopyFromSpecificCodePage(1252, out, "\xE9\xE9\xE9", 6));
-    EXPECT_STREQ(out, "\xC3\xA9\xC3\xA9");
-    EXPECT_TRUE(LCopyFromSpecificCodePage(1252, out, "abcdef", 4));
-    EXPECT_STREQ(out, "ab");
-
-    std::strcpy(out, "stale");
-    EXPECT_FALSE(LCopyFromSpecificCodePage(12345, out, "abc", sizeof out));
-    EXPECT_STREQ(out, "");
-    std::strcpy(out, "stale");
-    EXPECT_FALSE(LCopyFromSpecificCodePage(932, out, "\x93", sizeof out));  // cut DBCS
-    EXPECT_STREQ(out, "");
+    for (const Case& c : from) {
+        SCOPED_TRACE(testing::Message() << "from " << c.cp << " " << testing::PrintToString(c.in));
+        std::strcpy(out, "stale");
+        EXPECT_EQ(LCopyFromSpecificCodePage(c.cp, out, c.in, c.size), c.ok);
+        EXPECT_EQ(std::string(out), c.out);
+    }
+    for (const Case& c : to) {
+        SCOPED_TRACE(testing::Message() << "to " << c.cp << " " << testing::PrintToString(c.in));
+        std::strcpy(out, "stale");
+        EXPECT_EQ(LCopyToSpecificCodePage(c.cp, out, c.in, c.size), c.ok);
+        EXPECT_EQ(std::string(out), c.out);
+    }
 
     LStringLongTemplate<char> s;
     EXPECT_TRUE(LCopyFromSpecificCodePage(1253, s, "\xE1\xE2"));
-    EXPECT_STREQ(s.GetText(), "\xCE\xB1\xCE\xB2");
+    EXPECT_STREQ(s.GetText(), "\u03B1\u03B2");
     EXPECT_EQ(s.GetLength(), 4u);
     EXPECT_FALSE(LCopyFromSpecificCodePage(7, s, LStringLongTemplate<char>("abc")));
     EXPECT_TRUE(s.IsEmpty());
-
-    EXPECT_TRUE(LCopyToSpecificCodePage(1252, out, "\xE2\x82\xAC 5", sizeof out));
-    EXPECT_STREQ(out, "\x80 5");
-    EXPECT_TRUE(LCopyToSpecificCodePage(949, out, kKorean, sizeof out));
-    EXPECT_EQ(std::string(out), Iconv("CP949", "UTF-8", kKorean));
-    EXPECT_TRUE(LCopyToSpecificCodePage(50220, out, "\xE6\x97\xA5", sizeof out));
-    EXPECT_EQ(std::string(out), "\x1B$BF|\x1B(B");  // shift state closed at the end
-    EXPECT_FALSE(LCopyToSpecificCodePage(1252, out, "\xD0\x9F", sizeof out));  // no Cyrillic
-    EXPECT_STREQ(out, "");
-    EXPECT_FALSE(LCopyToSpecificCodePage(1252, out, "abcd", 4));  // terminator does not fit
-    EXPECT_STREQ(out, "");
-    EXPECT_TRUE(LCopyToSpecificCodePage(1252, out, "abc", 4));
-    EXPECT_STREQ(out, "abc");
-    EXPECT_FALSE(LCopyToSpecificCodePage(0, out, "abc", sizeof out));
-    EXPECT_STREQ(out, "");
 }
 
 TEST(CodePages, TableNamesAreKnownToIconv) {

@@ -4,37 +4,16 @@
 #include "text/lunicode.h"
 
 #include <gtest/gtest.h>
-#include <iconv.h>
 
-#include <cerrno>
 #include <cstring>
 #include <random>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "iconv_reference.h"
+
 namespace {
-
-// Converts with iconv until the end or the first error. `complete` is false when it stopped
-// early; `out` holds what was converted before that.
-struct IconvOutput {
-    std::string bytes;
-    bool complete;
-};
-
-IconvOutput IconvRun(const char* to, const char* from, const void* data, size_t size) {
-    iconv_t cd = iconv_open(to, from);
-    EXPECT_NE(cd, reinterpret_cast<iconv_t>(-1));
-    std::string out(4 * size + 16, '\0');
-    char* in = const_cast<char*>(static_cast<const char*>(data));
-    size_t inLeft = size;
-    char* outPos = out.data();
-    size_t outLeft = out.size();
-    const size_t rc = iconv(cd, &in, &inLeft, &outPos, &outLeft);
-    iconv_close(cd);
-    out.resize(out.size() - outLeft);
-    return {out, rc != static_cast<size_t>(-1) && inLeft == 0};
-}
 
 template <class Unit>
 std::basic_string<Unit> AsUnits(const std::string& bytes) {
@@ -43,15 +22,39 @@ std::basic_string<Unit> AsUnits(const std::string& bytes) {
     return units;
 }
 
+std::string Utf8Of(const std::u32string& text) {
+    IconvResult r = IconvRun("UTF-8", "UTF-32LE", text.data(), text.size() * 4);
+    EXPECT_TRUE(r.complete);
+    return r.bytes;
+}
+
+std::u16string Utf16Of(const std::u32string& text) {
+    return AsUnits<char16_t>(IconvRun("UTF-16LE", "UTF-32LE", text.data(), text.size() * 4).bytes);
+}
+
+// Faults are written as one text, separated by blanks, which none of them holds.
+std::vector<std::string> SplitAtBlanks(const std::string& text) {
+    std::vector<std::string> words(1);
+    for (char c : text) {
+        if (c == ' ') {
+            words.emplace_back();
+        } else {
+            words.back() += c;
+        }
+    }
+    return words;
+}
+
 // Random code points (never 0, never surrogates) with the encoding-length boundaries often.
 class TextGenerator {
 public:
     explicit TextGenerator(unsigned seed) : rng_(seed) {}
 
     char32_t CodePoint() {
-        static constexpr char32_t kEdges[] = {0x01,    0x7F,     0x80,     0x7FF,  0x800,
-                                              0xD7FF,  0xE000,   0xFFFD,   0xFFFF, 0x10000,
-                                              0xFFFFF, 0x100000, 0x10FFFF, 0xFE0F, 0x05D0};
+        // U+FEFF is here so that a byte-order mark is shown to decode as a plain character.
+        static constexpr char32_t kEdges[] = {0x01,   0x7F,    0x80,     0x7FF,    0x800,
+                                              0xD7FF, 0xE000,  0xFFFD,   0xFFFF,   0x10000,
+                                              0xFEFF, 0xFFFFF, 0x100000, 0x10FFFF, 0xFE0F};
         switch (Pick(6)) {
             case 0:
                 return kEdges[Pick(std::size(kEdges))];
@@ -71,8 +74,7 @@ public:
 
     std::u32string Valid(size_t maxLength) {
         std::u32string text;
-        const size_t n = Pick(maxLength + 1);
-        for (size_t i = 0; i < n; ++i)
+        for (size_t n = Pick(maxLength + 1); n > 0; --n)
             text += CodePoint();
         return text;
     }
@@ -80,44 +82,25 @@ public:
     // A well-formed text with one or more faults put in: stray continuation bytes, cut
     // sequences, overlong forms, encoded surrogates, values above U+10FFFF, bytes F5 to FF.
     std::string IllFormed(size_t maxLength) {
+        static const std::vector<std::string> kFaults = SplitAtBlanks(
+            "\x80 \xBF \xC0\x80 \xC1\xBF \xC2 \xE0\x80\x80 \xE0\x9F\xBF \xED\xA0\x80 \xED\xBF\xBF "
+            "\xE1\x80 \xF0\x80\x80\x80 \xF0\x8F\xBF\xBF \xF4\x90\x80\x80 \xF5\x80\x80\x80 "
+            "\xF8\x88\x80\x80\x80 \xFE \xFF \xF1\x80\x80 \xE2\x82 \xC3\x28");
         std::string text = Utf8Of(Valid(maxLength));
-        const size_t faults = 1 + Pick(3);
-        for (size_t f = 0; f < faults; ++f) {
-            static const std::vector<std::string> kFaults = {"\x80",
-                                                             "\xBF",
-                                                             "\xC0\x80",
-                                                             "\xC1\xBF",
-                                                             "\xC2",
-                                                             "\xE0\x80\x80",
-                                                             "\xE0\x9F\xBF",
-                                                             "\xED\xA0\x80",
-                                                             "\xED\xBF\xBF",
-                                                             "\xE1\x80",
-                                                             "\xF0\x80\x80\x80",
-                                                             "\xF0\x8F\xBF\xBF",
-                                                             "\xF4\x90\x80\x80",
-                                                             "\xF5\x80\x80\x80",
-                                                             "\xF8\x88\x80\x80\x80",
-                                                             "\xFE",
-                                                             "\xFF",
-                                                             "\xF1\x80\x80",
-                                                             "\xE2\x82",
-                                                             "\xC3\x28"};
-            std::string fault;
-            if (Pick(4) == 0) {
-                fault = std::string(1, static_cast<char>(0x80 + Pick(0x80)));
-            } else {
-                fault = kFaults[Pick(kFaults.size())];
-            }
+        for (size_t faults = 1 + Pick(3); faults > 0; --faults) {
+            const std::string fault = Pick(4) == 0 ? std::string(1, char(0x80 + Pick(0x80)))
+                                                   : kFaults[Pick(kFaults.size())];
             text.insert(Pick(text.size() + 1), fault);
         }
         return text;
     }
 
-    static std::string Utf8Of(const std::u32string& text) {
-        IconvOutput r = IconvRun("UTF-8", "UTF-32LE", text.data(), text.size() * 4);
-        EXPECT_TRUE(r.complete);
-        return r.bytes;
+    // Any bytes but NUL.
+    std::string RandomBytes(size_t maxLength) {
+        std::string bytes;
+        for (size_t n = Pick(maxLength + 1); n > 0; --n)
+            bytes += static_cast<char>(1 + Pick(255));
+        return bytes;
     }
 
     size_t Pick(size_t n) { return std::uniform_int_distribution<size_t>(0, n - 1)(rng_); }
@@ -133,29 +116,35 @@ std::u16string Cut16(const std::u32string& text) {
     return out;
 }
 
+// Both UTF-8 decoders give what iconv gives up to its first error, and say whether they
+// stopped there. Returns whether iconv took the whole text.
+bool ExpectDecodesAsIconv(const std::string& utf8) {
+    SCOPED_TRACE(testing::PrintToString(utf8));
+    const IconvResult ref = IconvRun("UTF-32LE", "UTF-8", utf8.data(), utf8.size());
+    const std::u32string prefix = AsUnits<char32_t>(ref.bytes);
+    std::vector<char32_t> out32(utf8.size() + 1, 0xAAAA);
+    const int r32 = LCopyUTF32FromUTF8Native(out32.data(), utf8.c_str(), out32.size());
+    EXPECT_EQ(r32, ref.complete ? 0 : 2);
+    EXPECT_EQ(std::u32string(out32.data()), prefix);
+    std::vector<char16_t> out16(utf8.size() + 1);
+    EXPECT_EQ(LCopyUnicodeFromUTF8(out16.data(), utf8.c_str(), out16.size()), r32);
+    // Astral characters cut to 16 bits may be 0 (U+10000), so compare by length.
+    EXPECT_EQ(std::u16string(out16.data(), prefix.size()), Cut16(prefix));
+    EXPECT_EQ(out16[prefix.size()], 0);
+    return ref.complete;
+}
+
 constexpr int kTexts = 1500;
 
 TEST(UnicodeAgainstIconv, WellFormedUtf8DecodesAsIconvDoes) {
     TextGenerator gen(1);
     for (int i = 0; i < kTexts; ++i) {
-        const std::u32string expected = gen.Valid(64);
-        const std::string utf8 = TextGenerator::Utf8Of(expected);
-        ASSERT_EQ(AsUnits<char32_t>(IconvRun("UTF-32LE", "UTF-8", utf8.data(), utf8.size()).bytes),
-                  expected);
-
-        std::vector<char32_t> out32(utf8.size() + 1, 0xAAAA);
-        ASSERT_EQ(LCopyUTF32FromUTF8Native(out32.data(), utf8.c_str(), out32.size()), 0);
-        EXPECT_EQ(std::u32string(out32.data()), expected);
-
+        const std::u32string text = gen.Valid(64);
+        const std::string utf8 = Utf8Of(text);
+        ASSERT_TRUE(ExpectDecodesAsIconv(utf8));
         std::vector<wchar_t> outW(utf8.size() + 1);
         ASSERT_EQ(LCopyUTF32FromUTF8(outW.data(), utf8.c_str(), outW.size()), 0);
-        EXPECT_EQ(outW[expected.size()], 0);
-
-        std::vector<char16_t> out16(utf8.size() + 1);
-        ASSERT_EQ(LCopyUnicodeFromUTF8(out16.data(), utf8.c_str(), out16.size()), 0);
-        // Astral characters cut to 16 bits may be 0 (U+10000), so compare by length.
-        EXPECT_EQ(std::u16string(out16.data(), expected.size()), Cut16(expected)) << "text " << i;
-        EXPECT_EQ(out16[expected.size()], 0);
+        EXPECT_EQ(std::wstring(outW.data()), std::wstring(text.begin(), text.end()));
     }
 }
 
@@ -163,56 +152,23 @@ TEST(UnicodeAgainstIconv, IllFormedUtf8StopsWhereIconvStops) {
     TextGenerator gen(2);
     int stoppedEarly = 0;
     for (int i = 0; i < kTexts; ++i) {
-        const std::string utf8 = gen.IllFormed(40);
-        if (utf8.find('\0') != std::string::npos)
-            continue;
-        const IconvOutput ref = IconvRun("UTF-32LE", "UTF-8", utf8.data(), utf8.size());
-        const std::u32string prefix = AsUnits<char32_t>(ref.bytes);
-
-        std::vector<char32_t> out32(utf8.size() + 1);
-        const int r32 = LCopyUTF32FromUTF8Native(out32.data(), utf8.c_str(), out32.size());
-        EXPECT_EQ(r32, ref.complete ? 0 : 2) << "text " << i;
-        EXPECT_EQ(std::u32string(out32.data()), prefix) << "text " << i;
-
-        std::vector<char16_t> out16(utf8.size() + 1);
-        const int r16 = LCopyUnicodeFromUTF8(out16.data(), utf8.c_str(), out16.size());
-        EXPECT_EQ(r16, r32);
-        EXPECT_EQ(std::u16string(out16.data(), prefix.size()), Cut16(prefix));
-        EXPECT_EQ(out16[prefix.size()], 0);
-        if (!ref.complete)
-            ++stoppedEarly;
+        stoppedEarly += !ExpectDecodesAsIconv(gen.IllFormed(40));
+        ExpectDecodesAsIconv(gen.RandomBytes(24));
     }
     // The generator puts at least one fault in each text; nearly all must be seen as such.
     EXPECT_GT(stoppedEarly, kTexts * 9 / 10);
-}
-
-TEST(UnicodeAgainstIconv, RandomBytesDecodeAsIconvDoes) {
-    TextGenerator gen(3);
-    for (int i = 0; i < kTexts; ++i) {
-        std::string bytes;
-        const size_t n = gen.Pick(24);
-        for (size_t k = 0; k < n; ++k)
-            bytes += static_cast<char>(1 + gen.Pick(255));
-        const IconvOutput ref = IconvRun("UTF-32LE", "UTF-8", bytes.data(), bytes.size());
-        std::vector<char32_t> out(bytes.size() + 1);
-        EXPECT_EQ(LCopyUTF32FromUTF8Native(out.data(), bytes.c_str(), out.size()),
-                  ref.complete ? 0 : 2);
-        EXPECT_EQ(std::u32string(out.data()), AsUnits<char32_t>(ref.bytes));
-    }
 }
 
 TEST(UnicodeAgainstIconv, EncodersMatchIconv) {
     TextGenerator gen(4);
     for (int i = 0; i < kTexts; ++i) {
         const std::u32string text = gen.Valid(64);
-        const std::string utf8 = TextGenerator::Utf8Of(text);
-        const std::u16string utf16 =
-            AsUnits<char16_t>(IconvRun("UTF-16LE", "UTF-32LE", text.data(), text.size() * 4).bytes);
+        const std::string utf8 = Utf8Of(text);
+        const std::u16string utf16 = Utf16Of(text);
 
         std::vector<char> out8(4 * text.size() + 1);
         ASSERT_EQ(LCopyUTF8FromUTF32Native(out8.data(), text.c_str(), out8.size()), 0);
         EXPECT_EQ(std::string(out8.data()), utf8);
-
         const std::wstring wide(text.begin(), text.end());
         ASSERT_EQ(LCopyUTF8FromUTF32(out8.data(), wide.c_str(), out8.size()), 0);
         EXPECT_EQ(std::string(out8.data()), utf8);
@@ -236,15 +192,13 @@ TEST(UnicodeAgainstIconv, LoneSurrogatesInUtf16BecomeReplacement) {
     TextGenerator gen(5);
     for (int i = 0; i < 300; ++i) {
         std::u32string text = gen.Valid(16);
-        const std::u16string good =
-            AsUnits<char16_t>(IconvRun("UTF-16LE", "UTF-32LE", text.data(), text.size() * 4).bytes);
         const char16_t lone = static_cast<char16_t>(gen.Pick(2) ? 0xD800 + gen.Pick(0x400)
                                                                 : 0xDC00 + gen.Pick(0x400));
         // Put the lone surrogate between whole characters so that it cannot pair up.
-        std::u16string bad = good + lone + u"x";
+        const std::u16string bad = Utf16Of(text) + lone + u"x";
         std::vector<char> out(3 * bad.size() + 1);
         EXPECT_EQ(LCopyUTF8FromUnicode(out.data(), bad.c_str(), out.size()), 2);
-        EXPECT_EQ(std::string(out.data()), TextGenerator::Utf8Of(text) + "\xEF\xBF\xBDx");
+        EXPECT_EQ(std::string(out.data()), Utf8Of(text) + "\xEF\xBF\xBDx");
         std::vector<char32_t> out32(bad.size() + 1);
         EXPECT_EQ(LCopyUTF32FromUnicode(out32.data(), bad.c_str(), out32.size()), 2);
         EXPECT_EQ(std::u32string(out32.data()), text + U"\uFFFDx");
@@ -290,24 +244,13 @@ TEST(UnicodeBounds, EveryOutputSizeStaysInsideTheBuffer) {
     EXPECT_EQ(untouched, 7u);
 }
 
-TEST(UnicodeEdges, AstralCharacterIsCutToSixteenBits) {
-    char16_t out[4];
-    EXPECT_EQ(LCopyUnicodeFromUTF8(out, "\xF0\x9F\x98\x80", 4), 0);
-    EXPECT_EQ(out[0], 0xF600);
-    EXPECT_EQ(out[1], 0);
-    const char32_t astral[] = {0x1F600, 0x41, 0};
-    EXPECT_EQ(LCopyUnicodeFromUTF32(out, astral, 4), 0);
-    EXPECT_EQ(std::u16string(out), u"\uF600A");
-}
-
+// The generated texts never hold values above U+10FFFF, so the encoders' answer to them is
+// shown here.
 TEST(UnicodeEdges, ValuesAboveTheLastCodePoint) {
     char out[8];
     const char32_t tooBig[] = {0x110000, 0};
     EXPECT_EQ(LCopyUTF8FromUTF32Native(out, tooBig, sizeof out), 2);
     EXPECT_STREQ(out, "\xEF\xBF\xBD");
-    const char32_t last[] = {0x10FFFF, 0};
-    EXPECT_EQ(LCopyUTF8FromUTF32Native(out, last, sizeof out), 0);
-    EXPECT_STREQ(out, "\xF4\x8F\xBF\xBF");
     // A bad value first, then a full output: the later result wins.
     const char32_t both[] = {0x110000, 0x41, 0x42, 0};
     EXPECT_EQ(LCopyUTF8FromUTF32Native(out, both, 5), 1);
@@ -317,24 +260,6 @@ TEST(UnicodeEdges, ValuesAboveTheLastCodePoint) {
     char16_t out16[4];
     EXPECT_EQ(LCopyUnicodeFromUTF32(out16, tooBig, 4), 2);
     EXPECT_EQ(out16[0], 0xFFFD);
-}
-
-TEST(UnicodeEdges, IllFormedInputEndsTheOutputThere) {
-    char32_t out[8];
-    EXPECT_EQ(LCopyUTF32FromUTF8Native(out,
-                                       "ab\xC0\x80"
-                                       "cd",
-                                       8),
-              2);
-    EXPECT_EQ(std::u32string(out), U"ab");
-    EXPECT_EQ(LCopyUTF32FromUTF8Native(out, "\xED\xA0\x80", 8), 2);  // encoded surrogate
-    EXPECT_EQ(out[0], 0u);
-    EXPECT_EQ(LCopyUTF32FromUTF8Native(out, "x\xF4\x90\x80\x80", 8), 2);  // above U+10FFFF
-    EXPECT_EQ(std::u32string(out), U"x");
-    EXPECT_EQ(LCopyUTF32FromUTF8Native(out, "x\xE2\x82", 8), 2);  // cut at the terminator
-    EXPECT_EQ(std::u32string(out), U"x");
-    EXPECT_EQ(LCopyUTF32FromUTF8Native(out, "\xEF\xBB\xBF", 8), 0);  // a BOM is a character
-    EXPECT_EQ(out[0], 0xFEFFu);
 }
 
 TEST(UnicodeStrings, StringFormsSizeForTheWholeInput) {
@@ -361,65 +286,40 @@ TEST(UnicodeStrings, StringFormsSizeForTheWholeInput) {
 }
 
 TEST(Utf8Copy, CutsNeverSplitACharacter) {
-    char out[16];
-    EXPECT_EQ(utf8strlcpy(out, "abc", 16), 3u);
-    EXPECT_STREQ(out, "abc");
-    EXPECT_EQ(utf8strlcpy(out, "abc", 4), 3u);  // fits exactly
-    EXPECT_STREQ(out, "abc");
-    // The deliberate extra cut after plain ASCII.
-    EXPECT_EQ(utf8strlcpy(out, "abcdef", 4), 3u);
-    EXPECT_STREQ(out, "ab");
-    // A 3-byte character straddling the limit is dropped whole.
-    EXPECT_EQ(utf8strlcpy(out,
-                          "ab\xE2\x82\xAC"
-                          "cd",
-                          5),
-              3u);
-    EXPECT_STREQ(out, "ab");
-    EXPECT_EQ(utf8strlcpy(out,
-                          "ab\xE2\x82\xAC"
-                          "cd",
-                          4),
-              3u);
-    EXPECT_STREQ(out, "ab");
-    // Ending exactly at the limit keeps it: 2-byte and 3-byte leads.
-    EXPECT_EQ(utf8strlcpy(out,
-                          "ab\xC3\xA9"
-                          "cd",
-                          5),
-              5u);
-    EXPECT_STREQ(out, "ab\xC3\xA9");
-    EXPECT_EQ(utf8strlcpy(out,
-                          "ab\xE2\x82\xAC"
-                          "cd",
-                          6),
-              6u);
-    EXPECT_STREQ(out, "ab\xE2\x82\xAC");
-    EXPECT_EQ(utf8strlcpy(out, "\xF0\x9F\x98\x80!", 5), 5u);
-    EXPECT_STREQ(out, "\xF0\x9F\x98\x80");
-    // Only continuation bytes before the cut: nothing is kept.
-    EXPECT_EQ(utf8strlcpy(out, "\x80\x80\x80\x80", 3), 0u);
-    EXPECT_STREQ(out, "");
-    EXPECT_EQ(utf8strlcpy(out, "abc", 1), 0u);
-    EXPECT_STREQ(out, "");
+    const struct {
+        const char* in;
+        unsigned long size, result;
+        const char* out;
+    } cases[] = {
+        {"abc", 16, 3, "abc"},
+        {"abc", 4, 3, "abc"},
+        {"abcdef", 4, 3, "ab"},      // the deliberate extra cut after plain ASCII
+        {"ab\u20ACcd", 5, 3, "ab"},  // a character straddling the limit goes whole
+        {"ab\u20ACcd", 4, 3, "ab"},
+        {"ab\u00E9cd", 5, 5, "ab\xC3\xA9"},  // ending exactly at the limit keeps it
+        {"ab\u20ACcd", 6, 6, "ab\xE2\x82\xAC"},
+        {"\xF0\x9F\x98\x80!", 5, 5, "\xF0\x9F\x98\x80"},
+        {"\x80\x80\x80\x80", 3, 0, ""},  // only continuation bytes before the cut
+        {"abc", 1, 0, ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << testing::PrintToString(c.in) << " size " << c.size);
+        char out[16];
+        EXPECT_EQ(utf8strlcpy(out, c.in, c.size), c.result);
+        EXPECT_STREQ(out, c.out);
+    }
     char untouched = 'u';
     EXPECT_EQ(utf8strlcpy(&untouched, "abc", 0), 0u);
     EXPECT_EQ(untouched, 'u');
 }
 
 TEST(Utf8Index, LeadBytesAndIndexes) {
-    EXPECT_EQ(LGetUTF8CharacterByteCount(0x41), 1);
-    EXPECT_EQ(LGetUTF8CharacterByteCount(0xBF), 1);
-    EXPECT_EQ(LGetUTF8CharacterByteCount(0xC0), 2);
-    EXPECT_EQ(LGetUTF8CharacterByteCount(0xDF), 2);
-    EXPECT_EQ(LGetUTF8CharacterByteCount(0xE0), 3);
-    EXPECT_EQ(LGetUTF8CharacterByteCount(0xEF), 3);
-    EXPECT_EQ(LGetUTF8CharacterByteCount(0xF0), 4);
-    EXPECT_EQ(LGetUTF8CharacterByteCount(0xF7), 4);
-    EXPECT_EQ(LGetUTF8CharacterByteCount(0xF8), 5);
-    EXPECT_EQ(LGetUTF8CharacterByteCount(0xFB), 5);
-    EXPECT_EQ(LGetUTF8CharacterByteCount(0xFC), 6);
-    EXPECT_EQ(LGetUTF8CharacterByteCount(0xFF), 6);
+    const std::pair<unsigned char, int> leads[] = {{0x41, 1}, {0xBF, 1}, {0xC0, 2}, {0xDF, 2},
+                                                   {0xE0, 3}, {0xEF, 3}, {0xF0, 4}, {0xF7, 4},
+                                                   {0xF8, 5}, {0xFB, 5}, {0xFC, 6}, {0xFF, 6}};
+    for (auto [lead, count] : leads) {
+        EXPECT_EQ(LGetUTF8CharacterByteCount(lead), count) << std::hex << int(lead);
+    }
 
     const char* text = "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80z";  // byte offsets 0 1 3 6 10
     EXPECT_EQ(utf8strlen(text), 5u);
@@ -500,8 +400,8 @@ TEST(CharacterTests, AsciiAndVariationSelectors) {
     EXPECT_TRUE(empty.IsEmpty());
 }
 
-// The right-to-left table, written out as listed, checked at every edge and over the whole
-// code space.
+// The right-to-left table, written out as listed and checked over the whole code space, which
+// takes in both sides of every range edge.
 TEST(LeftToRight, EveryRangeEdge) {
     const std::vector<std::pair<char32_t, char32_t>> rtl = {
         {0x05BE, 0x05BE}, {0x05C0, 0x05C0}, {0x05C3, 0x05C3}, {0x061B, 0x061B}, {0x061F, 0x061F},
@@ -516,23 +416,13 @@ TEST(LeftToRight, EveryRangeEdge) {
         for (char32_t c = first; c <= last; ++c)
             isRtl.insert(c);
     }
-    for (auto [first, last] : rtl) {
-        for (char32_t c : {char32_t(first - 1), first, char32_t(first + 1), char32_t(last - 1),
-                           last, char32_t(last + 1)}) {
-            EXPECT_EQ(LCharsetsIsLeftToRight(static_cast<wchar_t>(c)), !isRtl.count(c))
-                << std::hex << "U+" << static_cast<unsigned>(c);
-        }
-    }
+    int wrong = 0;
     for (char32_t c = 0; c <= 0x110000; ++c) {
-        if (LCharsetsIsLeftToRight(static_cast<wchar_t>(c)) == !!isRtl.count(c)) {
+        if (LCharsetsIsLeftToRight(static_cast<wchar_t>(c)) == !!isRtl.count(c) && ++wrong <= 5) {
             ADD_FAILURE() << std::hex << "U+" << static_cast<unsigned>(c);
-            break;
         }
     }
-    EXPECT_FALSE(LCharsetsIsLeftToRight(0x200F));
-    EXPECT_TRUE(LCharsetsIsLeftToRight(0x07A6));
-    EXPECT_TRUE(LCharsetsIsLeftToRight(0xFEFD));
-    EXPECT_TRUE(LCharsetsIsLeftToRight(L'A'));
+    EXPECT_EQ(wrong, 0);
     EXPECT_TRUE(LCharsetsIsLeftToRight(-1));
 }
 
