@@ -8,6 +8,7 @@
 #include <climits>
 #include <clocale>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <optional>
 #include <string>
@@ -19,6 +20,14 @@ constexpr const char* kCentralEurope = "CET-1CEST,M3.5.0,M10.5.0/3";
 constexpr long kMarch5 = 1614949629;
 // 2021-07-01 12:00:00 CEST (10:00:00 UTC).
 constexpr long kJuly1Noon = 1625133600;
+
+// Writes a form with separate date and time outputs as "date|time".
+void Join(void (*form)(long, char*, char*), long value, char* text) {
+    char time[260] = "stale";
+    form(value, text, time);
+    std::strcat(text, "|");
+    std::strcat(text, time);
+}
 
 class DateTimeTest : public ::testing::Test {
 protected:
@@ -60,64 +69,35 @@ private:
     std::string savedLocale_;
 };
 
+// Every text form of 2021-03-05 14:07:09, and of no date at all, which is the empty text in
+// every form. Forms with a date and a time part are shown here as "date|time".
 TEST_F(DateTimeTest, TextForms) {
-    char date[260], time[260], text[260];
-    LDateTime::GetDateTime(kMarch5, date, time);
-    EXPECT_STREQ(date, "2021-03-05");
-    EXPECT_STREQ(time, "14:07:09");
-    const LDateTime t(kMarch5);
-    t.GetDateTime(text);
-    EXPECT_STREQ(text, "2021-03-05 14:07:09");
-    t.GetDateTimeInLocalFormat(text);
-    EXPECT_STREQ(text, "2021-03-05 14:07:09");
-    LDateTime::GetDateYYYYHMMHDD(kMarch5, text);
-    EXPECT_STREQ(text, "2021-03-05");
-    t.GetDateInLocalFormat(text);
-    EXPECT_STREQ(text, "2021-03-05");
-    LDateTime::GetDateYYYYHMMHDDTimeHHCMM(kMarch5, date, time);
-    EXPECT_STREQ(date, "2021-03-05");
-    EXPECT_STREQ(time, "14:07");
-    LDateTime::GetDateYYYYHMMHDDTimeHHCMM(kMarch5, text);
-    EXPECT_STREQ(text, "2021-03-05 14:07");
-    t.GetTimeInLocalFormat(text);
-    EXPECT_STREQ(text, "14:07:09");
-    t._GetTextTime(text);
-    EXPECT_STREQ(text, "14:07:09");
-    LDateTime::GetTimeHHCMM(kMarch5, text);
-    EXPECT_STREQ(text, "14:07");
-    LDateTime::GetTimeHHHMMHSS(kMarch5, text);
-    EXPECT_STREQ(text, "14-07-09");
-    t.GetDateLocalFormat(text);
-    EXPECT_STREQ(text, "03/05/21");
+    using Form = void (*)(long value, char* text);
+    const std::pair<Form, const char*> forms[] = {
+        {[](long v, char* t) { Join(LDateTime::GetDateTime, v, t); }, "2021-03-05|14:07:09"},
+        {[](long v, char* t) { LDateTime(v).GetDateTime(t); }, "2021-03-05 14:07:09"},
+        {[](long v, char* t) { LDateTime(v).GetDateTimeInLocalFormat(t); }, "2021-03-05 14:07:09"},
+        {[](long v, char* t) { LDateTime::GetDateYYYYHMMHDD(v, t); }, "2021-03-05"},
+        {[](long v, char* t) { LDateTime(v).GetDateInLocalFormat(t); }, "2021-03-05"},
+        {[](long v, char* t) { Join(LDateTime::GetDateYYYYHMMHDDTimeHHCMM, v, t); },
+         "2021-03-05|14:07"},
+        {[](long v, char* t) { LDateTime::GetDateYYYYHMMHDDTimeHHCMM(v, t); }, "2021-03-05 14:07"},
+        {[](long v, char* t) { LDateTime(v).GetTimeInLocalFormat(t); }, "14:07:09"},
+        {[](long v, char* t) { LDateTime(v)._GetTextTime(t); }, "14:07:09"},
+        {[](long v, char* t) { LDateTime::GetTimeHHCMM(v, t); }, "14:07"},
+        {[](long v, char* t) { LDateTime::GetTimeHHHMMHSS(v, t); }, "14-07-09"},
+        {[](long v, char* t) { LDateTime(v).GetDateLocalFormat(t); }, "03/05/21"},
+    };
+    for (const auto& [form, expected] : forms) {
+        char text[520] = "stale";
+        form(kMarch5, text);
+        EXPECT_STREQ(text, expected);
+        std::strcpy(text, "stale");
+        form(0, text);
+        EXPECT_STREQ(text, std::strchr(expected, '|') ? "|" : "") << expected;
+    }
     // Daylight saving comes from the zone rule.
     EXPECT_EQ(Text(LDateTime(kJuly1Noon)), "2021-07-01 12:00:00");
-}
-
-TEST_F(DateTimeTest, NoDateIsTheEmptyText) {
-    char date[260] = "x", time[260] = "x", text[260] = "x";
-    const LDateTime none;
-    LDateTime::GetDateTime(0, date, time);
-    EXPECT_STREQ(date, "");
-    EXPECT_STREQ(time, "");
-    for (auto form : {&LDateTime::GetDateTime, &LDateTime::GetDateTimeInLocalFormat,
-                      &LDateTime::GetDateInLocalFormat, &LDateTime::GetTimeInLocalFormat,
-                      &LDateTime::_GetTextTime, &LDateTime::GetDateLocalFormat}) {
-        text[0] = 'x';
-        (none.*form)(text);
-        EXPECT_STREQ(text, "");
-    }
-    for (auto form : {static_cast<void (*)(long, char*)>(&LDateTime::GetDateYYYYHMMHDD),
-                      static_cast<void (*)(long, char*)>(&LDateTime::GetDateYYYYHMMHDDTimeHHCMM),
-                      static_cast<void (*)(long, char*)>(&LDateTime::GetTimeHHCMM),
-                      static_cast<void (*)(long, char*)>(&LDateTime::GetTimeHHHMMHSS)}) {
-        text[0] = 'x';
-        form(0, text);
-        EXPECT_STREQ(text, "");
-    }
-    date[0] = time[0] = 'x';
-    LDateTime::GetDateYYYYHMMHDDTimeHHCMM(0, date, time);
-    EXPECT_STREQ(date, "");
-    EXPECT_STREQ(time, "");
 }
 
 TEST_F(DateTimeTest, ReadingDatesAndTheYearRule) {
