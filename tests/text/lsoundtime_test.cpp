@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <random>
 #include <string>
+#include <tuple>
 
 namespace {
 
@@ -101,21 +102,17 @@ TEST(SoundTimeRead, WrittenFormsReadBack) {
 }
 
 TEST(SoundTimeRead, Validity) {
-    EXPECT_TRUE(LSoundTime::IsValid("1:02:03.5", false));
-    EXPECT_TRUE(LSoundTime::IsValid("90", false));
-    EXPECT_TRUE(LSoundTime::IsValid("1:2:3:4", false));
-    EXPECT_TRUE(LSoundTime::IsValid(".", false));
-    EXPECT_TRUE(LSoundTime::IsValid("-1:00", true));
-    EXPECT_FALSE(LSoundTime::IsValid("-1:00", false));
-    EXPECT_FALSE(LSoundTime::IsValid("1:-00", true));
-    EXPECT_FALSE(LSoundTime::IsValid("--1", true));
-    EXPECT_FALSE(LSoundTime::IsValid("", true));
-    EXPECT_FALSE(LSoundTime::IsValid(nullptr, true));
-    EXPECT_FALSE(LSoundTime::IsValid("1:2:3:4:5", true));
-    EXPECT_FALSE(LSoundTime::IsValid("1.2.3", true));
-    EXPECT_FALSE(LSoundTime::IsValid("1.2:3", true));
-    EXPECT_FALSE(LSoundTime::IsValid("1 2", true));
-    EXPECT_FALSE(LSoundTime::IsValid("1:00s", true));
+    // (text, negative allowed, valid): "-" only first and only when allowed, at most three
+    // colons, one point with no colon after it, nothing but digits otherwise.
+    using Case = std::tuple<const char*, bool, bool>;
+    for (auto [text, negative, valid] :
+         {Case{"1:02:03.5", false, true}, Case{"90", false, true}, Case{"1:2:3:4", false, true},
+          Case{".", false, true}, Case{"-1:00", true, true}, Case{"-1:00", false, false},
+          Case{"1:-00", true, false}, Case{"--1", true, false}, Case{"", true, false},
+          Case{nullptr, true, false}, Case{"1:2:3:4:5", true, false}, Case{"1.2.3", true, false},
+          Case{"1.2:3", true, false}, Case{"1 2", true, false}, Case{"1:00s", true, false}}) {
+        EXPECT_EQ(LSoundTime::IsValid(text, negative), valid) << (text ? text : "null");
+    }
 }
 
 signed char ReadDB(const char* text) {
