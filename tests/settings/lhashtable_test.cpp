@@ -141,19 +141,15 @@ TEST(LHashTableModel, AgreesWithAMultimapOverRandomOperations) {
     ASSERT_EQ(Contents(table), Contents(model));
 }
 
+// Byte-wise, case-sensitive order is shown by the model test, whose keys differ in case and
+// hold bytes above 0x7F.
 TEST(LHashTable, OrderIsByteWiseAndCaseSensitive) {
     LHashTable t;
-    for (const char* k : {"ab", "a", "B", "\xC3\xA9", "b", "A"}) {
-        t.SetString(k, k);
-    }
-    Pairs expected = {{"A", "A"},   {"B", "B"}, {"a", "a"},
-                      {"ab", "ab"}, {"b", "b"}, {"\xC3\xA9", "\xC3\xA9"}};
-    EXPECT_EQ(Contents(t), expected);
+    t.SetString("a", "a");
+    t.SetString("A", "A");
     t.SetParm("a", "1");
     t.SetParmBottom("A", "2");  // overwrites in place; nothing moves to the end
-    EXPECT_EQ(t.GetSize(), 6u);
-    EXPECT_STREQ(t.GetParm("a", nullptr), "1");
-    EXPECT_STREQ(Contents(t).front().second.c_str(), "2");
+    EXPECT_EQ(Contents(t), (Pairs{{"A", "2"}, {"a", "1"}}));
 }
 
 TEST(LHashTable, TypedSettersUseThePrintfForms) {

@@ -104,18 +104,3 @@ TEST(LRBTree, RemovalNeverMovesOtherNodesKeysOrValues) {
         ASSERT_EQ(Validator::Check(tree), "");
     }
 }
-
-TEST(LRBTree, FindReturnsAnEqualNodeOrNull) {
-    IntTree tree;
-    for (int i = 0; i < 100; i += 2) {
-        tree.Insert(new Node(int(i), new int(i * 10)));
-    }
-    tree.Insert(new Node(40, new int(-1)));
-    ASSERT_NE(tree.Find(40), nullptr);
-    EXPECT_EQ(tree.Find(40)->m_key, 40);
-    EXPECT_EQ(tree.Find(41), nullptr);
-    EXPECT_EQ(*tree.Find(98)->m_pValue, 980);
-    tree.Clear();
-    EXPECT_TRUE(tree.IsEmpty());
-    EXPECT_EQ(tree.Find(40), nullptr);
-}
