@@ -22,6 +22,12 @@ uint32_t LoadLE(const unsigned char* p) {
            (static_cast<uint32_t>(p[2]) << 16) | (static_cast<uint32_t>(p[3]) << 24);
 }
 
+LBlowFish Keyed(const char* key) {
+    LBlowFish cipher;
+    cipher.SetKey(key);
+    return cipher;
+}
+
 std::string RandomKey(std::mt19937& rng) {
     std::string key(1 + rng() % 80, ' ');
     for (char& c : key) {
@@ -69,8 +75,7 @@ TEST(LBlowFish, BlocksMatchOpenSSLWithLittleEndianWords) {
     std::mt19937 rng(2024);
     for (int round = 0; round < 50; ++round) {
         const std::string key = RandomKey(rng);
-        LBlowFish ours;
-        ours.SetKey(key.c_str());
+        LBlowFish ours = Keyed(key.c_str());
         const BF_KEY theirs = OpenSSLKey(key);
         ASSERT_EQ(std::memcmp(ours.GetP(), theirs.P, sizeof(theirs.P)), 0) << key.size();
         for (int box = 0; box < 4; ++box) {
@@ -103,8 +108,7 @@ TEST(LBlowFish, BlocksMatchOpenSSLWithLittleEndianWords) {
 
 TEST(LBlowFish, PublishedVectorWithBigEndianWordsGivesThePublishedCipherText) {
     // The published vector loads words big-endian; through the word interface it must agree.
-    LBlowFish bf;
-    bf.SetKey("abcdefghijklmnopqrstuvwxyz");
+    LBlowFish bf = Keyed("abcdefghijklmnopqrstuvwxyz");
     unsigned l = 0x424C4F57;  // "BLOW"
     unsigned r = 0x46495348;  // "FISH"
     bf.Blowfish_encipher(l, r);
@@ -117,25 +121,21 @@ TEST(LBlowFish, PublishedVectorWithBigEndianWordsGivesThePublishedCipherText) {
 }
 
 TEST(LBlowFish, EmptyKeyKeepsThePreviousSchedule) {
-    LBlowFish a;
-    a.SetKey("first key");
-    LBlowFish b;
-    b.SetKey("first key");
+    LBlowFish a = Keyed("first key");
+    LBlowFish b = Keyed("first key");
     b.SetKey("");
     b.SetKey(nullptr);
     EXPECT_EQ(std::memcmp(a.GetP(), b.GetP(), 18 * 4), 0);
     LBlowFish fresh;
     EXPECT_EQ(std::memcmp(fresh.GetP(), bf_P, sizeof(bf_P)), 0);
     // A new key starts again from the initial tables rather than from the previous schedule.
-    LBlowFish c;
-    c.SetKey("other");
+    LBlowFish c = Keyed("other");
     c.SetKey("first key");
     EXPECT_EQ(std::memcmp(a.GetS(3), c.GetS(3), 256 * 4), 0);
 }
 
 TEST(LBlowFish, ShortTailIsEncipheredAsAWholeBlockAndBlocksAreIndependent) {
-    LBlowFish bf;
-    bf.SetKey("tail");
+    LBlowFish bf = Keyed("tail");
     unsigned char buf[16] = {1, 2, 3, 4, 5, 6, 7, 8, 1, 2, 3, 4, 0xAA, 0xBB, 0xCC, 0xDD};
     unsigned char ref[16];
     std::memcpy(ref, buf, 16);
@@ -229,8 +229,7 @@ TEST(LSettingDecrypt, GarbageNeverGrowsPastItsBuffer) {
 }
 
 TEST(LBlowFishString, RoundTripUnderTheObjectsKeyWithoutLineBreaks) {
-    LBlowFish bf;
-    bf.SetKey("another key entirely");
+    LBlowFish bf = Keyed("another key entirely");
     std::mt19937 rng(12);
     for (int round = 0; round < 50; ++round) {
         std::string text(rng() % 120, ' ');
@@ -249,16 +248,14 @@ TEST(LBlowFishString, RoundTripUnderTheObjectsKeyWithoutLineBreaks) {
     // Another key deciphers to something else: nothing verifies the result.
     LStringLongTemplate<char> enc;
     bf.StringEncodeBase64(enc, "secret");
-    LBlowFish other;
-    other.SetKey("wrong");
+    LBlowFish other = Keyed("wrong");
     LStringLongTemplate<char> dec;
     other.StringDecodeBase64(dec, enc.GetText());
     EXPECT_STRNE(dec.GetText(), "secret");
 }
 
 TEST(LBlowFishString, FixedBufferFormsCutTheirInputAndOutput) {
-    LBlowFish bf;
-    bf.SetKey("k");
+    LBlowFish bf = Keyed("k");
     const std::string longText(300, 'q');
     char enc[260];
     bf.StringEncodeBase64(enc, longText.c_str());
