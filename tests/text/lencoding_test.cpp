@@ -140,17 +140,11 @@ TEST(IconvFamily, CutsAndInvalidInputEndTheText) {
     LCopyFromISO88591(out, "abcdefghij", 4);  // output full: stays unterminated inside size
     EXPECT_EQ(std::string(out, 4), "abcd");
     EXPECT_EQ(out[4], 'x');
-    LCopyToISO88591(out,
-                    "ab\xE2\x82\xAC"
-                    "cd",
-                    sizeof out);  // no Latin-1 euro sign
+    LCopyToISO88591(out, "ab\u20ACcd", sizeof out);  // no Latin-1 euro sign
     EXPECT_STREQ(out, "ab");
     LCopyToWIN1252(out, "a\xC3", sizeof out);  // cut UTF-8 sequence
     EXPECT_STREQ(out, "a");
-    LCopyToWIN1252(out,
-                   "a\xFF"
-                   "b",
-                   sizeof out);
+    LCopyToWIN1252(out, "a\xFF\x62", sizeof out);  // "a", a byte UTF-8 never uses, "b"
     EXPECT_STREQ(out, "a");
     out[0] = 'x';
     LCopyToWIN1252(out, "abc", 0);
