@@ -1,5 +1,6 @@
-// Base64: agreement with OpenSSL's encoder for the form without line breaks, the CR LF line
-// rule (the 57-byte boundary in particular), padding, the size rule and the tolerant decoder.
+// Base64: every flag combination against OpenSSL's encoder with the CR LF line rule and the
+// padding rule laid over it (the 57-byte boundary shown on its own), the size rule and the
+// tolerant decoder.
 #include "settings/lbase64.h"
 
 #include <gtest/gtest.h>
