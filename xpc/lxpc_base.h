@@ -132,6 +132,8 @@ public:
     // Adds `table` from its first entry up to the first one with an empty name.
     void AddKeys(LXPCDictionaryKey const* table, bool bReceive);
 
+    LList<LXPCDictionaryKeyListable>& SendKeys() { return lSendKeys; }
+    LList<LXPCDictionaryKeyListable>& ReceiveKeys() { return lReceiveKeys; }
     LList<LXPCDictionaryKeyListable> const& SendKeys() const { return lSendKeys; }
     LList<LXPCDictionaryKeyListable> const& ReceiveKeys() const { return lReceiveKeys; }
     LXPCEventNotify* EventHandler() const { return pEventHandler; }
