@@ -73,9 +73,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     size_t at = 1;
     std::vector<int> fds, extra;
     for (size_t i = 0; i < count && at + 3 <= size; ++i, at += 3) {
-        fds.push_back(MakeDescriptor(data[at],
-                                     static_cast<uint16_t>(data[at + 1] | (data[at + 2] << 8)),
-                                     extra));
+        fds.push_back(MakeDescriptor(
+            data[at], static_cast<uint16_t>(data[at + 1] | (data[at + 2] << 8)), extra));
     }
     const std::vector<int> given = fds;
     const std::span<const uint8_t> packet(data + at, size - at);

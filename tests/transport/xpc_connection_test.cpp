@@ -1,4 +1,4 @@
-// Connections over real sockets, in one process and across fork(): request and reply, reply
+// Connections over real sockets, in one process and across processes: request and reply, reply
 // routing with many requests in flight, barriers, suspend and resume, cancel, the error
 // each side sees when the other goes away, endpoints and descriptors crossing processes,
 // hostile packets, and the listening socket taken from systemd socket activation.
@@ -396,11 +396,54 @@ TEST(XpcConnection, AMalformedPacketDropsOnlyThatConnection) {
     Close(good);
 }
 
-// Waits in the parent for a byte from a child, failing when the child fails first.
+// ---- other processes ----
+//
+// A child process is this test program started again (fork, then exec at once) running one
+// XpcChild test, chosen by LXPC_TEST_CHILD; its exit status is the verdict. Exec gives the
+// child a fresh process: a forked copy of a multi-threaded parent may inherit locks that
+// other threads held at the fork (the sanitizer allocator's among them).
+
+const char* ChildRole() {
+    return std::getenv("LXPC_TEST_CHILD");
+}
+
+// Starts the child running `role`; `ready` receives the descriptor the child writes "R" to
+// once it is ready.
+pid_t SpawnChild(const char* role, int& ready) {
+    int p[2];
+    if (pipe(p) != 0) {
+        return -1;
+    }
+    setenv("LXPC_TEST_CHILD", role, 1);
+    setenv("LXPC_TEST_READY_FD", std::to_string(p[1]).c_str(), 1);
+    const std::string filter = std::string("--gtest_filter=XpcChild.") + role;
+    char self[] = "/proc/self/exe";
+    char* argv[] = {self, const_cast<char*>(filter.c_str()), nullptr};
+    const pid_t child = fork();
+    if (child == 0) {
+        execv(self, argv);
+        _exit(127);
+    }
+    unsetenv("LXPC_TEST_CHILD");
+    unsetenv("LXPC_TEST_READY_FD");
+    close(p[1]);
+    ready = p[0];
+    return child;
+}
+
+void TellParentReady() {
+    const int fd = std::atoi(std::getenv("LXPC_TEST_READY_FD"));
+    (void)!write(fd, "R", 1);
+    close(fd);
+}
+
+// Waits in the parent for the child's "R", failing when the child ends first.
 bool WaitForChild(int fd) {
     pollfd p{fd, POLLIN, 0};
     char byte = 0;
-    return poll(&p, 1, 20000) == 1 && read(fd, &byte, 1) == 1 && byte == 'R';
+    const bool ok = poll(&p, 1, 20000) == 1 && read(fd, &byte, 1) == 1 && byte == 'R';
+    close(fd);
+    return ok;
 }
 
 int ExitCode(pid_t child) {
@@ -411,28 +454,29 @@ int ExitCode(pid_t child) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
+// The service that dies: takes three requests, answers none, exits.
+TEST(XpcChild, Dies) {
+    if (ChildRole() == nullptr) {
+        GTEST_SKIP() << "runs as a child process only";
+    }
+    std::atomic<int> count{0};
+    Service service("t.dies", [&](xpc_connection_t, xpc_object_t) {
+        if (++count == 3) {
+            _exit(0);
+        }
+    });
+    service.Start();
+    TellParentReady();
+    std::this_thread::sleep_for(30s);
+    _exit(1);
+}
+
 TEST(XpcConnection, PeerDeathFailsPendingRepliesWithInterrupted) {
     ServiceDir dir;
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        // The service: takes three requests, answers none, dies.
-        std::atomic<int> count{0};
-        Service service("t.dies", [&](xpc_connection_t, xpc_object_t) {
-            if (++count == 3) {
-                _exit(0);
-            }
-        });
-        service.Start();
-        (void)!write(ready[1], "R", 1);
-        std::this_thread::sleep_for(30s);
-        _exit(1);
-    }
-    close(ready[1]);
-    ASSERT_TRUE(WaitForChild(ready[0]));
-    close(ready[0]);
+    int ready = -1;
+    const pid_t child = SpawnChild("Dies", ready);
+    ASSERT_GT(child, 0);
+    ASSERT_TRUE(WaitForChild(ready));
     auto events = std::make_shared<Inbox>();
     auto replies = std::make_shared<Inbox>();
     xpc_connection_t c = Client("t.dies", events);
@@ -481,13 +525,50 @@ TEST(XpcConnection, AnInterruptedClientReconnectsToARestartedService) {
     Close(c);
 }
 
+// The client in another process: asks the broker for the endpoint, connects through it,
+// hands over a pipe and checks what comes back.
+TEST(XpcChild, EndpointClient) {
+    if (ChildRole() == nullptr) {
+        GTEST_SKIP() << "runs as a child process only";
+    }
+    xpc_connection_t c = Client("t.broker", nullptr);
+    xpc_object_t request = Message(0);
+    xpc_object_t r = xpc_connection_send_message_with_reply_sync(c, request);
+    xpc_object_t e = xpc_dictionary_get_value(r, "endpoint");
+    if (xpc_get_type(e) != XPC_TYPE_ENDPOINT) {
+        _exit(2);
+    }
+    xpc_connection_t direct = xpc_connection_create_from_endpoint(e);
+    xpc_connection_set_event_handler(direct, [](xpc_object_t) {});
+    xpc_connection_resume(direct);
+    int pipeFds[2];
+    if (pipe(pipeFds) != 0) {
+        _exit(3);
+    }
+    xpc_object_t m = Message(0);
+    xpc_dictionary_set_fd(m, "fd", pipeFds[1]);
+    close(pipeFds[1]);
+    xpc_object_t answer = xpc_connection_send_message_with_reply_sync(direct, m);
+    char text[5] = {};
+    if (read(pipeFds[0], text, 4) != 4 || std::strcmp(text, "pong") != 0) {
+        _exit(4);
+    }
+    if (xpc_dictionary_get_int64(answer, "v") != getpid()) {
+        _exit(5);  // the listener saw another pid
+    }
+    if (xpc_connection_get_pid(direct) != getppid()) {
+        _exit(6);
+    }
+    _exit(0);
+}
+
 TEST(XpcConnection, EndpointsAndDescriptorsCrossProcesses) {
     ServiceDir dir;
     // The parent: an anonymous listener reached only through its endpoint, handed out by a
     // named service. Its peers get a descriptor, write into it and answer with their pid.
     xpc_connection_t anonymous = xpc_connection_create(nullptr, nullptr);
     auto anonymousPeers = std::make_shared<Inbox>();
-    xpc_connection_set_event_handler(anonymous, [&](xpc_object_t peer) {
+    xpc_connection_set_event_handler(anonymous, [anonymousPeers](xpc_object_t peer) {
         if (xpc_get_type(peer) != XPC_TYPE_CONNECTION) {
             return;
         }
@@ -506,46 +587,17 @@ TEST(XpcConnection, EndpointsAndDescriptorsCrossProcesses) {
     xpc_connection_resume(anonymous);
     xpc_object_t endpoint = xpc_endpoint_create(anonymous);
     ASSERT_NE(endpoint, nullptr);
-    Service broker("t.broker", [&](xpc_connection_t peer, xpc_object_t m) {
+    Service broker("t.broker", [endpoint](xpc_connection_t peer, xpc_object_t m) {
         xpc_object_t reply = xpc_dictionary_create_reply(m);
         xpc_dictionary_set_value(reply, "endpoint", endpoint);
         xpc_connection_send_message(peer, reply);
         xpc_release(reply);
     });
     broker.Start();
-    const pid_t parent = getpid();
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        int code = 0;
-        xpc_connection_t c = Client("t.broker", nullptr);
-        xpc_object_t request = Message(0);
-        xpc_object_t r = xpc_connection_send_message_with_reply_sync(c, request);
-        xpc_object_t e = xpc_dictionary_get_value(r, "endpoint");
-        if (xpc_get_type(e) != XPC_TYPE_ENDPOINT) {
-            _exit(2);
-        }
-        xpc_connection_t direct = xpc_connection_create_from_endpoint(e);
-        xpc_connection_set_event_handler(direct, [](xpc_object_t) {});
-        xpc_connection_resume(direct);
-        int pipeFds[2];
-        if (pipe(pipeFds) != 0) {
-            _exit(3);
-        }
-        xpc_object_t m = Message(0);
-        xpc_dictionary_set_fd(m, "fd", pipeFds[1]);
-        close(pipeFds[1]);
-        xpc_object_t answer = xpc_connection_send_message_with_reply_sync(direct, m);
-        char text[5] = {};
-        if (read(pipeFds[0], text, 4) != 4 || std::strcmp(text, "pong") != 0) {
-            code = 4;
-        } else if (xpc_dictionary_get_int64(answer, "v") != getpid()) {
-            code = 5;  // the parent saw another pid
-        } else if (xpc_connection_get_pid(direct) != parent) {
-            code = 6;
-        }
-        _exit(code);
-    }
+    int ready = -1;
+    const pid_t child = SpawnChild("EndpointClient", ready);
+    ASSERT_GT(child, 0);
+    close(ready);
     EXPECT_EQ(ExitCode(child), 0);
     ASSERT_TRUE(anonymousPeers->WaitFor(1));
     EXPECT_EQ(xpc_connection_get_pid(anonymousPeers->At(0)), child);
@@ -565,39 +617,43 @@ TEST(XpcConnection, EndpointsAndDescriptorsCrossProcesses) {
     xpc_release(anonymous);
 }
 
+// A service started the way systemd starts it: the listening socket is descriptor 3.
+TEST(XpcChild, Activated) {
+    if (ChildRole() == nullptr) {
+        GTEST_SKIP() << "runs as a child process only";
+    }
+    // Keep the ready pipe away from descriptor 3 first.
+    const int readyFd = fcntl(std::atoi(std::getenv("LXPC_TEST_READY_FD")), F_DUPFD, 10);
+    setenv("LXPC_TEST_READY_FD", std::to_string(readyFd).c_str(), 1);
+    const int s = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const std::string path = std::string(std::getenv("LXPC_SERVICE_DIR")) + "/t.activated.sock";
+    std::strcpy(address.sun_path, path.c_str());
+    if (bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(s, 8) != 0 ||
+        dup2(s, 3) != 3) {
+        _exit(2);
+    }
+    if (s != 3) {
+        close(s);
+    }
+    setenv("LISTEN_FDS", "1", 1);
+    setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
+    // Binding the path itself would fail: a live socket is already there.
+    Service service("t.activated",
+                    [](xpc_connection_t peer, xpc_object_t m) { Reply(peer, m, 3); });
+    service.Start();
+    TellParentReady();
+    std::this_thread::sleep_for(30s);
+    _exit(1);
+}
+
 TEST(XpcConnection, ListenerTakesTheSocketFromSocketActivation) {
     ServiceDir dir;
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
-    const std::string path = dir.Path("t.activated");
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        // What systemd does: bind and listen, pass the socket as descriptor 3.
-        const int s = socket(AF_UNIX, SOCK_SEQPACKET, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strcpy(address.sun_path, path.c_str());
-        if (bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-            listen(s, 8) != 0 || dup2(s, 3) != 3) {
-            _exit(2);
-        }
-        if (s != 3) {
-            close(s);
-        }
-        setenv("LISTEN_FDS", "1", 1);
-        setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
-        // Binding the path itself would fail: a live socket is already there.
-        Service service("t.activated",
-                        [](xpc_connection_t peer, xpc_object_t m) { Reply(peer, m, 3); });
-        service.Start();
-        (void)!write(ready[1], "R", 1);
-        std::this_thread::sleep_for(30s);
-        _exit(1);
-    }
-    close(ready[1]);
-    ASSERT_TRUE(WaitForChild(ready[0]));
-    close(ready[0]);
+    int ready = -1;
+    const pid_t child = SpawnChild("Activated", ready);
+    ASSERT_GT(child, 0);
+    ASSERT_TRUE(WaitForChild(ready));
     xpc_connection_t c = Client("t.activated", nullptr);
     xpc_object_t m = Message(0);
     xpc_object_t r = xpc_connection_send_message_with_reply_sync(c, m);

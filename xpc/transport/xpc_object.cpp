@@ -196,8 +196,11 @@ bool xpc_equal(xpc_object_t a, xpc_object_t b) {
                    static_cast<const Int64Object*>(b)->value;
         case XPC_TYPE_UINT64:
             return xpc_uint64_get_value(a) == xpc_uint64_get_value(b);
-        case XPC_TYPE_DOUBLE:
-            return xpc_double_get_value(a) == xpc_double_get_value(b);
+        case XPC_TYPE_DOUBLE: {
+            // A NaN equals an identical NaN: an object is equal to a copy of itself.
+            const double x = xpc_double_get_value(a), y = xpc_double_get_value(b);
+            return x == y || std::memcmp(&x, &y, sizeof x) == 0;
+        }
         case XPC_TYPE_DATA: {
             const size_t length = xpc_data_get_length(a);
             return length == xpc_data_get_length(b) &&
