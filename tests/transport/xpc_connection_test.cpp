@@ -201,14 +201,18 @@ TEST(XpcConnection, RequestAndReplyOverANamedServiceWithPeerPids) {
 TEST(XpcConnection, ManyRequestsInFlightGetTheirOwnReplies) {
     ServiceDir dir;
     constexpr int kCount = 64;
-    std::mutex held_mutex;
-    std::vector<xpc_object_t> held;
-    // The service answers only once all requests are in, and in reverse order.
-    Service service("t.routing", [&](xpc_connection_t peer, xpc_object_t m) {
-        std::lock_guard lock(held_mutex);
-        held.push_back(xpc_retain(m));
-        if (held.size() == kCount) {
-            for (auto it = held.rbegin(); it != held.rend(); ++it) {
+    // The service answers only once all requests are in, and in reverse order. Its state
+    // is shared: the handler may still be finishing its loop when the test ends.
+    struct Held {
+        std::mutex mutex;
+        std::vector<xpc_object_t> messages;
+    };
+    auto held = std::make_shared<Held>();
+    Service service("t.routing", [held](xpc_connection_t peer, xpc_object_t m) {
+        std::lock_guard lock(held->mutex);
+        held->messages.push_back(xpc_retain(m));
+        if (held->messages.size() == kCount) {
+            for (auto it = held->messages.rbegin(); it != held->messages.rend(); ++it) {
                 Reply(peer, *it, xpc_dictionary_get_int64(*it, "v") + 1000);
                 xpc_release(*it);
             }
