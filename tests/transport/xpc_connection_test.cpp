@@ -669,6 +669,43 @@ TEST(XpcConnection, ListenerTakesTheSocketFromSocketActivation) {
     ExitCode(child);
 }
 
+// A service run by xpc_main: its peers' events arrive on the main thread.
+TEST(XpcChild, Main) {
+    if (ChildRole() == nullptr) {
+        GTEST_SKIP() << "runs as a child process only";
+    }
+    setenv("LXPC_SERVICE_NAME", "t.main", 1);
+    xpc_main([](xpc_connection_t peer) {
+        xpc_connection_set_event_handler(peer, [peer](xpc_object_t m) {
+            if (xpc_get_type(m) == XPC_TYPE_DICTIONARY) {
+                Reply(peer, m, gettid() == getpid() ? 1 : 0);
+            }
+        });
+        xpc_connection_resume(peer);
+    });
+}
+
+TEST(XpcConnection, XpcMainServesTheNamedServiceOnTheMainThread) {
+    ServiceDir dir;
+    int ready = -1;
+    const pid_t child = SpawnChild("Main", ready);
+    ASSERT_GT(child, 0);
+    close(ready);
+    for (int i = 0; i < 2000 && !std::filesystem::exists(dir.Path("t.main")); ++i) {
+        std::this_thread::sleep_for(5ms);
+    }
+    xpc_connection_t c = Client("t.main", nullptr);
+    xpc_object_t m = Message(0);
+    xpc_object_t r = xpc_connection_send_message_with_reply_sync(c, m);
+    EXPECT_EQ(xpc_get_type(r), XPC_TYPE_DICTIONARY);
+    EXPECT_EQ(xpc_dictionary_get_int64(r, "v"), 1);
+    xpc_release(r);
+    xpc_release(m);
+    Close(c);
+    kill(child, SIGKILL);
+    ExitCode(child);
+}
+
 TEST(XpcConnection, AStaleSocketIsReplacedAndALiveOneKept) {
     ServiceDir dir;
     const std::string path = dir.Path("t.stale");
