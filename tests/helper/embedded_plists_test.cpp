@@ -1,0 +1,110 @@
+// The property lists inside the built service executable: read back from its ELF sections
+// and parsed as launchd and the service-management framework would.
+#include <gtest/gtest.h>
+#include <plist/plist.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <regex>
+#include <set>
+#include <string>
+
+#include "service_process.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// The bytes of one section of the service executable, through objcopy.
+std::string Section(char const* name) {
+    char tmpl[] = "/tmp/embedded_plists_test.XXXXXX";
+    if (!mkdtemp(tmpl))
+        return "";
+    fs::path out = fs::path(tmpl) / "section";
+    std::string command = std::string("objcopy -O binary --only-section=") + name + " '" +
+                          helper_test::ServiceExecutable() + "' '" + out.string() + "'";
+    std::string bytes;
+    if (std::system(command.c_str()) == 0) {
+        std::ifstream in(out, std::ios::binary);
+        bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    }
+    fs::remove_all(tmpl);
+    return bytes;
+}
+
+struct Plist {
+    explicit Plist(std::string const& bytes) {
+        plist_from_memory(bytes.data(), static_cast<uint32_t>(bytes.size()), &root);
+    }
+    ~Plist() {
+        if (root)
+            plist_free(root);
+    }
+    plist_t root = nullptr;
+};
+
+std::string StringAt(plist_t dict, char const* key) {
+    plist_t item = plist_dict_get_item(dict, key);
+    if (!item || plist_get_node_type(item) != PLIST_STRING)
+        return "<missing>";
+    uint64_t length = 0;
+    char const* text = plist_get_string_ptr(item, &length);
+    return std::string(text, length);
+}
+
+}  // namespace
+
+TEST(EmbeddedPlists, InfoPlistIdentifiesTheServiceAndItsClients) {
+    std::string bytes = Section(".info_plist");
+    ASSERT_FALSE(bytes.empty());
+    EXPECT_EQ(bytes.rfind("<?xml", 0), 0u);  // XML, the section holding nothing else
+    Plist plist(bytes);
+    ASSERT_NE(plist.root, nullptr);
+    ASSERT_EQ(plist_get_node_type(plist.root), PLIST_DICT);
+    EXPECT_EQ(StringAt(plist.root, "CFBundleIdentifier"), "com.tessalysoftware.KavelPL.VadHelper");
+    EXPECT_EQ(StringAt(plist.root, "CFBundleInfoDictionaryVersion"), "6.0");
+    EXPECT_EQ(StringAt(plist.root, "CFBundleName"), "KavelPLVadhelper");
+    EXPECT_EQ(StringAt(plist.root, "CFBundleVersion"), "1.1");
+
+    plist_t clients = plist_dict_get_item(plist.root, "SMAuthorizedClients");
+    ASSERT_NE(clients, nullptr);
+    ASSERT_EQ(plist_get_node_type(clients), PLIST_ARRAY);
+    ASSERT_EQ(plist_array_get_size(clients), 28u);
+    // One requirement per edition: a bundle identifier and the signing certificate's common
+    // name, which ends with the team identifier in parentheses.
+    std::regex const requirement(
+        R"(identifier (com\.tessalysoftware\.[A-Za-z0-9.]+) and certificate leaf\[subject\.CN\] = "([^"]+ \([A-Z0-9]{10}\))")");
+    std::set<std::string> identifiers, certificates;
+    for (uint32_t i = 0; i < 28; ++i) {
+        plist_t item = plist_array_get_item(clients, i);
+        ASSERT_EQ(plist_get_node_type(item), PLIST_STRING);
+        uint64_t length = 0;
+        std::string text(plist_get_string_ptr(item, &length), length);
+        std::smatch match;
+        ASSERT_TRUE(std::regex_match(text, match, requirement)) << text;
+        identifiers.insert(match[1]);
+        certificates.insert(match[2]);
+    }
+    EXPECT_EQ(identifiers.size(), 28u);
+    EXPECT_EQ(certificates.size(), 1u);
+}
+
+TEST(EmbeddedPlists, LaunchdPlistNamesTheMachService) {
+    std::string bytes = Section(".launchd_plist");
+    ASSERT_FALSE(bytes.empty());
+    Plist plist(bytes);
+    ASSERT_NE(plist.root, nullptr);
+    EXPECT_EQ(StringAt(plist.root, "Label"), "com.tessalysoftware.KavelPL.VadHelper");
+    plist_t services = plist_dict_get_item(plist.root, "MachServices");
+    ASSERT_NE(services, nullptr);
+    ASSERT_EQ(plist_get_node_type(services), PLIST_DICT);
+    EXPECT_EQ(plist_dict_get_size(services), 1u);
+    plist_t entry = plist_dict_get_item(services, "com.tessalysoftware.KavelPL.VadHelper");
+    ASSERT_NE(entry, nullptr);
+    ASSERT_EQ(plist_get_node_type(entry), PLIST_BOOLEAN);
+    uint8_t value = 0;
+    plist_get_bool_val(entry, &value);
+    EXPECT_TRUE(value);
+}
