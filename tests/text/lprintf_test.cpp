@@ -1,0 +1,229 @@
+// The formatting engine: its deliberate departures from printf, agreement with printf where
+// it does not depart, the truncation of every fixed buffer it writes, and the 271-character
+// cut of one numeric conversion.
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <random>
+#include <string>
+
+#include "text/lstring.h"
+
+namespace {
+
+template <typename... Args>
+std::string Format(const char* format, Args... args) {
+    LStringLongTemplate<char> s;
+    sprintf(s, format, args...);
+    return std::string(s.GetText(), s.GetLength());
+}
+
+}  // namespace
+
+// ---- Departures from printf, kept on purpose ----
+
+TEST(TplPrintfDepartures, FlagCharactersEndTheSpecification) {
+    // %-5d formats "%-" with the next argument (nothing comes of it) and writes 5d as text.
+    EXPECT_EQ(Format("%-5d|%d", 1LL, 2LL), "5d|2");
+    EXPECT_EQ(Format("[%+d]", 3LL), "[d]");
+    EXPECT_EQ(Format("[% d]", 3LL), "[d]");
+    EXPECT_EQ(Format("[%#x]", 3LL), "[x]");
+    // "*" takes its slot like any other letter and reads no width.
+    EXPECT_EQ(Format("%*d|%d", 8LL, 9LL), "d|9");
+    // Length modifiers outside ".0-9Llz" end it too: %hd formats "%h" and writes d.
+    EXPECT_EQ(Format("%hd|%jd|%d", 1, 2, 3), "d|d|3");
+}
+
+TEST(TplPrintfDepartures, PercentAfterCollectedCharactersWritesOnePercent) {
+    EXPECT_EQ(Format("%5%"), "%");
+    EXPECT_EQ(Format("%%"), "%");
+    EXPECT_EQ(Format("%.2l%"), "%");
+    // No argument is taken by %5%.
+    EXPECT_EQ(Format("%5%%d", 7), "%7");
+}
+
+TEST(TplPrintfDepartures, WidthAndPrecisionIgnoredOnStrings) {
+    EXPECT_EQ(Format("%10s", "ab"), "ab");
+    EXPECT_EQ(Format("%.1s", "abc"), "abc");
+    EXPECT_EQ(Format("%-10s|", "ab"), "10s|");  // "-" ended the specification
+    EXPECT_EQ(Format("[%s]", static_cast<const char*>(nullptr)), "[]");
+    EXPECT_EQ(Format("%ls", "narrow"), "narrow");
+}
+
+TEST(TplPrintfDepartures, UpperCaseFloatingLettersTakeIntegerSlots) {
+    // The slot's bits are read as a double: 5 is five times the smallest subnormal.
+    EXPECT_EQ(Format("%E|%d", 5LL, 9), "2.470328E-323|9");
+    EXPECT_EQ(Format("%G|%d", 0LL, 9), "0|9");
+    double one = 1.0;
+    long long bits;
+    std::memcpy(&bits, &one, sizeof(bits));
+    EXPECT_EQ(Format("%.1E %G", bits, bits), "1.0E+00 1");
+    // Lower-case letters take doubles.
+    EXPECT_EQ(Format("%e|%g|%.2f", 1.5, 0.25, 3.14159), "1.500000e+00|0.25|3.14");
+}
+
+TEST(TplPrintfDepartures, CapitalLBeforeTheLetterTakesLongDouble) {
+    EXPECT_EQ(Format("%Lf %d", 2.25L, 3), "2.250000 3");
+    EXPECT_EQ(Format("%.3Lg|%.1f", 1.0L / 3, 0.5), "0.333|0.5");
+    // "ll" is not "L": a double is taken.
+    EXPECT_EQ(Format("%.1llf|%d", 1.5, 4), "1.5|4");
+}
+
+TEST(TplPrintfDepartures, SpecificationsCollectAtMost257Characters) {
+    // 255 zeros, "5", "1" are kept (width 51); 42 more "1"s are read and dropped.
+    std::string format("%");
+    format.append(255, '0').append("51").append(42, '1').append("d|");
+    const std::string out = Format(format.c_str(), 42);
+    EXPECT_EQ(out, std::string(49, '0') + "42|");
+}
+
+TEST(TplPrintfDepartures, FormatEndingInsideASpecificationStops) {
+    EXPECT_EQ(Format("ab%"), "ab");
+    EXPECT_EQ(Format("ab%5l"), "ab");
+    LStringLongTemplate<char> s("x");
+    EXPECT_EQ(sprintf(s, nullptr), 0u);
+}
+
+TEST(TplPrintfDepartures, StoringAndPositionalConversionsWriteNothing) {
+    int target = 17;
+    EXPECT_EQ(Format("a%nb|%d", &target, 5), "ab|5");
+    EXPECT_EQ(target, 17);
+    EXPECT_EQ(Format("a%Sb|%d", 1LL, 6), "ab|6");
+    EXPECT_EQ(Format("a%1$b|%d", 1LL, 7), "ab|7");
+}
+
+// ---- Agreement with printf where the engine does not depart ----
+
+TEST(TplPrintfMatchesPrintf, IntegerConversionsWithWidthAndZeroFlag) {
+    const char* intFormats[] = {"%d", "%5d",  "%05d", "%i",   "%012i", "%u", "%x",
+                                "%X", "%08x", "%o",   "%.3d", "%7.4d", "%c"};
+    const char* longFormats[] = {"%ld", "%20ld", "%lld", "%022lld", "%lu", "%llu",
+                                 "%lx", "%llX",  "%zu",  "%zx",     "%lo", "%Ld"};
+    std::mt19937_64 random(12345);
+    const long long specials[] = {0, 1, -1, INT_MIN, INT_MAX, LLONG_MIN, LLONG_MAX, 65, 255};
+    for (int round = 0; round < 200; ++round) {
+        const long long v =
+            round < 9 ? specials[round] : static_cast<long long>(random() >> (random() % 64));
+        char expected[128];
+        for (const char* f : intFormats) {
+            std::snprintf(expected, sizeof(expected), f, static_cast<int>(v));
+            if (std::strcmp(f, "%c") == 0 && static_cast<char>(v) == 0) {
+                continue;  // a NUL character ends the scratch text
+            }
+            EXPECT_EQ(Format(f, static_cast<int>(v)), expected) << f << " " << v;
+        }
+        for (const char* f : longFormats) {
+            std::snprintf(expected, sizeof(expected), f, v);
+            EXPECT_EQ(Format(f, v), expected) << f << " " << v;
+        }
+    }
+    EXPECT_EQ(Format("%lld", 1LL << 40), "1099511627776");
+}
+
+TEST(TplPrintfMatchesPrintf, FloatingAndPointerConversions) {
+    const char* formats[] = {"%f", "%.0f", "%10.3f", "%e", "%.2e", "%g", "%012.4g"};
+    const double values[] = {0.0, -0.0, 1.0 / 3, -2.5e300, 1e-310, 123456.789};
+    char expected[400];
+    for (const char* f : formats) {
+        for (double v : values) {
+            std::snprintf(expected, sizeof(expected), f, v);
+            // -2.5e300 in %f runs past the 271-character cut.
+            EXPECT_EQ(Format(f, v), std::string(expected).substr(0, 271)) << f << " " << v;
+        }
+    }
+    int object = 0;
+    std::snprintf(expected, sizeof(expected), "%p", static_cast<void*>(&object));
+    EXPECT_EQ(Format("%p", static_cast<void*>(&object)), expected);
+}
+
+TEST(TplPrintfMatchesPrintf, IntArgumentsReadThroughTheirLowBits) {
+    // An int passed where the engine takes a 64-bit slot: %d uses the low 32 bits.
+    EXPECT_EQ(Format("%d %d %d %d %d %d %d %d", -1, -2, -3, -4, -5, -6, -7, -8),
+              "-1 -2 -3 -4 -5 -6 -7 -8");
+    EXPECT_EQ(Format("%c%c", 'o', 'k'), "ok");
+}
+
+// ---- Fixed buffers ----
+
+TEST(TplPrintfTruncation, TplsnprintfCutsToSizeMinusOneAndTerminates) {
+    char buffer[16];
+    std::memset(buffer, 'X', sizeof(buffer));
+    EXPECT_EQ(tplsnprintf(buffer, 4, "%s", "abcdef"), 3u);
+    EXPECT_STREQ(buffer, "abc");
+    EXPECT_EQ(buffer[4], 'X');
+
+    std::memset(buffer, 'X', sizeof(buffer));
+    EXPECT_EQ(tplsnprintf(buffer, 6, "n=%d!", 123456789), 5u);  // cut inside a conversion
+    EXPECT_STREQ(buffer, "n=123");
+    EXPECT_EQ(buffer[6], 'X');
+
+    std::memset(buffer, 'X', sizeof(buffer));
+    EXPECT_EQ(tplsnprintf(buffer, 1, "abc"), 0u);
+    EXPECT_EQ(buffer[0], 0);
+    EXPECT_EQ(buffer[1], 'X');
+
+    std::memset(buffer, 'X', sizeof(buffer));
+    EXPECT_EQ(tplsnprintf(buffer, 0, "abc"), 0u);
+    EXPECT_EQ(buffer[0], 'X');
+}
+
+TEST(TplPrintfTruncation, FixedWriterContinuesAtItsLengthAndLeavesTerminatingToCaller) {
+    char buffer[8];
+    std::memset(buffer, 'X', sizeof(buffer));
+    buffer[0] = 'a';
+    buffer[1] = 'b';
+    LFixedLengthStringWriterTemplate<char> writer(buffer, 2, 5);
+    EXPECT_EQ(sprintf(writer, "%d", 12), 4u);
+    EXPECT_EQ(std::string(buffer, 4), "ab12");
+    EXPECT_EQ(buffer[4], 'X');  // not terminated
+    EXPECT_EQ(sprintf(writer, "%s", "xyz"), 5u);
+    EXPECT_EQ(std::string(buffer, 5), "ab12x");
+    EXPECT_EQ(buffer[5], 'X');  // nothing stored past the limit
+    writer.Terminate();
+    EXPECT_STREQ(buffer, "ab12x");
+}
+
+TEST(TplPrintfTruncation, ShortStringHolds259Characters) {
+    const std::string longText(300, 'q');
+    LStringShortTemplate<char> copied(longText.c_str());
+    EXPECT_EQ(copied.GetLength(), 259u);
+
+    LStringShortTemplate<char> formatted(LStringPrintFormatTemplate<char>("%s-%d"),
+                                         longText.c_str(), 5);
+    EXPECT_EQ(std::string(formatted.GetText()), std::string(259, 'q'));
+
+    LStringShortTemplate<char> small(LStringPrintFormatTemplate<char>("%s-%d"), "ab", 5);
+    EXPECT_STREQ(small.GetText(), "ab-5");
+}
+
+TEST(TplPrintfTruncation, OneNumericConversionIsCutAt271Characters) {
+    std::string out = Format("%300d|", 7);
+    EXPECT_EQ(out, std::string(271, ' ') + "|");
+    out = Format("%.300f|", 1.0);
+    EXPECT_EQ(out.size(), 272u);
+    EXPECT_EQ(out.substr(0, 2), "1.");
+    EXPECT_EQ(out.find_first_not_of('0', 2), 271u);
+    out = Format("%0290lld%s", -5LL, "end");
+    EXPECT_EQ(out, std::string("-").append(270, '0').append("end"));
+    // Exactly 271 characters pass whole.
+    EXPECT_EQ(Format("%271d", 7), std::string(270, ' ') + "7");
+    // Strings are not conversions: they are copied whole.
+    const std::string longText(1000, 's');
+    EXPECT_EQ(Format("%s", longText.c_str()), longText);
+}
+
+TEST(TplPrintfDepartures, ConversionTextIsCopiedUpToItsTerminator) {
+    // %c of 0 makes an empty scratch text: nothing is written, and formatting goes on.
+    EXPECT_EQ(Format("a%cb|%d", 0, 3), "ab|3");
+}
+
+TEST(TplPrintfOutput, TprintfGoesToStandardOutputThroughTheCLibrary) {
+    testing::internal::CaptureStdout();
+    // Printed by vprintf, so flags work there as in printf.
+    const int n = tprintf("[%-4d|%s]", 7, "x");
+    std::fflush(stdout);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "[7   |x]");
+    EXPECT_EQ(n, 8);
+}

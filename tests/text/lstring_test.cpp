@@ -1,0 +1,179 @@
+// The string types: construction and copy rules, the exact growth rules of strings and lists,
+// and the writers' handling of their limits.
+#include "text/lstring.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+TEST(LStringLong, CopyAllocatesExactlyLengthPlusOneAndNullStaysNull) {
+    LStringLongTemplate<char> s("hello");
+    s.GrowToSize(100);
+    LStringLongTemplate<char> copy(s);
+    EXPECT_STREQ(copy.GetText(), "hello");
+    EXPECT_EQ(copy.GetLength(), 5u);
+    EXPECT_EQ(copy.GetCapacity(), 6u);
+
+    LStringLongTemplate<char> empty;
+    LStringLongTemplate<char> emptyCopy(empty);
+    EXPECT_EQ(emptyCopy.GetData(), nullptr);
+    EXPECT_EQ(emptyCopy.GetLength(), 0u);
+    EXPECT_EQ(emptyCopy.GetCapacity(), 0u);
+    EXPECT_STREQ(emptyCopy.GetText(), "");
+}
+
+TEST(LStringLong, SprintfFormatsFromStartAndAppendKeepsText) {
+    LStringLongTemplate<char> s("previous text");
+    EXPECT_EQ(sprintf(s, "%d-%s", 42, "x"), 4u);
+    EXPECT_STREQ(s.GetText(), "42-x");
+    EXPECT_EQ(s.GetCapacity(), 260u);
+    s.tsprintfappend("+%u", 7u);
+    EXPECT_STREQ(s.GetText(), "42-x+7");
+}
+
+TEST(LStringLong, WritersGrowToFourTimesCapacityWhenLengthReachesIt) {
+    LStringLongTemplate<char> s;
+    sprintf(s, "%s", std::string(259, 'a').c_str());
+    EXPECT_EQ(s.GetCapacity(), 260u);  // 259 characters and the terminator fit
+    sprintf(s, "%s", std::string(260, 'a').c_str());
+    EXPECT_EQ(s.GetCapacity(), 1040u);
+    EXPECT_EQ(s.GetLength(), 260u);
+    EXPECT_EQ(s.GetText()[260], 0);
+
+    // tplstrcpy on a string of capacity 4 walks 4 -> 16 -> 64.
+    LStringLongTemplate<char> small("abc");
+    ASSERT_EQ(small.GetCapacity(), 4u);
+    LStringLongTemplateAppender<char> appender(small);
+    tplstrcpy(appender, "d");
+    EXPECT_EQ(small.GetCapacity(), 16u);
+    tplstrcpy(appender, "efghijklmnop");
+    EXPECT_EQ(small.GetCapacity(), 64u);
+    EXPECT_STREQ(small.GetText(), "abcdefghijklmnop");
+}
+
+TEST(LStringLong, AppendFormatGrowsTo260OnlyWhenSmaller) {
+    LStringLongTemplate<char> s("ab");
+    tsprintfappend(s, "%d", 5);
+    EXPECT_STREQ(s.GetText(), "ab5");
+    EXPECT_EQ(s.GetCapacity(), 260u);
+    s.GrowToSize(2000);
+    s.tsprintfappend("%s", "!");
+    EXPECT_EQ(s.GetCapacity(), 2000u);
+    EXPECT_STREQ(s.GetText(), "ab5!");
+    s.GrowToSize(10);  // never shrinks
+    EXPECT_EQ(s.GetCapacity(), 2000u);
+}
+
+TEST(LStringLong, MoveLeavesSourceNullAndAssignmentReusesBuffer) {
+    LStringLongTemplate<char> s("text");
+    LStringLongTemplate<char> moved(std::move(s));
+    EXPECT_EQ(s.GetData(), nullptr);  // NOLINT: moved-from state is specified
+    EXPECT_EQ(s.GetCapacity(), 0u);
+    EXPECT_STREQ(moved.GetText(), "text");
+
+    LStringLongTemplate<char> big;
+    big.GrowToSize(100);
+    const char* buffer = big.GetData();
+    big = moved;
+    EXPECT_EQ(big.GetData(), buffer);
+    EXPECT_EQ(big, "text");
+    big = LStringLongTemplate<char>();  // moving a null string in frees the buffer
+    EXPECT_EQ(big.GetData(), nullptr);
+
+    LStringLongTemplate<char> self("abcdef");
+    self.Assign(self.GetText() + 2);  // source inside the string
+    EXPECT_STREQ(self.GetText(), "cdef");
+    self.Append(self.GetText(), self.GetLength());
+    EXPECT_STREQ(self.GetText(), "cdefcdef");
+}
+
+TEST(LStringLong, AccessorsComparisonAndBufferHandOff) {
+    LStringLongTemplate<char> s("abc", 2);
+    EXPECT_STREQ(s.GetText(), "ab");
+    s += 'c';
+    s += "de";
+    EXPECT_EQ(s, "abcde");
+    EXPECT_LT(s, LStringLongTemplate<char>("abd"));
+    EXPECT_GT(s, "abc");
+    EXPECT_LT(LStringLongTemplate<char>("a"), "\xC3");  // compared as unsigned bytes
+    s.GrowToSize(32);
+    std::strcpy(s.GetBuffer(), "xy");
+    s.UpdateLength();
+    EXPECT_EQ(s.GetLength(), 2u);
+    s.SetLength(1);
+    EXPECT_EQ(s, "x");
+    s.Clear();
+    EXPECT_TRUE(s.IsEmpty());
+    EXPECT_FALSE(s.IsNull());
+
+    LStringLongTemplate<char> owner("keep");
+    const unsigned long capacity = owner.GetCapacity();
+    char* raw = owner.Detach();
+    EXPECT_TRUE(owner.IsNull());
+    LStringLongTemplate<char> other;
+    other.Attach(raw, 4, capacity);
+    EXPECT_EQ(other, "keep");
+}
+
+TEST(LStringLong, WideInstantiationsFollowTheSameRules) {
+    LStringLongTemplate<char16_t> u(u"h\u00e9llo");
+    EXPECT_EQ(u.GetLength(), 5u);
+    EXPECT_EQ(u.GetCapacity(), 6u);
+    u += u'!';
+    EXPECT_EQ(u, u"h\u00e9llo!");
+    EXPECT_EQ(u.GetCapacity(), 24u);  // grew by 4 when the length reached 6
+    LStringLongTemplate<char16_t> copy(u);
+    EXPECT_EQ(copy.GetCapacity(), 7u);
+
+    LStringLongTemplate<wchar_t> w(L"wide");
+    w.Append(L" text");
+    EXPECT_EQ(w, L"wide text");
+    EXPECT_LT(w, L"wider");
+    EXPECT_EQ(tstrlen(w.GetText()), 9u);
+    EXPECT_EQ(lstrlen(u"abc"), 3u);
+    EXPECT_EQ(tplstrlen(u""), 0u);
+}
+
+TEST(LStringList, GrowsToEightTimesCountPlusSeven) {
+    LStringListTemplate<char> list;
+    EXPECT_EQ(list.GetItems(), nullptr);
+    char* first = list.Add(10);
+    EXPECT_EQ(list.GetCapacity(), 7u);
+    EXPECT_STREQ(first, "");
+    std::strcpy(first, "123456789");
+    for (int i = 1; i < 7; ++i) {
+        list.AddString("x");
+    }
+    EXPECT_EQ(list.GetCapacity(), 7u);
+    list.AddString("eighth");
+    EXPECT_EQ(list.GetCapacity(), 63u);
+    for (int i = 8; i < 64; ++i) {
+        list.Add(1);
+    }
+    EXPECT_EQ(list.GetCount(), 64u);
+    EXPECT_EQ(list.GetCapacity(), 511u);
+    EXPECT_STREQ(list[0], "123456789");
+    EXPECT_STREQ(list[7], "eighth");
+    EXPECT_EQ(list.GetItems()[64], nullptr);
+    EXPECT_EQ(list.GetAt(64), nullptr);
+    list.Add(0);  // still room for a terminator
+    EXPECT_STREQ(list[64], "");
+}
+
+TEST(LStringWriters, UriEncodingKeepsUnreservedAndEscapesTheRest) {
+    LStringLongTemplate<char> s("stale");
+    LStringLongTemplateWriter<char> writer(s);
+    for (const char c : std::string("aZ09!-._~ /&=%\xC3\xA9\x01")) {
+        LURIEncodeToWriterDirect(writer, c);
+    }
+    EXPECT_STREQ(s.GetText(), "aZ09!-._~%20%2F%26%3D%25%C3%A9%01");
+
+    LStringLongTemplate<char> grown;
+    LStringLongTemplateWriter<char> growing(grown);
+    for (int i = 0; i < 100; ++i) {
+        LURIEncodeToWriterDirect(growing, ' ');
+    }
+    EXPECT_EQ(grown.GetLength(), 300u);
+    EXPECT_EQ(grown.GetCapacity(), 1040u);
+}
