@@ -1,0 +1,165 @@
+// LXPCServerBase, LXPCServer, LXPCMachServer and the global pServer.
+//
+// Accepting runs on the listener's queue under the base's delivery gate, so a server being
+// destroyed waits for an accept in progress and never accepts afterwards. The whole accept
+// (link, handler, resume, retain) happens under the list lock: an error on the new connection
+// may reach a handler that calls Disconnect at once, and Disconnect must then find it.
+#include "xpc/lxpc_server.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <utility>
+
+#include "thread/main_queue.h"
+
+using namespace lxpc;
+
+LXPCServerBase* pServer = nullptr;
+
+namespace {
+
+// The largest pid any Linux kernel hands out (PID_MAX_LIMIT on 64-bit systems); used when
+// /proc cannot tell the configured one.
+constexpr pid_t kPidMaxLimit = 4194304;
+
+xpc_object_t AsObject(long handle) {
+    return reinterpret_cast<xpc_object_t>(static_cast<intptr_t>(handle));
+}
+
+pid_t ReadPidMax() {
+    FILE* file = std::fopen("/proc/sys/kernel/pid_max", "re");
+    if (file == nullptr) {
+        return kPidMaxLimit;
+    }
+    long value = 0;
+    const bool read = std::fscanf(file, "%ld", &value) == 1;
+    std::fclose(file);
+    return read && value > 1 && value <= kPidMaxLimit ? static_cast<pid_t>(value) : kPidMaxLimit;
+}
+
+}  // namespace
+
+// ---- LXPCServerBase ----
+
+LXPCServerBase::LXPCServerBase(LXPCServerEventNotify* eventHandler, bool checkClientProcess)
+    : LXPCBase(eventHandler),
+      pServerEventHandler(eventHandler),
+      bCheckClientProcess(checkClientProcess) {
+    pServer = this;
+}
+
+LXPCServerBase::~LXPCServerBase() {
+    if (pServer == this) {
+        pServer = nullptr;
+    }
+    // No accept, message or barrier may reach the handler while the connections go.
+    StopDelivery();
+    for (;;) {
+        LXPCConnection* connection = nullptr;
+        {
+            std::lock_guard lock(connectionsLock_);
+            connection = lConnections.PopFront();
+        }
+        if (connection == nullptr) {
+            break;
+        }
+        delete connection;
+    }
+    pServerEventHandler = nullptr;
+}
+
+pid_t LXPCServerBase::MaxProcessId() {
+    static const pid_t maxPid = ReadPidMax();
+    return maxPid;
+}
+
+void LXPCServerBase::SetProcessIdSource(ProcessIdSource source) {
+    processIdSource_ = std::move(source);
+}
+
+void LXPCServerBase::NewConnectionHandler(long connection) {
+    if (connection == 0 || connection == kLXPCNoConnection) {
+        return;
+    }
+    // The listener also delivers its own errors; only connections are clients.
+    if (xpc_get_type(AsObject(connection)) != XPC_TYPE_CONNECTION) {
+        return;
+    }
+    if (bCheckClientProcess) {
+        const pid_t pid = processIdSource_ ? processIdSource_(connection)
+                                           : xpc_connection_get_pid(AsObject(connection));
+        if (pid < 1 || pid > MaxProcessId()) {
+            if (pServerEventHandler != nullptr && pServerEventHandler->bAlive) {
+                pServerEventHandler->EvInvalidConnectionAttempt();
+            }
+            return;
+        }
+    }
+    std::lock_guard lock(connectionsLock_);
+    auto* accepted = new LXPCConnection(connection);
+    lConnections.PushFront(accepted);
+    SetupConnectionHandlerAndResume(*accepted);
+    accepted->Retain();
+}
+
+void LXPCServerBase::Disconnect(long connection) {
+    LXPCConnection* found = nullptr;
+    {
+        std::lock_guard lock(connectionsLock_);
+        found = lConnections.RemoveFirst(
+            [connection](const LXPCConnection& c) { return c.hConnection == connection; });
+    }
+    delete found;
+}
+
+void LXPCServerBase::StaticNewConnectionHandler(xpc_object_t connection) {
+    if (LXPCServerBase* server = pServer) {
+        server->NewConnectionHandler(static_cast<long>(reinterpret_cast<intptr_t>(connection)));
+    }
+}
+
+size_t LXPCServerBase::ConnectionCount() const {
+    std::lock_guard lock(connectionsLock_);
+    return lConnections.Count();
+}
+
+bool LXPCServerBase::HasConnection(long connection) const {
+    std::lock_guard lock(connectionsLock_);
+    return lConnections.FindFirst([connection](const LXPCConnection& c) {
+        return c.hConnection == connection;
+    }) != nullptr;
+}
+
+// ---- LXPCServer ----
+
+LXPCServer::LXPCServer(LXPCServerEventNotify* eventHandler) : LXPCServerBase(eventHandler, false) {}
+
+void LXPCServer::Start() {
+    xpc_main(&LXPCServerBase::StaticNewConnectionHandler);
+}
+
+// ---- LXPCMachServer ----
+
+LXPCMachServer::LXPCMachServer(LXPCServerEventNotify* eventHandler)
+    : LXPCServerBase(eventHandler, true) {}
+
+void LXPCMachServer::Start(char const* serviceName, unsigned long long flags) {
+    (void)flags;
+    xpc_connection_t listener = xpc_connection_create_mach_service(
+        serviceName, nullptr, XPC_CONNECTION_MACH_SERVICE_LISTENER);
+    if (listener == nullptr) {
+        return;
+    }
+    xpc_connection_set_event_handler(listener, [gate = pGate](xpc_object_t event) {
+        RunIfAlive(gate, [event](LXPCBase& base) {
+            static_cast<LXPCServerBase&>(base).NewConnectionHandler(
+                static_cast<long>(reinterpret_cast<intptr_t>(event)));
+        });
+    });
+    xpc_connection_resume(listener);
+    LMainQueueRun();
+    // The run loop only returns when asked to: stop listening before the listener goes, so
+    // that no client is accepted by a server that believes it has stopped.
+    xpc_connection_cancel(listener);
+    xpc_release(listener);
+}
