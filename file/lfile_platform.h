@@ -1,0 +1,60 @@
+// The platform seam under LFile's folder and volume queries: only operating-system lookups
+// live behind it (home folders, the folder search, the mount table, block-device flags); the
+// decisions built on them stay in the portable files. Not for use outside file/.
+//
+// Every char* destination here is a 260-byte path buffer unless a size is given; results are
+// always terminated, and a false result leaves dst empty.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// The process's home folder: $HOME when set and not empty, else the user database's.
+bool _LGetHomeFolder(char* dst);
+// The home folder of the current user id in the user database; false without a record.
+bool _LGetAccountHomeFolder(char* dst);
+
+// The folder search: the XDG setting answering a folder kind, when there is one.
+bool _LSearchUserFolder(unsigned int kind, char* dst);
+// One line of user-dirs.dirs: true when it sets key (e.g. "XDG_MUSIC_DIR") to a usable
+// folder ("$HOME/..." with home put in, or an absolute path); dst then holds it.
+bool _LParseUserDirsLine(std::string_view line, std::string_view key, char const* home, char* dst);
+
+// The folder holding the user's discarded files.
+bool _LGetTrashFolder(char* dst);
+
+// One mounted file system, as the mount table describes it.
+struct LMountInfo {
+    unsigned int major = 0;
+    unsigned int minor = 0;
+    std::string mountPoint;
+    std::string fsType;
+    std::string source;
+};
+
+// Parses one line of /proc/self/mountinfo (octal escapes such as \040 decoded).
+bool _LParseMountInfoLine(std::string_view line, LMountInfo& out);
+// The mount table of this process.
+std::vector<LMountInfo> _LReadMountTable();
+// The mount holding path (which must exist): the deepest mount point above it, preferring
+// the mount whose device is the path's own.
+bool _LFindMountForPath(char const* path, LMountInfo& out);
+
+// The mount point of the volume holding path, from the path's file-system statistics.
+bool _LGetMountPointOfPath(char const* path, char* dst);
+// The file-system type name of the volume holding path, with the kernel's FAT, exFAT and
+// NTFS names given as "FAT32", "exFAT" and "NTFS"; false when unreadable.
+bool _LGetFileSystemTypeName(char const* path, char* dst, size_t size);
+// The kernel's type name turned into the name the size-limit table knows.
+char const* _LMapFileSystemTypeName(char const* kernelName);
+// True for file systems whose data lives on another machine.
+bool _LIsNetworkFileSystemType(std::string_view fsType);
+bool _LIsNetworkFileSystemMagic(unsigned long magic);
+
+// Reads the removable flag and whether the disk sits on an internal bus, for the block
+// device major:minor under the sysfs tree at sysRoot ("/sys" normally). False when the
+// device is unknown there.
+bool _LReadBlockDeviceFlags(char const* sysRoot, unsigned int major, unsigned int minor,
+                            bool* removable, bool* internal);

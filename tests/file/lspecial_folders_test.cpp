@@ -1,0 +1,301 @@
+// Standard, program and bundle folders and the trash test, with HOME and the XDG variables
+// pointed at temporary trees (and restored afterwards).
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "file/lfile.h"
+#include "file/lfile_platform.h"
+#include "file/lspecial_folders.h"
+#include "temp_tree.h"
+
+namespace {
+
+using ltest::EnvOverride;
+using ltest::IsolatedHome;
+using ltest::TempTree;
+
+namespace fs = std::filesystem;
+
+bool IsFolder(std::string const& path) {
+    return fs::is_directory(path);
+}
+
+unsigned int ModeOf(std::string const& path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
+}
+
+template <typename Getter>
+std::string Get(Getter getter) {
+    char dst[kLPathSize];
+    getter(dst);
+    return dst;
+}
+
+TEST(StandardFolders, FallbacksUnderHomeAreCreated) {
+    IsolatedHome h;
+    struct Case {
+        void (*getter)(char*);
+        char const* fallback;
+    } const cases[] = {
+        {LFile::GetUserLibraryFolder, "Library"},
+        {LFile::GetTempFolder, "Library/Caches"},
+        {LFile::GetUserDataFolder, "Library/Application Support"},
+        {LFile::GetSharedDataFolder, "Library/Application Support"},
+        {LFile::GetUserMusicFolder, "Music"},
+        {LFile::GetUserVideoFolder, "Movies"},
+        {LFile::GetUserPicturesFolder, "Pictures"},
+        {LFile::GetUserApplicationsFolder, "Applications"},
+        {LFile::GetUserDocumentsFolder, "Documents"},
+        {LFile::GetUserDesktopFolder, "Desktop"},
+        {LFile::GetUserDownloadFolder, "Downloads"},
+    };
+    for (Case const& c : cases) {
+        std::string expected = h.home() + "/" + c.fallback;
+        EXPECT_EQ(Get(c.getter), expected);
+        EXPECT_TRUE(IsFolder(expected)) << expected;
+    }
+    EXPECT_EQ(Get(LFile::GetUserFolder), h.home());
+}
+
+TEST(StandardFolders, XdgBaseDirectories) {
+    IsolatedHome h;
+    std::string cache = h.tree().Path("xdg/cache");
+    std::string data = h.tree().Path("xdg/data");
+    EnvOverride c("XDG_CACHE_HOME", cache);
+    EnvOverride d("XDG_DATA_HOME", data);
+    // The caches folder is created either way; application support is only found.
+    EXPECT_EQ(Get(LFile::GetTempFolder), cache);
+    EXPECT_TRUE(IsFolder(cache));
+    EXPECT_EQ(Get(LFile::GetUserDataFolder), data);
+    EXPECT_FALSE(IsFolder(data));
+    char dst[kLPathSize];
+    GetUserSpecialFolder(dst, kLFolderApplicationSupport, "ignored");
+    EXPECT_EQ(std::string(dst), data);
+    EXPECT_FALSE(fs::exists(h.tree().Path("ignored")));
+}
+
+TEST(StandardFolders, RelativeXdgSettingsAreIgnored) {
+    IsolatedHome h;
+    EnvOverride d("XDG_DATA_HOME", "relative/data");
+    EnvOverride c("XDG_CACHE_HOME", "");
+    EXPECT_EQ(Get(LFile::GetUserDataFolder), h.home() + "/Library/Application Support");
+    EXPECT_EQ(Get(LFile::GetTempFolder), h.home() + "/Library/Caches");
+}
+
+TEST(StandardFolders, XdgUserDirectories) {
+    IsolatedHome h;
+    std::string config = h.tree().MakeFolder("conf");
+    EnvOverride x("XDG_CONFIG_HOME", config);
+    std::ofstream(config + "/user-dirs.dirs") << "# written by a user-dirs tool\n"
+                                              << "XDG_DESKTOP_DIR=\"$HOME/Desk top\"\n"
+                                              << "XDG_MUSIC_DIR=\"$HOME/Old\"\n"
+                                              << "XDG_MUSIC_DIR=\"$HOME/Tunes\"\n"
+                                              << "  XDG_DOWNLOAD_DIR=\"/srv/incoming\"\n"
+                                              << "XDG_VIDEOS_DIR=\"relative/videos\"\n"
+                                              << "XDG_PICTURES_DIR=\"$HOME\"\n"
+                                              << "XDG_DOCUMENTS_DIR=\"$HOME/Docs\n";
+    EXPECT_EQ(Get(LFile::GetUserDesktopFolder), h.home() + "/Desk top");
+    EXPECT_EQ(Get(LFile::GetUserMusicFolder), h.home() + "/Tunes");  // the last line wins
+    EXPECT_EQ(Get(LFile::GetUserDownloadFolder), "/srv/incoming");
+    EXPECT_EQ(Get(LFile::GetUserPicturesFolder), h.home());
+    // Found folders are not created.
+    EXPECT_FALSE(fs::exists(h.home() + "/Tunes"));
+    // Unusable settings fall back (and the fallback is created).
+    EXPECT_EQ(Get(LFile::GetUserVideoFolder), h.home() + "/Movies");
+    EXPECT_EQ(Get(LFile::GetUserDocumentsFolder), h.home() + "/Documents");
+    EXPECT_TRUE(IsFolder(h.home() + "/Documents"));
+}
+
+TEST(StandardFolders, UserDirsFileUnderHomeConfig) {
+    IsolatedHome h;
+    std::string config = h.tree().MakeFolder(".config");
+    std::ofstream(config + "/user-dirs.dirs") << "XDG_MUSIC_DIR=\"${HOME}/Sound\"\n";
+    EXPECT_EQ(Get(LFile::GetUserMusicFolder), h.home() + "/Sound");
+}
+
+TEST(UserDirsLine, Forms) {
+    char dst[kLPathSize];
+    EXPECT_TRUE(_LParseUserDirsLine("XDG_MUSIC_DIR=\"$HOME/a\\\"b\"", "XDG_MUSIC_DIR", "/h", dst));
+    EXPECT_STREQ(dst, "/h/a\"b");
+    EXPECT_TRUE(_LParseUserDirsLine("XDG_MUSIC_DIR=$HOME/x # note", "XDG_MUSIC_DIR", "/h/", dst));
+    EXPECT_STREQ(dst, "/h/x");
+    EXPECT_FALSE(_LParseUserDirsLine("XDG_MUSIC_DIRS=\"/x\"", "XDG_MUSIC_DIR", "/h", dst));
+    EXPECT_FALSE(_LParseUserDirsLine("#XDG_MUSIC_DIR=\"/x\"", "XDG_MUSIC_DIR", "/h", dst));
+    EXPECT_FALSE(_LParseUserDirsLine("XDG_MUSIC_DIR = \"/x\"", "XDG_MUSIC_DIR", "/h", dst));
+    EXPECT_FALSE(_LParseUserDirsLine("XDG_MUSIC_DIR=\"$HOMEx/y\"", "XDG_MUSIC_DIR", "/h", dst));
+    EXPECT_FALSE(_LParseUserDirsLine("XDG_MUSIC_DIR=\"~/x\"", "XDG_MUSIC_DIR", "/h", dst));
+    std::string longLine = "XDG_MUSIC_DIR=\"/" + std::string(400, 'm') + "\"";
+    EXPECT_TRUE(_LParseUserDirsLine(longLine, "XDG_MUSIC_DIR", "/h", dst));
+    EXPECT_EQ(strlen(dst), 259u);
+}
+
+TEST(StandardFolders, FixedAnswers) {
+    EXPECT_EQ(Get(LFile::GetApplicationsFolder), "/Applications");
+    EXPECT_EQ(Get(LFile::GetMountedDrivesFolder), "/Volumes");
+}
+
+TEST(NonSandboxed, FromTheUserDatabaseNotHome) {
+    IsolatedHome h;
+    struct passwd* pw = getpwuid(getuid());
+    ASSERT_NE(pw, nullptr);
+    std::string account = pw->pw_dir;
+    ASSERT_NE(account, h.home());
+    EXPECT_EQ(Get(LFile::GetUserFolderNonSandboxed), account);
+    EXPECT_EQ(Get(LFile::GetUserDownloadFolderNonSandboxed), account + "/Downloads");
+    EXPECT_EQ(Get(LFile::GetUserVideoFolderNonSandboxed), account + "/Movies");
+    EXPECT_EQ(Get(LFile::GetUserMusicFolderNonSandboxed), account + "/Music");
+    EXPECT_EQ(Get(LFile::GetUserPicturesFolderNonSandboxed), account + "/Pictures");
+
+    // Without HOME the process's home is the account's as well.
+    EnvOverride noHome("HOME", nullptr);
+    EXPECT_EQ(Get(LFile::GetUserFolder), account);
+}
+
+TEST(ProgramFolders, DataFolders) {
+    IsolatedHome h;
+    std::string support = h.home() + "/Library/Application Support";
+    std::string app = support + "/KavelPLVadHelper";
+    EXPECT_EQ(Get(static_cast<void (*)(char*)>(LFile::GetUserDataFolderApp)), app);
+    EXPECT_TRUE(IsFolder(app));
+
+    char dst[kLPathSize];
+    LFile::GetUserDataFolderApp(dst, "SomeOtherName");  // the name is fixed
+    EXPECT_EQ(std::string(dst), app);
+
+    LFile::GetUserDataFolderAppSubFolder("Logs", dst);
+    EXPECT_EQ(std::string(dst), app + "/Logs");
+    EXPECT_TRUE(IsFolder(app + "/Logs"));
+
+    EXPECT_EQ(Get(LFile::GetSharedDataFolderApp), app + "/Shared");
+    EXPECT_FALSE(fs::exists(app + "/Shared"));
+}
+
+TEST(ProgramFolders, SharedSubFolderIsOpenedToEverybody) {
+    IsolatedHome h;
+    std::string shared = h.home() + "/Library/Application Support/KavelPLVadHelper/Shared";
+    char dst[kLPathSize];
+    // Without the shared folder the single-level creation fails, and that is ignored.
+    LFile::GetSharedDataFolderAppSubFolder("Presets", dst);
+    EXPECT_EQ(std::string(dst), shared + "/Presets");
+    EXPECT_FALSE(fs::exists(dst));
+
+    fs::create_directories(shared);
+    LFile::GetSharedDataFolderAppSubFolder("Presets", dst);
+    EXPECT_TRUE(IsFolder(dst));
+    EXPECT_EQ(ModeOf(dst), 0777u);
+
+    // An existing folder is left as it is.
+    chmod(dst, 0700);
+    LFile::GetSharedDataFolderAppSubFolder("Presets", dst);
+    EXPECT_EQ(ModeOf(dst), 0700u);
+}
+
+TEST(ProgramFolders, NoWarnFolderCreatesEachLevel) {
+    IsolatedHome h;
+    std::string support = h.tree().MakeFolder("data");
+    EnvOverride d("XDG_DATA_HOME", support);
+    char dst[kLPathSize];
+    LFile::GetSharedDataFolderAppNoWarn(dst);
+    EXPECT_EQ(std::string(dst), support + "/Tessaly Software/KavelPLVadHelper");
+    EXPECT_EQ(ModeOf(support + "/Tessaly Software"), 0777u);
+    EXPECT_EQ(ModeOf(dst), 0777u);
+}
+
+TEST(Permissions, WholeTreeButNotThroughLinks) {
+    TempTree tree;
+    std::string file = tree.MakeFile("top/a/b/file");
+    std::string outside = tree.MakeFile("outside");
+    chmod(outside.c_str(), 0600);
+    chmod(file.c_str(), 0600);
+    chmod(tree.Path("top/a").c_str(), 0700);
+    ASSERT_EQ(symlink(outside.c_str(), tree.Path("top/link").c_str()), 0);
+    LFile::SetFolderSecurityAllAccess(tree.Path("top").c_str());
+    EXPECT_EQ(ModeOf(tree.Path("top")), 0777u);
+    EXPECT_EQ(ModeOf(tree.Path("top/a")), 0777u);
+    EXPECT_EQ(ModeOf(tree.Path("top/a/b")), 0777u);
+    EXPECT_EQ(ModeOf(file), 0777u);
+    EXPECT_EQ(ModeOf(outside), 0600u);
+}
+
+TEST(Bundle, ExecutableAndFolder) {
+    char exe[kLPathSize];
+    LGetBundleExeFile(exe, sizeof(exe));
+    char resolved[PATH_MAX];
+    ASSERT_NE(realpath("/proc/self/exe", resolved), nullptr);
+    EXPECT_STREQ(exe, resolved);
+    EXPECT_EQ(Get(LFile::GetProgramExecutablePath), std::string(resolved));
+
+    std::string folder = fs::path(resolved).parent_path().string();
+    EXPECT_EQ(Get(LFile::GetProgramFolderApp), folder);
+    EXPECT_EQ(Get(LFile::GetHelpFolder), folder + "/Contents/Resources/help");
+
+    char small[6];
+    LGetBundleFolder(small, sizeof(small));
+    EXPECT_EQ(std::string(small), folder.substr(0, 5));
+    LGetBundleExeFile(small, sizeof(small));
+    EXPECT_EQ(std::string(small), std::string(resolved).substr(0, 5));
+}
+
+TEST(Bundle, ExecutableInsideABundle) {
+    // A copy of this test program inside Name.app/Contents/MacOS answers for the bundle.
+    TempTree tree;
+    std::string macos = tree.MakeFolder("Name.app/Contents/MacOS");
+    char resolved[PATH_MAX];
+    ASSERT_NE(realpath("/proc/self/exe", resolved), nullptr);
+    std::error_code linked;
+    fs::create_hard_link(resolved, macos + "/tests_file", linked);
+    if (linked) {
+        fs::copy_file(resolved, macos + "/tests_file");
+    }
+    std::string out = tree.Path("out.txt");
+    std::string command =
+        "'" + macos + "/tests_file' --gtest_filter=Bundle.PrintFolder > '" + out + "' 2>/dev/null";
+    ASSERT_EQ(std::system(command.c_str()), 0);
+    std::ifstream in(out);
+    std::string line;
+    bool found = false;
+    while (std::getline(in, line)) {
+        if (line.rfind("bundle=", 0) == 0) {
+            EXPECT_EQ(line.substr(7), tree.Path("Name.app"));
+            found = true;
+        }
+    }
+    EXPECT_TRUE(found);
+}
+
+TEST(Bundle, PrintFolder) {
+    char folder[kLPathSize];
+    LGetBundleFolder(folder, sizeof(folder));
+    std::printf("bundle=%s\n", folder);
+    EXPECT_NE(folder[0], 0);
+}
+
+TEST(RecycleBin, XdgTrash) {
+    IsolatedHome h;
+    EXPECT_TRUE(LFile::IsRecycleBinEmpty());  // no trash folder at all
+    std::string trash = h.tree().MakeFolder(".local/share/Trash/files");
+    EXPECT_TRUE(LFile::IsRecycleBinEmpty());
+    h.tree().MakeFile(".local/share/Trash/files/.ds_store");
+    EXPECT_TRUE(LFile::IsRecycleBinEmpty());
+    h.tree().MakeFile(".local/share/Trash/files/old take.wav");
+    EXPECT_FALSE(LFile::IsRecycleBinEmpty());
+
+    std::string data = h.tree().MakeFolder("data");
+    EnvOverride d("XDG_DATA_HOME", data);
+    EXPECT_TRUE(LFile::IsRecycleBinEmpty());
+    h.tree().MakeFolder("data/Trash/files/folder");
+    EXPECT_FALSE(LFile::IsRecycleBinEmpty());
+}
+
+}  // namespace

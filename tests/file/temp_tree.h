@@ -1,0 +1,99 @@
+// Test fixtures for the file tests: a temporary folder removed with everything in it, and
+// environment overrides restored on scope exit (HOME and the XDG_* variables are read by the
+// code under test, so every test that points them elsewhere must put them back).
+#pragma once
+
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace ltest {
+
+class TempTree {
+public:
+    TempTree() {
+        std::string pattern =
+            (std::filesystem::temp_directory_path() / "lfile_test_XXXXXX").string();
+        std::vector<char> buffer(pattern.begin(), pattern.end());
+        buffer.push_back(0);
+        char* made = mkdtemp(buffer.data());
+        root_ = made != nullptr ? made : "";
+    }
+    ~TempTree() {
+        std::error_code ec;
+        std::filesystem::remove_all(root_, ec);
+    }
+    TempTree(TempTree const&) = delete;
+    TempTree& operator=(TempTree const&) = delete;
+
+    std::string const& root() const { return root_; }
+    std::string Path(std::string const& relative) const { return root_ + "/" + relative; }
+    std::string MakeFolder(std::string const& relative) const {
+        std::filesystem::create_directories(Path(relative));
+        return Path(relative);
+    }
+    std::string MakeFile(std::string const& relative, std::string const& content = "x") const {
+        std::filesystem::path p = Path(relative);
+        std::filesystem::create_directories(p.parent_path());
+        std::ofstream(p) << content;
+        return p.string();
+    }
+
+private:
+    std::string root_;
+};
+
+// Sets (or, with nullptr, unsets) one environment variable for the scope.
+class EnvOverride {
+public:
+    EnvOverride(char const* name, char const* value) : name_(name) {
+        if (char const* old = getenv(name)) {
+            old_ = old;
+        }
+        if (value != nullptr) {
+            setenv(name, value, 1);
+        } else {
+            unsetenv(name);
+        }
+    }
+    EnvOverride(char const* name, std::string const& value) : EnvOverride(name, value.c_str()) {}
+    ~EnvOverride() {
+        if (old_) {
+            setenv(name_.c_str(), old_->c_str(), 1);
+        } else {
+            unsetenv(name_.c_str());
+        }
+    }
+    EnvOverride(EnvOverride const&) = delete;
+    EnvOverride& operator=(EnvOverride const&) = delete;
+
+private:
+    std::string name_;
+    std::optional<std::string> old_;
+};
+
+// HOME pointed at a fresh tree and every XDG variable the folder search reads unset.
+class IsolatedHome {
+public:
+    IsolatedHome()
+        : home_("HOME", tree_.root()),
+          cache_("XDG_CACHE_HOME", nullptr),
+          data_("XDG_DATA_HOME", nullptr),
+          config_("XDG_CONFIG_HOME", nullptr) {}
+
+    TempTree const& tree() const { return tree_; }
+    std::string const& home() const { return tree_.root(); }
+
+private:
+    TempTree tree_;
+    EnvOverride home_;
+    EnvOverride cache_;
+    EnvOverride data_;
+    EnvOverride config_;
+};
+
+}  // namespace ltest
