@@ -80,17 +80,6 @@ TEST(ServiceKeys, UnknownKeysAreNotDecodedAndKnownOnesComeInTableOrder) {
     NoEvents events;
     LXPCBase base(&events);
     base.AddKeys(arVADHelperTxKeys, true);
-    LList<LXPCDictionaryKeyListable> receive;
-    for (auto const& key : base.ReceiveKeys()) {
-        auto* copy = new LXPCDictionaryKeyListable;
-        LXPCCopyName(copy->szName, key.szName);
-        copy->type = key.type;
-        receive.PushFront(copy);
-    }
-    // Back to the server's order (reverse table order), as AddKeys leaves it.
-    LList<LXPCDictionaryKeyListable> serverOrder;
-    while (auto* key = receive.PopFront())
-        serverOrder.PushFront(key);
 
     lxpc::xpc_object_t message = lxpc::xpc_dictionary_create(nullptr, nullptr, 0);
     lxpc::xpc_dictionary_set_bool(message, "REQUEST_ENDPOINT", true);
@@ -98,7 +87,7 @@ TEST(ServiceKeys, UnknownKeysAreNotDecodedAndKnownOnesComeInTableOrder) {
     lxpc::xpc_dictionary_set_bool(message, "NEW_ENDPOINT_REPLY", true);  // a send key only
     lxpc::xpc_dictionary_set_bool(message, "SOMETHING_ELSE", true);
     LList<LXPCDataListable> values;
-    GetXPCDictionary(message, serverOrder, values);
+    GetXPCDictionary(message, base.ReceiveKeys(), values);
     std::vector<std::string> names;
     for (auto const& value : values)
         names.push_back(value.szName);
