@@ -106,7 +106,7 @@ const uint8_t* xpc_uuid_get_bytes(xpc_object_t object);
 xpc_object_t xpc_string_create(const char* string);
 size_t xpc_string_get_length(xpc_object_t object);
 const char* xpc_string_get_string_ptr(xpc_object_t object);
-xpc_object_t xpc_fd_create(int fd);  // duplicates fd; null when it cannot
+xpc_object_t xpc_fd_create(int fd);   // duplicates fd; null when it cannot
 int xpc_fd_dup(xpc_object_t object);  // a new descriptor the caller owns, or -1
 
 // Arrays.
@@ -132,8 +132,7 @@ void xpc_dictionary_set_double(xpc_object_t dictionary, const char* key, double 
 void xpc_dictionary_set_date(xpc_object_t dictionary, const char* key, int64_t value);
 void xpc_dictionary_set_data(xpc_object_t dictionary, const char* key, const void* bytes,
                              size_t length);
-void xpc_dictionary_set_uuid(xpc_object_t dictionary, const char* key,
-                             const unsigned char* uuid);
+void xpc_dictionary_set_uuid(xpc_object_t dictionary, const char* key, const unsigned char* uuid);
 void xpc_dictionary_set_string(xpc_object_t dictionary, const char* key, const char* string);
 void xpc_dictionary_set_fd(xpc_object_t dictionary, const char* key, int fd);
 bool xpc_dictionary_get_bool(xpc_object_t dictionary, const char* key);
@@ -150,6 +149,8 @@ int xpc_dictionary_dup_fd(xpc_object_t dictionary, const char* key);
 xpc_queue_t xpc_queue_create(const char* label);  // serial; released with xpc_queue_release
 void xpc_queue_release(xpc_queue_t queue);
 void xpc_queue_async(xpc_queue_t queue, std::function<void()> work);
+// The queue drained by the main thread's run loop (thread/main_queue.h); never released.
+xpc_queue_t xpc_main_queue();
 
 // Connections. Names are service names: a client connects to "<dir>/<name>.sock", <dir>
 // being $LXPC_SERVICE_DIR or /run. A listener takes its socket from systemd socket
@@ -161,6 +162,9 @@ xpc_connection_t xpc_connection_create_mach_service(const char* name, xpc_queue_
 xpc_endpoint_t xpc_endpoint_create(xpc_connection_t listener);
 xpc_connection_t xpc_connection_create_from_endpoint(xpc_endpoint_t endpoint);
 void xpc_connection_set_event_handler(xpc_connection_t connection, xpc_handler_t handler);
+// Before the first resume only. Peers accepted by a listener that was given a queue share it;
+// otherwise every connection has its own serial queue.
+void xpc_connection_set_target_queue(xpc_connection_t connection, xpc_queue_t queue);
 void xpc_connection_resume(xpc_connection_t connection);
 void xpc_connection_suspend(xpc_connection_t connection);
 void xpc_connection_cancel(xpc_connection_t connection);

@@ -1,0 +1,435 @@
+// The packet codec: every value type round trips, the envelope's exact bytes, large data in
+// sealed memfds, and the decoder's refusals of hostile packets without leaking descriptors.
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "xpc/transport/xpc_internal.h"
+#include "xpc/transport/xpc_transport.h"
+#include "xpc/transport/xpc_wire.h"
+
+using namespace lxpc;
+using namespace lxpc::wire;
+
+namespace {
+
+bool IsOpen(int fd) {
+    return fcntl(fd, F_GETFD) != -1;
+}
+
+xpc_object_t RoundTrip(xpc_object_t message, Envelope in, Envelope& out) {
+    Packet packet;
+    if (!Encode(in, message, packet)) {
+        return nullptr;
+    }
+    std::vector<int> fds = std::exchange(packet.fds, {});
+    const char* why = nullptr;
+    xpc_object_t decoded = Decode(packet.bytes, fds, out, &why);
+    EXPECT_NE(decoded, nullptr) << why;
+    return decoded;
+}
+
+// A hand-built packet: envelope plus body bytes.
+std::vector<uint8_t> Built(std::vector<uint8_t> body, uint32_t descriptors = 0,
+                           Kind kind = Kind::message, uint64_t id = 1, uint64_t replyTo = 0) {
+    std::vector<uint8_t> p = {'L', 'X', 'P', 'C', kVersion, static_cast<uint8_t>(kind), 0, 0};
+    for (int i = 0; i < 8; ++i)
+        p.push_back(static_cast<uint8_t>(id >> (8 * i)));
+    for (int i = 0; i < 8; ++i)
+        p.push_back(static_cast<uint8_t>(replyTo >> (8 * i)));
+    for (int i = 0; i < 4; ++i)
+        p.push_back(static_cast<uint8_t>(descriptors >> (8 * i)));
+    const auto n = static_cast<uint32_t>(body.size());
+    for (int i = 0; i < 4; ++i)
+        p.push_back(static_cast<uint8_t>(n >> (8 * i)));
+    p.insert(p.end(), body.begin(), body.end());
+    return p;
+}
+
+const char* Refusal(const std::vector<uint8_t>& bytes, std::vector<int> fds = {}) {
+    Envelope e;
+    const char* why = nullptr;
+    xpc_object_t o = Decode(bytes, fds, e, &why);
+    EXPECT_EQ(o, nullptr);
+    xpc_release(o);
+    return why == nullptr ? "" : why;
+}
+
+TEST(XpcWire, EveryValueTypeRoundTrips) {
+    int pipeFds[2], pair[2];
+    ASSERT_EQ(pipe(pipeFds), 0);
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, pair), 0);
+    const unsigned char uuid[16] = {0xde, 0xad, 0xbe, 0xef, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
+    std::vector<uint8_t> big(200000);
+    for (size_t i = 0; i < big.size(); ++i)
+        big[i] = static_cast<uint8_t>(i ^ (i >> 8));
+
+    xpc_object_t m = xpc_dictionary_create(nullptr, nullptr, 0);
+    xpc_object_t null = xpc_null_create();
+    xpc_dictionary_set_value(m, "null", null);
+    xpc_release(null);
+    xpc_dictionary_set_bool(m, "bool", true);
+    xpc_dictionary_set_int64(m, "int64", std::numeric_limits<int64_t>::min());
+    xpc_dictionary_set_uint64(m, "uint64", std::numeric_limits<uint64_t>::max());
+    xpc_dictionary_set_double(m, "double", -0.125);
+    xpc_dictionary_set_date(m, "date", 1700000000123456789);
+    xpc_dictionary_set_data(m, "data", "\0\1\2", 3);
+    xpc_dictionary_set_data(m, "empty", nullptr, 0);
+    xpc_dictionary_set_data(m, "big", big.data(), big.size());
+    xpc_dictionary_set_uuid(m, "uuid", uuid);
+    xpc_dictionary_set_string(m, "string", "h\xc3\xa9llo");
+    xpc_dictionary_set_string(m, "", "empty key");
+    xpc_dictionary_set_fd(m, "fd", pipeFds[1]);
+    xpc_object_t endpoint = detail::MakeDescriptor(XPC_TYPE_ENDPOINT, dup(pair[0]));
+    xpc_dictionary_set_value(m, "endpoint", endpoint);
+    xpc_release(endpoint);
+    xpc_object_t inner = xpc_dictionary_create(nullptr, nullptr, 0);
+    xpc_dictionary_set_double(inner, "nan", std::nan(""));
+    xpc_object_t items[2] = {inner, xpc_string_create("second")};
+    xpc_object_t array = xpc_array_create(items, 2);
+    xpc_dictionary_set_value(m, "array", array);
+    xpc_release(items[1]);
+    xpc_release(array);
+    xpc_release(inner);
+
+    Envelope in{Kind::messageWantingReply, 42, 0}, out;
+    xpc_object_t r = RoundTrip(m, in, out);
+    ASSERT_NE(r, nullptr);
+    EXPECT_EQ(out.kind, Kind::messageWantingReply);
+    EXPECT_EQ(out.id, 42u);
+    EXPECT_EQ(xpc_dictionary_get_count(r), xpc_dictionary_get_count(m));
+    EXPECT_EQ(xpc_get_type(xpc_dictionary_get_value(r, "null")), XPC_TYPE_NULL);
+    EXPECT_TRUE(xpc_dictionary_get_bool(r, "bool"));
+    EXPECT_EQ(xpc_dictionary_get_int64(r, "int64"), std::numeric_limits<int64_t>::min());
+    EXPECT_EQ(xpc_dictionary_get_uint64(r, "uint64"), std::numeric_limits<uint64_t>::max());
+    EXPECT_EQ(xpc_dictionary_get_double(r, "double"), -0.125);
+    EXPECT_EQ(xpc_dictionary_get_date(r, "date"), 1700000000123456789);
+    size_t n = 0;
+    const void* p = xpc_dictionary_get_data(r, "data", &n);
+    ASSERT_EQ(n, 3u);
+    EXPECT_EQ(std::memcmp(p, "\0\1\2", 3), 0);
+    EXPECT_EQ(xpc_data_get_length(xpc_dictionary_get_value(r, "empty")), 0u);
+    p = xpc_dictionary_get_data(r, "big", &n);
+    ASSERT_EQ(n, big.size());
+    EXPECT_EQ(std::memcmp(p, big.data(), n), 0);
+    EXPECT_EQ(std::memcmp(xpc_dictionary_get_uuid(r, "uuid"), uuid, 16), 0);
+    EXPECT_STREQ(xpc_dictionary_get_string(r, "string"), "h\xc3\xa9llo");
+    EXPECT_STREQ(xpc_dictionary_get_string(r, ""), "empty key");
+    EXPECT_EQ(xpc_get_type(xpc_dictionary_get_value(r, "endpoint")), XPC_TYPE_ENDPOINT);
+    xpc_object_t ra = xpc_dictionary_get_value(r, "array");
+    ASSERT_EQ(xpc_array_get_count(ra), 2u);
+    EXPECT_TRUE(std::isnan(xpc_dictionary_get_double(xpc_array_get_value(ra, 0), "nan")));
+    EXPECT_STREQ(xpc_string_get_string_ptr(xpc_array_get_value(ra, 1)), "second");
+    // Descriptors arrive as new descriptors for the same files.
+    const int fd = xpc_dictionary_dup_fd(r, "fd");
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(write(fd, "!", 1), 1);
+    char c = 0;
+    ASSERT_EQ(read(pipeFds[0], &c, 1), 1);
+    EXPECT_EQ(c, '!');
+    EXPECT_TRUE(xpc_equal(xpc_dictionary_get_value(r, "endpoint"),
+                          xpc_dictionary_get_value(m, "endpoint")));
+    // Order of keys survives the trip.
+    std::vector<std::string> sent, got;
+    xpc_dictionary_apply(m,
+                         [&](const char* k, xpc_object_t) { return sent.emplace_back(k), true; });
+    xpc_dictionary_apply(r, [&](const char* k, xpc_object_t) { return got.emplace_back(k), true; });
+    EXPECT_EQ(sent, got);
+    close(fd);
+    xpc_release(r);
+    xpc_release(m);
+    close(pipeFds[0]);
+    close(pipeFds[1]);
+    close(pair[0]);
+    close(pair[1]);
+}
+
+TEST(XpcWire, EnvelopeAndValueLayoutAreExact) {
+    xpc_object_t m = xpc_dictionary_create(nullptr, nullptr, 0);
+    xpc_dictionary_set_int64(m, "a", -2);
+    xpc_dictionary_set_string(m, "b", "hi");
+    Packet packet;
+    ASSERT_TRUE(Encode({Kind::reply, 0x0102030405060708, 9}, m, packet));
+    const std::vector<uint8_t> expected = {'L',
+                                           'X',
+                                           'P',
+                                           'C',
+                                           1,
+                                           3,
+                                           0,
+                                           0,  // magic, version, kind, flags
+                                           8,
+                                           7,
+                                           6,
+                                           5,
+                                           4,
+                                           3,
+                                           2,
+                                           1,
+                                           9,
+                                           0,
+                                           0,
+                                           0,
+                                           0,
+                                           0,
+                                           0,
+                                           0,  // id, reply-to
+                                           0,
+                                           0,
+                                           0,
+                                           0,
+                                           31,
+                                           0,
+                                           0,
+                                           0,  // descriptors, body length
+                                           kTagDictionary,
+                                           2,
+                                           0,
+                                           0,
+                                           0,  // two entries
+                                           1,
+                                           0,
+                                           0,
+                                           0,
+                                           'a',
+                                           kTagInt64,
+                                           0xfe,
+                                           0xff,
+                                           0xff,
+                                           0xff,
+                                           0xff,
+                                           0xff,
+                                           0xff,
+                                           0xff,
+                                           1,
+                                           0,
+                                           0,
+                                           0,
+                                           'b',
+                                           kTagString,
+                                           2,
+                                           0,
+                                           0,
+                                           0,
+                                           'h',
+                                           'i'};
+    EXPECT_EQ(packet.bytes, expected);
+    SetPacketId(packet, 77);
+    Envelope e;
+    std::vector<int> none;
+    xpc_object_t r = Decode(packet.bytes, none, e, nullptr);
+    ASSERT_NE(r, nullptr);
+    EXPECT_EQ(e.id, 77u);
+    EXPECT_EQ(e.replyTo, 9u);
+    xpc_release(r);
+    xpc_release(m);
+}
+
+TEST(XpcWire, PacketsTooLargeForTheSocketSpillDataOrAreRefused) {
+    std::vector<uint8_t> chunk(60000, 'x');
+    xpc_object_t m = xpc_dictionary_create(nullptr, nullptr, 0);
+    for (int i = 0; i < 5; ++i) {
+        xpc_dictionary_set_data(m, std::to_string(i).c_str(), chunk.data(), chunk.size());
+    }
+    Packet packet;
+    ASSERT_TRUE(Encode({}, m, packet));
+    EXPECT_LE(packet.bytes.size(), kMaxPacketSize);
+    EXPECT_EQ(packet.fds.size(), 5u);
+    Envelope out;
+    xpc_object_t r = RoundTrip(m, {Kind::message, 1, 0}, out);
+    EXPECT_TRUE(xpc_equal(r, m));
+    xpc_release(r);
+    std::string huge(kMaxPacketSize, 's');
+    xpc_dictionary_set_string(m, "huge", huge.c_str());
+    EXPECT_FALSE(Encode({Kind::message, 1, 0}, m, packet));
+    xpc_release(m);
+}
+
+TEST(XpcWire, NestingIsBoundedBothWays) {
+    auto nested = [](size_t depth) {
+        xpc_object_t d = xpc_dictionary_create(nullptr, nullptr, 0);
+        for (size_t i = 1; i < depth; ++i) {
+            xpc_object_t outer = xpc_dictionary_create(nullptr, nullptr, 0);
+            xpc_dictionary_set_value(outer, "n", d);
+            xpc_release(d);
+            d = outer;
+        }
+        return d;
+    };
+    Packet packet;
+    xpc_object_t ok = nested(kMaxDepth);
+    EXPECT_TRUE(Encode({Kind::message, 1, 0}, ok, packet));
+    Envelope e;
+    std::vector<int> none;
+    xpc_object_t r = Decode(packet.bytes, none, e, nullptr);
+    EXPECT_TRUE(xpc_equal(r, ok));
+    xpc_release(r);
+    xpc_release(ok);
+    xpc_object_t deep = nested(kMaxDepth + 1);
+    EXPECT_FALSE(Encode({Kind::message, 1, 0}, deep, packet));
+    xpc_release(deep);
+    // A hand-made packet nesting arrays too deep is refused by the decoder.
+    std::vector<uint8_t> body = {kTagDictionary, 1, 0, 0, 0, 1, 0, 0, 0, 'k'};
+    for (size_t i = 0; i < kMaxDepth; ++i) {
+        body.insert(body.end(), {kTagArray, 1, 0, 0, 0});
+    }
+    body.push_back(kTagNull);
+    EXPECT_STREQ(Refusal(Built(body)), "nesting too deep");
+}
+
+TEST(XpcWire, MalformedPacketsAreRefusedWithTheirReason) {
+    const std::vector<uint8_t> one = {kTagDictionary, 1, 0, 0, 0, 1, 0, 0, 0, 'k'};
+    auto with = [&](std::vector<uint8_t> value) {
+        std::vector<uint8_t> b = one;
+        b.insert(b.end(), value.begin(), value.end());
+        return b;
+    };
+    EXPECT_STREQ(Refusal(Built(with({0x7f}))), "unknown tag");
+    EXPECT_STREQ(Refusal(Built(with({kTagBool, 2}))), "bool other than 0 or 1");
+    EXPECT_STREQ(Refusal(Built(with({kTagString, 3, 0, 0, 0, 'a', 0, 'b'}))),
+                 "string with an embedded NUL");
+    EXPECT_STREQ(Refusal(Built(with({kTagData, 9, 0, 0, 0, 1}))), "truncated data");
+    EXPECT_STREQ(Refusal(Built(with({kTagNull, 0}))), "bytes after the body");
+    EXPECT_STREQ(Refusal(Built({kTagDictionary, 2, 0, 0, 0, 1, 0, 0, 0, 'k', kTagNull, 1, 0, 0, 0,
+                                'k', kTagNull})),
+                 "duplicate key");
+    EXPECT_STREQ(Refusal(Built({kTagDictionary, 0xff, 0xff, 0xff, 0xff})),
+                 "dictionary count larger than the packet");
+    EXPECT_STREQ(Refusal(Built(with({kTagArray, 0xff, 0xff, 0xff, 0x7f}))),
+                 "array count larger than the packet");
+    EXPECT_STREQ(Refusal(Built({kTagArray, 0, 0, 0, 0})), "body is not a dictionary");
+    EXPECT_STREQ(Refusal(Built(with({kTagFd, 0, 0, 0, 0}))), "descriptor index out of range");
+    EXPECT_STREQ(Refusal(Built({kTagDictionary, 0, 0, 0, 0}, 0, Kind::message, 0)),
+                 "bad message id or reply id");
+    EXPECT_STREQ(Refusal(Built({kTagDictionary, 0, 0, 0, 0}, 0, Kind::reply, 5, 0)),
+                 "bad message id or reply id");
+    EXPECT_STREQ(Refusal(Built({kTagDictionary, 0, 0, 0, 0}, 0, Kind::connect, 5)),
+                 "unknown message kind");
+    std::vector<uint8_t> p = Built({kTagDictionary, 0, 0, 0, 0});
+    p.push_back(0);
+    EXPECT_STREQ(Refusal(p), "body length does not match the packet");
+    p = Built({kTagDictionary, 0, 0, 0, 0});
+    p[6] = 1;
+    EXPECT_STREQ(Refusal(p), "reserved envelope bits set");
+    p[6] = 0;
+    p[0] = 'M';
+    EXPECT_STREQ(Refusal(p), "bad magic or version");
+    // Every truncation of a valid packet is refused.
+    xpc_object_t m = xpc_dictionary_create(nullptr, nullptr, 0);
+    xpc_dictionary_set_string(m, "key", "value");
+    xpc_dictionary_set_double(m, "d", 1.5);
+    Packet good;
+    ASSERT_TRUE(Encode({Kind::message, 3, 0}, m, good));
+    for (size_t cut = 0; cut < good.bytes.size(); ++cut) {
+        std::vector<uint8_t> shorter(good.bytes.begin(), good.bytes.begin() + cut);
+        Refusal(shorter);
+    }
+    xpc_release(m);
+}
+
+TEST(XpcWire, DescriptorRulesAreEnforcedAndRefusedDescriptorsClosed) {
+    auto pipePair = [] {
+        std::vector<int> p(2);
+        EXPECT_EQ(pipe2(p.data(), O_CLOEXEC), 0);
+        return p;
+    };
+    const std::vector<uint8_t> fdBody = {kTagDictionary, 1, 0, 0, 0, 1, 0, 0, 0, 'f',
+                                         kTagFd,         0, 0, 0, 0};
+    // Count in the envelope differs from what arrived.
+    std::vector<int> p = pipePair();
+    EXPECT_STREQ(Refusal(Built(fdBody, 1), p),
+                 "descriptor count does not match the descriptors received");
+    EXPECT_FALSE(IsOpen(p[0]));
+    EXPECT_FALSE(IsOpen(p[1]));
+    // One received but not used.
+    p = pipePair();
+    EXPECT_STREQ(Refusal(Built(fdBody, 2), p), "descriptor received but not used");
+    EXPECT_FALSE(IsOpen(p[0]));
+    EXPECT_FALSE(IsOpen(p[1]));
+    // The same one used twice.
+    p = pipePair();
+    const std::vector<uint8_t> twice = {kTagDictionary, 2, 0, 0, 0, 1, 0, 0, 0, 'a',
+                                        kTagFd,         0, 0, 0, 0, 1, 0, 0, 0, 'b',
+                                        kTagFd,         0, 0, 0, 0};
+    EXPECT_STREQ(Refusal(Built(twice, 2), p), "descriptor used twice");
+    EXPECT_FALSE(IsOpen(p[0]));
+    EXPECT_FALSE(IsOpen(p[1]));
+    // An endpoint must be a SOCK_SEQPACKET socket.
+    p = pipePair();
+    p.pop_back();
+    const std::vector<uint8_t> endpoint = {kTagDictionary, 1, 0, 0, 0, 1, 0, 0, 0, 'e',
+                                           kTagEndpoint,   0, 0, 0, 0};
+    const int kept = p[0];
+    EXPECT_STREQ(Refusal(Built(endpoint, 1), p),
+                 "endpoint descriptor is not a SOCK_SEQPACKET socket");
+    EXPECT_FALSE(IsOpen(kept));
+    // Sealed data must come in a memfd that really is sealed and of the stated size.
+    std::vector<uint8_t> sealed = {kTagDictionary,
+                                   1,
+                                   0,
+                                   0,
+                                   0,
+                                   1,
+                                   0,
+                                   0,
+                                   0,
+                                   'd',
+                                   kTagSealedData,
+                                   0,
+                                   0,
+                                   1,
+                                   0,
+                                   0,
+                                   0,
+                                   0,
+                                   0,
+                                   0,
+                                   0,
+                                   0,
+                                   0};  // 65536 bytes, fd 0
+    const int unsealed = memfd_create("t", MFD_CLOEXEC);
+    ASSERT_EQ(ftruncate(unsealed, 65536), 0);
+    EXPECT_STREQ(Refusal(Built(sealed, 1), {unsealed}),
+                 "sealed data descriptor is not a sealed memfd of that size");
+    EXPECT_FALSE(IsOpen(unsealed));
+    std::vector<uint8_t> bytes(65535, 1);
+    xpc_object_t d = xpc_data_create(bytes.data(), bytes.size());
+    xpc_object_t m = xpc_dictionary_create(nullptr, nullptr, 0);
+    xpc_dictionary_set_value(m, "d", d);
+    Packet ok;
+    ASSERT_TRUE(Encode({Kind::message, 1, 0}, m, ok));
+    EXPECT_TRUE(ok.fds.empty());  // 64 KiB and less stays inline
+    xpc_release(m);
+    xpc_release(d);
+}
+
+TEST(XpcWire, ConnectRequestsCarryExactlyOneSocket) {
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair), 0);
+    Packet request = EncodeConnect(pair[1]);
+    std::vector<int> fds = std::exchange(request.fds, {});
+    int end = -1;
+    ASSERT_TRUE(DecodeConnect(request.bytes, fds, end));
+    EXPECT_EQ(end, pair[1]);
+    int pipeFds[2];
+    ASSERT_EQ(pipe2(pipeFds, O_CLOEXEC), 0);
+    std::vector<int> notSocket = {pipeFds[0]};
+    EXPECT_FALSE(DecodeConnect(request.bytes, notSocket, end));
+    EXPECT_FALSE(IsOpen(pipeFds[0]));
+    std::vector<int> none;
+    EXPECT_FALSE(DecodeConnect(request.bytes, none, end));
+    close(pipeFds[1]);
+    close(pair[0]);
+    close(pair[1]);
+}
+
+}  // namespace

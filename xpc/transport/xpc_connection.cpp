@@ -1,0 +1,873 @@
+// Connections, listeners and endpoints over SOCK_SEQPACKET sockets.
+//
+// Threads: each resumed client or peer connection has one reader thread blocked in
+// recvmsg on its socket; each resumed listener has one thread waiting on its listening
+// socket and its endpoint connector. A reader decodes a packet and runs its event or reply
+// handler inline when the target queue is idle (no thread hop on the round-trip path), else
+// queues it. Sends are written by the sending thread without blocking; a peer that stops
+// reading makes the rest wait in the connection's out queue, written by a writer thread
+// started for the purpose, so a stuck client never blocks the service.
+//
+// Invariants (all guarded by the connection's mutex):
+// - Events, reply handlers and barriers of a connection go through its target queue, in the
+//   order the reader or sender produced them.
+// - Every reply handler is called exactly once: with the reply, or with the error that ended
+//   the socket it was sent on (interrupted for a named-service client, invalid otherwise).
+// - After cancel the event handler sees only the final XPC_ERROR_CONNECTION_INVALID; after
+//   that final event it is dropped, with whatever it captured.
+// - A resumed connection keeps itself alive (the "active" reference) until its final event
+//   has run; a peer whose handler never retains it still lives until the peer goes away.
+// - A barrier runs once every packet sent before it has been handed to the socket, or once
+//   the socket is gone.
+#include <errno.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <thread>
+
+#include "thread/main_queue.h"
+#include "xpc/transport/xpc_internal.h"
+#include "xpc/transport/xpc_os.h"
+#include "xpc/transport/xpc_wire.h"
+
+namespace lxpc {
+
+namespace {
+
+using namespace detail;
+
+enum class Role { namedClient, endpointClient, peer, namedListener, anonymousListener };
+
+std::atomic<size_t> g_livePeers{0};
+
+// A socket shared by the connection, its reader and its writer; closed with the last user,
+// so that no thread ever works on a descriptor number that was reused.
+struct Socket {
+    explicit Socket(int descriptor) : fd(descriptor) {}
+    ~Socket() { os::Close(fd); }
+    Socket(const Socket&) = delete;
+    Socket& operator=(const Socket&) = delete;
+    const int fd;
+};
+using SocketRef = std::shared_ptr<Socket>;
+
+struct SyncWait {
+    std::mutex mutex;
+    std::condition_variable done_cv;
+    bool done = false;
+    xpc_object_t result = nullptr;
+};
+
+struct Pending {
+    xpc_queue_t queue = nullptr;  // retained
+    xpc_handler_t handler;
+    std::shared_ptr<SyncWait> sync;
+};
+
+struct OutItem {
+    wire::Packet packet;
+    xpc_barrier_t barrier;  // set for a barrier marker
+};
+
+struct Connection;
+thread_local Connection* t_reading = nullptr;  // the connection whose reader is this thread
+
+struct Connection : _xpc_object {
+    Connection(Role r, std::string n, xpc_queue_t queue)
+        : _xpc_object(XPC_TYPE_CONNECTION), role(r), name(std::move(n)) {
+        if (queue != nullptr) {
+            QueueRetain(queue);
+            target = queue;
+        } else {
+            target = new _xpc_queue(name, false);
+            ownQueue = true;
+        }
+    }
+
+    ~Connection() override {
+        for (auto& [id, p] : pending) {
+            QueueRelease(p.queue);
+        }
+        if (listenFd >= 0) {
+            if (boundPath) {
+                os::UnlinkIfOurs(path, listenFd);
+            }
+            os::Close(listenFd);
+        }
+        os::Close(connectorFd);
+        os::Close(connectorPeerFd);
+        os::Close(wakeup);
+        if (countedPeer) {
+            g_livePeers.fetch_sub(1);
+        }
+        QueueRelease(target);
+    }
+
+    bool IsListener() const {
+        return role == Role::namedListener || role == Role::anonymousListener;
+    }
+
+    const Role role;
+    const std::string name;
+    xpc_queue_t target;
+    bool ownQueue = false;
+
+    std::mutex mutex;
+    std::condition_variable resumed_cv;
+    std::shared_ptr<const xpc_handler_t> handler;
+    int suspendCount = 1;
+    bool everResumed = false;
+    bool cancelled = false;
+    bool finished = false;     // the final event was queued
+    bool unreachable = false;  // never connected, or the listener could not be set up
+    SocketRef socket;
+    bool readerRunning = false;
+    bool writerRunning = false;
+    pid_t pid = 0;
+    uint64_t nextId = 1;
+    std::unordered_map<uint64_t, Pending> pending;
+    std::deque<OutItem> out;
+    bool countedPeer = false;
+
+    // Listeners.
+    std::string path;
+    bool boundPath = false;
+    int listenFd = -1;
+    int connectorFd = -1;      // watched by the listener
+    int connectorPeerFd = -1;  // duplicated into endpoints
+    int wakeup = -1;
+};
+
+Connection* AsConnection(xpc_object_t object) {
+    return object != nullptr && object->type == XPC_TYPE_CONNECTION
+               ? static_cast<Connection*>(object)
+               : nullptr;
+}
+
+void Report(const Connection* c, const char* what) {
+    std::fprintf(stderr, "lxpc: %s%s%s\n", c->name.empty() ? "" : c->name.c_str(),
+                 c->name.empty() ? "" : ": ", what);
+}
+
+// ---- delivery ----
+
+// Queues an event for the connection's handler. A non-final event is skipped when the
+// connection was cancelled before it ran; the final one drops the handler and the active
+// reference once it has run.
+void DeliverEvent(Connection* c, xpc_object_t event, bool final, bool inlineAllowed) {
+    xpc_retain(c);
+    auto work = [c, event, final] {
+        std::shared_ptr<const xpc_handler_t> h;
+        {
+            std::lock_guard lock(c->mutex);
+            if (!c->cancelled || final) {
+                h = c->handler;
+            }
+        }
+        if (h && *h) {
+            (*h)(event);
+        }
+        xpc_release(event);
+        if (final) {
+            {
+                std::lock_guard lock(c->mutex);
+                h = std::move(c->handler);
+            }
+            h.reset();
+            xpc_release(c);  // the active reference
+        }
+        xpc_release(c);
+    };
+    if (inlineAllowed) {
+        c->target->RunOrAsync(std::move(work));
+    } else {
+        c->target->Async(std::move(work));
+    }
+}
+
+void DeliverReply(Connection* c, Pending p, xpc_object_t reply, bool inlineAllowed) {
+    if (p.sync) {
+        std::lock_guard lock(p.sync->mutex);
+        p.sync->result = reply;
+        p.sync->done = true;
+        p.sync->done_cv.notify_all();
+        return;
+    }
+    xpc_queue_t queue = p.queue != nullptr ? p.queue : c->target;
+    auto work = [handler = std::move(p.handler), reply] {
+        if (handler) {
+            handler(reply);
+        }
+        xpc_release(reply);
+    };
+    if (inlineAllowed) {
+        queue->RunOrAsync(std::move(work));
+    } else {
+        queue->Async(std::move(work));
+    }
+    QueueRelease(p.queue);
+}
+
+void DeliverBarrier(Connection* c, xpc_barrier_t barrier) {
+    xpc_retain(c);
+    c->target->Async([c, barrier = std::move(barrier)] {
+        if (barrier) {
+            barrier();
+        }
+        xpc_release(c);
+    });
+}
+
+// What ending a socket owes: pending replies failed, barriers run, packets dropped.
+struct Owed {
+    std::vector<Pending> replies;
+    std::vector<xpc_barrier_t> barriers;
+};
+
+Owed TakeOwedLocked(Connection* c) {
+    Owed owed;
+    for (auto& [id, p] : c->pending) {
+        owed.replies.push_back(std::move(p));
+    }
+    c->pending.clear();
+    for (OutItem& item : c->out) {
+        if (item.barrier) {
+            owed.barriers.push_back(std::move(item.barrier));
+        }
+    }
+    c->out.clear();
+    return owed;
+}
+
+void Settle(Connection* c, Owed owed, xpc_object_t error) {
+    for (Pending& p : owed.replies) {
+        DeliverReply(c, std::move(p), error, false);
+    }
+    for (xpc_barrier_t& b : owed.barriers) {
+        DeliverBarrier(c, std::move(b));
+    }
+}
+
+// Ends the connection for good (mutex held): the final event is queued once.
+void FinishLocked(Connection* c, std::unique_lock<std::mutex>& lock) {
+    if (c->finished) {
+        return;
+    }
+    c->finished = true;
+    c->socket.reset();
+    Owed owed = TakeOwedLocked(c);
+    lock.unlock();
+    Settle(c, std::move(owed), XPC_ERROR_CONNECTION_INVALID);
+    DeliverEvent(c, XPC_ERROR_CONNECTION_INVALID, true, false);
+    lock.lock();
+}
+
+// ---- reading ----
+
+xpc_object_t EndError(const Connection* c) {
+    return c->role == Role::namedClient && !c->cancelled ? XPC_ERROR_CONNECTION_INTERRUPTED
+                                                         : XPC_ERROR_CONNECTION_INVALID;
+}
+
+// Receives and dispatches one packet; false once the socket has ended (or sent garbage).
+bool ReceiveOne(Connection* c, const SocketRef& sock, std::vector<uint8_t>& buffer,
+                bool inlineAllowed) {
+    size_t length = 0;
+    std::vector<int> fds;
+    if (os::ReceivePacket(sock->fd, buffer, length, fds) != os::IoStatus::ok) {
+        return false;
+    }
+    {
+        std::unique_lock lock(c->mutex);
+        c->resumed_cv.wait(lock, [c] { return c->suspendCount == 0 || c->cancelled; });
+        if (c->cancelled) {
+            for (int fd : fds) {
+                os::Close(fd);
+            }
+            return false;
+        }
+    }
+    wire::Envelope envelope;
+    const char* why = nullptr;
+    xpc_object_t body =
+        wire::Decode(std::span<const uint8_t>(buffer.data(), length), fds, envelope, &why);
+    if (body == nullptr) {
+        std::string message = "dropping connection: malformed packet (";
+        message += why != nullptr ? why : "?";
+        message += ')';
+        Report(c, message.c_str());
+        return false;
+    }
+    auto* d = static_cast<DictionaryObject*>(body);
+    d->remote = xpc_retain(c);
+    if (envelope.kind == wire::Kind::reply) {
+        Pending p;
+        bool found = false;
+        {
+            std::lock_guard lock(c->mutex);
+            auto it = c->pending.find(envelope.replyTo);
+            if (it != c->pending.end()) {
+                p = std::move(it->second);
+                c->pending.erase(it);
+                found = true;
+            }
+        }
+        if (!found) {
+            xpc_release(body);  // a reply nobody waits for: harmless, ignored
+            return true;
+        }
+        DeliverReply(c, std::move(p), body, inlineAllowed);
+        return true;
+    }
+    if (envelope.kind == wire::Kind::messageWantingReply) {
+        d->wantsReplyId = envelope.id;
+    }
+    DeliverEvent(c, body, false, inlineAllowed);
+    return true;
+}
+
+void SocketEnded(Connection* c, const SocketRef& sock) {
+    os::Shutdown(sock->fd);  // stops a writer blocked on it
+    std::unique_lock lock(c->mutex);
+    if (c->socket == sock) {
+        c->socket.reset();
+    }
+    c->readerRunning = false;
+    xpc_object_t error = EndError(c);
+    const bool terminal = c->role != Role::namedClient || c->cancelled;
+    if (terminal) {
+        FinishLocked(c, lock);
+        return;
+    }
+    Owed owed = TakeOwedLocked(c);
+    lock.unlock();
+    Settle(c, std::move(owed), error);
+    DeliverEvent(c, error, false, false);
+}
+
+void ReaderMain(Connection* c, SocketRef sock) {
+    t_reading = c;
+    std::vector<uint8_t> buffer(wire::kMaxPacketSize);
+    while (ReceiveOne(c, sock, buffer, true)) {
+    }
+    t_reading = nullptr;
+    SocketEnded(c, sock);
+    xpc_release(c);  // the reader's reference
+}
+
+void StartReaderLocked(Connection* c) {
+    if (c->readerRunning || !c->socket) {
+        return;
+    }
+    c->readerRunning = true;
+    xpc_retain(c);
+    std::thread(ReaderMain, c, c->socket).detach();
+}
+
+// ---- writing ----
+
+void WriterMain(Connection* c, SocketRef sock) {
+    std::unique_lock lock(c->mutex);
+    bool broken = false;
+    while (!c->out.empty()) {
+        OutItem item = std::move(c->out.front());
+        c->out.pop_front();
+        lock.unlock();
+        if (item.barrier) {
+            DeliverBarrier(c, std::move(item.barrier));
+        } else if (!broken && os::SendPacket(sock->fd, item.packet.bytes, item.packet.fds, true) !=
+                                  os::IoStatus::ok) {
+            // The reader sees the end and fails the pending replies; what is still queued
+            // here is dropped, its barriers run.
+            broken = true;
+            os::Shutdown(sock->fd);
+        }
+        lock.lock();
+    }
+    c->writerRunning = false;
+    lock.unlock();
+    xpc_release(c);
+}
+
+// Connects a named-service client again after an interruption (mutex held).
+bool ReconnectLocked(Connection* c) {
+    const int fd = os::ConnectPath(os::ServiceSocketPath(c->name.c_str()));
+    if (fd < 0) {
+        return false;
+    }
+    c->socket = std::make_shared<Socket>(fd);
+    c->pid = os::PeerPid(fd);
+    if (c->everResumed) {
+        StartReaderLocked(c);
+    }
+    return true;
+}
+
+// Sends `message`; with a reply wanted, `p` is owed the reply or an error.
+void Send(Connection* c, xpc_object_t message, Pending* p) {
+    const DictionaryObject* d = message != nullptr && message->type == XPC_TYPE_DICTIONARY
+                                    ? static_cast<const DictionaryObject*>(message)
+                                    : nullptr;
+    wire::Envelope envelope;
+    if (d != nullptr && d->repliesToId != 0) {
+        envelope.kind = wire::Kind::reply;
+        envelope.replyTo = d->repliesToId;
+    } else if (p != nullptr) {
+        envelope.kind = wire::Kind::messageWantingReply;
+    }
+    wire::Packet packet;
+    if (c->IsListener() || d == nullptr || !wire::Encode(envelope, message, packet)) {
+        Report(c, "message not sent: it cannot be encoded");
+        if (p != nullptr) {
+            DeliverReply(c, std::move(*p), XPC_ERROR_CONNECTION_INVALID, false);
+        }
+        return;
+    }
+    std::unique_lock lock(c->mutex);
+    if (c->cancelled || c->finished || c->unreachable) {
+        lock.unlock();
+        if (p != nullptr) {
+            DeliverReply(c, std::move(*p), XPC_ERROR_CONNECTION_INVALID, false);
+        }
+        return;
+    }
+    if (!c->socket && (c->role != Role::namedClient || !ReconnectLocked(c))) {
+        lock.unlock();
+        if (p != nullptr) {
+            DeliverReply(c, std::move(*p), EndError(c), false);
+        }
+        return;
+    }
+    const uint64_t id = c->nextId++;
+    wire::SetPacketId(packet, id);
+    if (p != nullptr) {
+        c->pending.emplace(id, std::move(*p));
+    }
+    if (!c->out.empty() || c->writerRunning) {
+        c->out.push_back(OutItem{std::move(packet), nullptr});
+        return;
+    }
+    switch (os::SendPacket(c->socket->fd, packet.bytes, packet.fds, false)) {
+        case os::IoStatus::ok:
+            return;
+        case os::IoStatus::wouldBlock:
+            c->out.push_back(OutItem{std::move(packet), nullptr});
+            c->writerRunning = true;
+            xpc_retain(c);
+            std::thread(WriterMain, c, c->socket).detach();
+            return;
+        case os::IoStatus::closed:
+        case os::IoStatus::failed:
+            // The reader sees the socket end and settles what is owed. A connection that
+            // was never resumed has no reader: settle here.
+            // Without a reader (not resumed yet) settle here; a connection that is not a
+            // named-service client is then finished by its first resume.
+            os::Shutdown(c->socket->fd);
+            if (!c->readerRunning) {
+                c->socket.reset();
+                Owed owed = TakeOwedLocked(c);
+                lock.unlock();
+                Settle(c, std::move(owed), EndError(c));
+            }
+            return;
+    }
+}
+
+// ---- listening ----
+
+void DeliverPeer(Connection* listener, Connection* peer) {
+    xpc_retain(listener);
+    listener->target->Async([listener, peer] {
+        std::shared_ptr<const xpc_handler_t> h;
+        {
+            std::lock_guard lock(listener->mutex);
+            if (!listener->cancelled) {
+                h = listener->handler;
+            }
+        }
+        if (h && *h) {
+            (*h)(peer);
+        }
+        xpc_release(peer);  // the listener's: a peer nobody retained or resumed goes now
+        xpc_release(listener);
+    });
+}
+
+Connection* MakePeer(Connection* listener, int fd) {
+    if (g_livePeers.fetch_add(1) >= wire::kMaxConnections) {
+        g_livePeers.fetch_sub(1);
+        Report(listener, "connection refused: too many connections");
+        os::Close(fd);
+        return nullptr;
+    }
+    // Peers share the listener's queue when one was given to it, else each has its own.
+    auto* peer =
+        new Connection(Role::peer, std::string(), listener->ownQueue ? nullptr : listener->target);
+    peer->countedPeer = true;
+    peer->socket = std::make_shared<Socket>(fd);
+    peer->pid = os::PeerPid(fd);
+    return peer;
+}
+
+void ListenerMain(Connection* c) {
+    std::vector<uint8_t> buffer(wire::kHeaderSize + 16);
+    for (;;) {
+        {
+            std::unique_lock lock(c->mutex);
+            c->resumed_cv.wait(lock, [c] { return c->suspendCount == 0 || c->cancelled; });
+            if (c->cancelled) {
+                break;
+            }
+        }
+        int readable = -1;
+        const int first = c->listenFd >= 0 ? c->listenFd : c->connectorFd;
+        const int second = c->listenFd >= 0 ? c->connectorFd : -1;
+        if (!os::WaitReadable(c->wakeup, first, second, readable)) {
+            break;
+        }
+        int fd = -1;
+        if (readable == c->listenFd) {
+            fd = os::Accept(c->listenFd);
+        } else {
+            size_t length = 0;
+            std::vector<int> fds;
+            if (os::ReceivePacket(c->connectorFd, buffer, length, fds) == os::IoStatus::ok &&
+                !wire::DecodeConnect(std::span<const uint8_t>(buffer.data(), length), fds, fd)) {
+                Report(c, "ignoring a malformed connect request");
+            }
+        }
+        if (fd < 0) {
+            continue;
+        }
+        if (Connection* peer = MakePeer(c, fd)) {
+            DeliverPeer(c, peer);
+        }
+    }
+    std::unique_lock lock(c->mutex);
+    FinishLocked(c, lock);
+    lock.unlock();
+    xpc_release(c);  // the listener thread's reference
+}
+
+Connection* CreateListener(Role role, const char* name, xpc_queue_t queue) {
+    auto* c = new Connection(role, name == nullptr ? std::string() : std::string(name), queue);
+    c->wakeup = os::MakeWakeup();
+    int pair[2];
+    if (os::SocketPair(pair)) {
+        c->connectorFd = pair[0];
+        c->connectorPeerFd = pair[1];
+    }
+    if (role == Role::namedListener) {
+        c->path = os::ServiceSocketPath(name);
+        c->listenFd = os::ListenPath(c->path, c->boundPath);
+        if (c->listenFd < 0) {
+            std::string message = "cannot listen on " + c->path + ": " + std::strerror(errno);
+            Report(c, message.c_str());
+        }
+    }
+    if (c->wakeup < 0 || c->connectorFd < 0 || (role == Role::namedListener && c->listenFd < 0)) {
+        c->unreachable = true;
+    }
+    return c;
+}
+
+Connection* CreateNamedClient(const char* name, xpc_queue_t queue) {
+    auto* c = new Connection(Role::namedClient, name, queue);
+    const int fd = os::ConnectPath(os::ServiceSocketPath(name));
+    if (fd < 0) {
+        c->unreachable = true;
+    } else {
+        c->socket = std::make_shared<Socket>(fd);
+        c->pid = os::PeerPid(fd);
+    }
+    return c;
+}
+
+}  // namespace
+
+// ---- public interface ----
+
+xpc_connection_t xpc_connection_create(const char* name, xpc_queue_t queue) {
+    if (name == nullptr) {
+        return CreateListener(Role::anonymousListener, nullptr, queue);
+    }
+    return CreateNamedClient(name, queue);
+}
+
+xpc_connection_t xpc_connection_create_mach_service(const char* name, xpc_queue_t queue,
+                                                    uint64_t flags) {
+    if (name == nullptr || name[0] == '\0') {
+        return nullptr;
+    }
+    if ((flags & XPC_CONNECTION_MACH_SERVICE_LISTENER) != 0) {
+        return CreateListener(Role::namedListener, name, queue);
+    }
+    return CreateNamedClient(name, queue);
+}
+
+xpc_endpoint_t xpc_endpoint_create(xpc_connection_t listener) {
+    Connection* c = AsConnection(listener);
+    if (c == nullptr || !c->IsListener() || c->connectorPeerFd < 0) {
+        return nullptr;
+    }
+    return MakeDescriptor(XPC_TYPE_ENDPOINT, os::Dup(c->connectorPeerFd));
+}
+
+xpc_connection_t xpc_connection_create_from_endpoint(xpc_endpoint_t endpoint) {
+    if (endpoint == nullptr || endpoint->type != XPC_TYPE_ENDPOINT) {
+        return nullptr;
+    }
+    const int connector = static_cast<DescriptorObject*>(endpoint)->fd;
+    auto* c = new Connection(Role::endpointClient, std::string(), nullptr);
+    int pair[2];
+    if (!os::SocketPair(pair)) {
+        c->unreachable = true;
+        return c;
+    }
+    wire::Packet request = wire::EncodeConnect(pair[1]);  // owns pair[1] from here
+    if (os::SendPacket(connector, request.bytes, request.fds, true) != os::IoStatus::ok) {
+        os::Close(pair[0]);
+        c->unreachable = true;
+        return c;
+    }
+    c->socket = std::make_shared<Socket>(pair[0]);
+    // Our end of a fresh pair names ourselves; the connector was made by the listener.
+    c->pid = os::PeerPid(connector);
+    return c;
+}
+
+void xpc_connection_set_event_handler(xpc_connection_t connection, xpc_handler_t handler) {
+    Connection* c = AsConnection(connection);
+    if (c == nullptr) {
+        return;
+    }
+    auto h = std::make_shared<const xpc_handler_t>(std::move(handler));
+    std::shared_ptr<const xpc_handler_t> old;
+    {
+        std::lock_guard lock(c->mutex);
+        if (c->finished && c->cancelled) {
+            return;  // nothing will be delivered any more
+        }
+        old = std::exchange(c->handler, std::move(h));
+    }
+    // The old handler (and what it captured) goes outside the lock.
+}
+
+void xpc_connection_set_target_queue(xpc_connection_t connection, xpc_queue_t queue) {
+    Connection* c = AsConnection(connection);
+    if (c == nullptr) {
+        return;
+    }
+    std::lock_guard lock(c->mutex);
+    // Only before the first resume: afterwards items may already be on the old queue.
+    if (c->everResumed) {
+        return;
+    }
+    xpc_queue_t old = c->target;
+    if (queue != nullptr) {
+        QueueRetain(queue);
+        c->target = queue;
+    } else {
+        c->target = new _xpc_queue(c->name, false);
+    }
+    c->ownQueue = queue == nullptr;
+    QueueRelease(old);
+}
+
+void xpc_connection_resume(xpc_connection_t connection) {
+    Connection* c = AsConnection(connection);
+    if (c == nullptr) {
+        return;
+    }
+    std::unique_lock lock(c->mutex);
+    if (c->suspendCount == 0) {
+        return;  // unbalanced resume: ignored
+    }
+    if (--c->suspendCount > 0) {
+        return;
+    }
+    c->resumed_cv.notify_all();
+    if (c->everResumed) {
+        return;
+    }
+    c->everResumed = true;
+    xpc_retain(c);  // the active reference, dropped after the final event
+    if (c->cancelled || c->unreachable ||
+        (!c->IsListener() && !c->socket && c->role != Role::namedClient)) {
+        FinishLocked(c, lock);
+        return;
+    }
+    if (c->IsListener()) {
+        xpc_retain(c);
+        std::thread(ListenerMain, c).detach();
+        return;
+    }
+    if (c->socket) {
+        StartReaderLocked(c);
+    }
+}
+
+void xpc_connection_suspend(xpc_connection_t connection) {
+    Connection* c = AsConnection(connection);
+    if (c == nullptr) {
+        return;
+    }
+    std::lock_guard lock(c->mutex);
+    ++c->suspendCount;
+}
+
+void xpc_connection_cancel(xpc_connection_t connection) {
+    Connection* c = AsConnection(connection);
+    if (c == nullptr) {
+        return;
+    }
+    std::unique_lock lock(c->mutex);
+    if (c->cancelled) {
+        return;
+    }
+    c->cancelled = true;
+    c->resumed_cv.notify_all();
+    if (c->IsListener()) {
+        if (c->everResumed && !c->finished && c->wakeup >= 0 && !c->unreachable) {
+            os::Wake(c->wakeup);  // the listener thread finishes
+        }
+        return;
+    }
+    if (c->socket) {
+        os::Shutdown(c->socket->fd);
+        if (c->readerRunning) {
+            return;  // the reader finishes
+        }
+        c->socket.reset();
+    }
+    if (c->everResumed) {
+        FinishLocked(c, lock);
+    }
+}
+
+void xpc_connection_send_message(xpc_connection_t connection, xpc_object_t message) {
+    if (Connection* c = AsConnection(connection)) {
+        Send(c, message, nullptr);
+    }
+}
+
+void xpc_connection_send_message_with_reply(xpc_connection_t connection, xpc_object_t message,
+                                            xpc_queue_t replyQueue, xpc_handler_t handler) {
+    Connection* c = AsConnection(connection);
+    if (c == nullptr) {
+        return;
+    }
+    Pending p;
+    if (replyQueue != nullptr) {
+        QueueRetain(replyQueue);
+        p.queue = replyQueue;
+    }
+    p.handler = std::move(handler);
+    Send(c, message, &p);
+}
+
+xpc_object_t xpc_connection_send_message_with_reply_sync(xpc_connection_t connection,
+                                                         xpc_object_t message) {
+    Connection* c = AsConnection(connection);
+    if (c == nullptr) {
+        return XPC_ERROR_CONNECTION_INVALID;
+    }
+    auto wait = std::make_shared<SyncWait>();
+    Pending p;
+    p.sync = wait;
+    Send(c, message, &p);
+    if (t_reading == c) {
+        // Called from a handler this connection's reader runs inline: nobody else reads the
+        // socket, so read it here until the reply comes.
+        SocketRef sock;
+        {
+            std::lock_guard lock(c->mutex);
+            sock = c->socket;
+        }
+        std::vector<uint8_t> buffer(wire::kMaxPacketSize);
+        for (;;) {
+            {
+                std::lock_guard lock(wait->mutex);
+                if (wait->done) {
+                    break;
+                }
+            }
+            if (!sock || !ReceiveOne(c, sock, buffer, false)) {
+                if (sock) {
+                    os::Shutdown(sock->fd);  // the reader ends and settles the rest
+                }
+                std::lock_guard lock(c->mutex);
+                for (auto it = c->pending.begin(); it != c->pending.end(); ++it) {
+                    if (it->second.sync == wait) {
+                        c->pending.erase(it);
+                        break;
+                    }
+                }
+                std::lock_guard waitLock(wait->mutex);
+                if (!wait->done) {
+                    wait->done = true;
+                    wait->result = EndError(c);
+                }
+                break;
+            }
+        }
+    }
+    std::unique_lock lock(wait->mutex);
+    wait->done_cv.wait(lock, [&] { return wait->done; });
+    return wait->result;
+}
+
+void xpc_connection_send_barrier(xpc_connection_t connection, xpc_barrier_t barrier) {
+    Connection* c = AsConnection(connection);
+    if (c == nullptr) {
+        return;
+    }
+    std::unique_lock lock(c->mutex);
+    if (!c->out.empty() || c->writerRunning) {
+        c->out.push_back(OutItem{wire::Packet(), std::move(barrier)});
+        return;
+    }
+    lock.unlock();
+    DeliverBarrier(c, std::move(barrier));
+}
+
+pid_t xpc_connection_get_pid(xpc_connection_t connection) {
+    Connection* c = AsConnection(connection);
+    if (c == nullptr) {
+        return 0;
+    }
+    std::lock_guard lock(c->mutex);
+    return c->pid;
+}
+
+const char* xpc_connection_get_name(xpc_connection_t connection) {
+    Connection* c = AsConnection(connection);
+    return c == nullptr || c->name.empty() ? nullptr : c->name.c_str();
+}
+
+void xpc_main(void (*handler)(xpc_connection_t peer)) {
+    const char* name = std::getenv("LXPC_SERVICE_NAME");
+    if (name == nullptr || name[0] == '\0') {
+        name = program_invocation_short_name;
+    }
+    xpc_connection_t listener = xpc_connection_create_mach_service(
+        name, xpc_main_queue(), XPC_CONNECTION_MACH_SERVICE_LISTENER);
+    xpc_connection_set_event_handler(listener, [handler](xpc_object_t event) {
+        if (xpc_get_type(event) == XPC_TYPE_CONNECTION && handler != nullptr) {
+            handler(event);
+        } else if (event == XPC_ERROR_CONNECTION_INVALID) {
+            std::fprintf(stderr, "lxpc: the service listener ended\n");
+            std::exit(EXIT_FAILURE);
+        }
+    });
+    xpc_connection_resume(listener);
+    LMainQueueRun();
+    xpc_connection_set_event_handler(listener, [](xpc_object_t) {});
+    xpc_connection_cancel(listener);
+    xpc_release(listener);
+    std::exit(EXIT_SUCCESS);
+}
+
+}  // namespace lxpc

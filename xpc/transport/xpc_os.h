@@ -1,0 +1,59 @@
+// The operating-system calls the transport needs, and nothing else: sealed memory files,
+// SOCK_SEQPACKET sockets with descriptor passing, peer credentials, the service socket's
+// path and systemd socket activation. The Linux half is xpc_os_linux.cpp; every decision
+// (what to send, when a connection ends) stays in the portable files.
+//
+// Descriptors returned here are close-on-exec. Functions returning a descriptor return -1 on
+// failure with errno set.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace lxpc::os {
+
+// A memfd holding exactly `length` bytes, sealed against writing, growing and shrinking.
+int CreateSealedMemfd(const void* bytes, size_t length);
+// Maps a received memfd read-only once it is proven sealed (write, grow, shrink) and holds
+// exactly `length` bytes; null otherwise. Unmap with Unmap.
+const void* MapSealedMemfd(int fd, uint64_t length);
+void Unmap(const void* mapping, size_t length);
+
+bool IsSeqpacketSocket(int fd);
+bool SameFile(int a, int b);
+int Dup(int fd);
+void Close(int fd);
+
+// "<dir>/<name>.sock", <dir> being $LXPC_SERVICE_DIR when set, else /run.
+std::string ServiceSocketPath(const char* name);
+// Connects a SOCK_SEQPACKET socket to `path`.
+int ConnectPath(const std::string& path);
+// The listening socket for `path`: the one systemd passed (sd_listen_fds) when it is bound to
+// that path, else a new one bound by this process (mode 0666; a stale socket that nobody
+// listens on is removed first). `bound` tells whether this process created the path.
+int ListenPath(const std::string& path, bool& bound);
+// Removes `path` when it is still the socket `fd` is bound to.
+void UnlinkIfOurs(const std::string& path, int fd);
+bool SocketPair(int fds[2]);
+int Accept(int listener);
+pid_t PeerPid(int fd);
+int MakeWakeup();       // an eventfd
+void Wake(int wakeup);  // makes it readable for good
+// Waits until `a` (or `b`, if >= 0) is readable, or `wakeup` is; false when woken.
+bool WaitReadable(int wakeup, int a, int b, int& readable);
+
+enum class IoStatus { ok, wouldBlock, closed, failed };
+// Sends one packet with its descriptors; without `block` a full socket gives wouldBlock.
+IoStatus SendPacket(int fd, std::span<const uint8_t> bytes, std::span<const int> fds, bool block);
+// Receives one packet into `buffer` (its size is the largest packet accepted); `length` is
+// the packet's size and `fds` the descriptors that came with it (owned by the caller).
+// A packet or descriptor list that did not fit gives failed (descriptors closed).
+IoStatus ReceivePacket(int fd, std::span<uint8_t> buffer, size_t& length, std::vector<int>& fds);
+void Shutdown(int fd);
+
+}  // namespace lxpc::os

@@ -1,0 +1,361 @@
+// Linux half of the transport: memfd sealing, AF_UNIX SOCK_SEQPACKET sockets with
+// SCM_RIGHTS, SO_PEERCRED, eventfd wake-ups and systemd socket activation.
+//
+// Every descriptor created or received here is close-on-exec, so that commands the service
+// runs never inherit a connection. Sends use MSG_NOSIGNAL: a vanished peer is an error
+// return, never a SIGPIPE.
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "xpc/transport/xpc_os.h"
+#include "xpc/transport/xpc_wire.h"
+
+namespace lxpc::os {
+
+namespace {
+
+constexpr int kRequiredSeals = F_SEAL_WRITE | F_SEAL_GROW | F_SEAL_SHRINK;
+
+bool WriteAll(int fd, const uint8_t* p, size_t n) {
+    while (n > 0) {
+        const ssize_t w = ::write(fd, p, n);
+        if (w < 0 && errno == EINTR) {
+            continue;
+        }
+        if (w <= 0) {
+            return false;
+        }
+        p += w;
+        n -= static_cast<size_t>(w);
+    }
+    return true;
+}
+
+bool FillAddress(const std::string& path, sockaddr_un& address, socklen_t& length) {
+    std::memset(&address, 0, sizeof address);
+    address.sun_family = AF_UNIX;
+    if (path.empty() || path.size() >= sizeof address.sun_path) {
+        errno = ENAMETOOLONG;
+        return false;
+    }
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size() + 1);
+    return true;
+}
+
+}  // namespace
+
+int CreateSealedMemfd(const void* bytes, size_t length) {
+    const int fd = ::memfd_create("lxpc-data", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+    if (fd < 0) {
+        return -1;
+    }
+    // write() fills the file without mapping it writable, so F_SEAL_WRITE can be added.
+    if (::ftruncate(fd, static_cast<off_t>(length)) != 0 ||
+        !WriteAll(fd, static_cast<const uint8_t*>(bytes), length) ||
+        ::fcntl(fd, F_ADD_SEALS, kRequiredSeals | F_SEAL_SEAL) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+const void* MapSealedMemfd(int fd, uint64_t length) {
+    const int seals = ::fcntl(fd, F_GET_SEALS);
+    if (seals < 0 || (seals & kRequiredSeals) != kRequiredSeals) {
+        return nullptr;
+    }
+    struct stat st;
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size < 0 ||
+        static_cast<uint64_t>(st.st_size) != length || length == 0) {
+        return nullptr;
+    }
+    void* mapping = ::mmap(nullptr, length, PROT_READ, MAP_SHARED, fd, 0);
+    return mapping == MAP_FAILED ? nullptr : mapping;
+}
+
+void Unmap(const void* mapping, size_t length) {
+    if (mapping != nullptr && length != 0) {
+        ::munmap(const_cast<void*>(mapping), length);
+    }
+}
+
+bool IsSeqpacketSocket(int fd) {
+    int type = 0;
+    socklen_t length = sizeof type;
+    sockaddr_storage address;
+    socklen_t addressLength = sizeof address;
+    return ::getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &length) == 0 && type == SOCK_SEQPACKET &&
+           ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &addressLength) == 0 &&
+           address.ss_family == AF_UNIX;
+}
+
+bool SameFile(int a, int b) {
+    struct stat x, y;
+    return ::fstat(a, &x) == 0 && ::fstat(b, &y) == 0 && x.st_dev == y.st_dev &&
+           x.st_ino == y.st_ino;
+}
+
+int Dup(int fd) {
+    return fd < 0 ? -1 : ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
+}
+
+void Close(int fd) {
+    if (fd >= 0) {
+        ::close(fd);
+    }
+}
+
+std::string ServiceSocketPath(const char* name) {
+    const char* dir = std::getenv("LXPC_SERVICE_DIR");
+    std::string path = dir != nullptr && dir[0] != '\0' ? dir : "/run";
+    path += '/';
+    path += name;
+    path += ".sock";
+    return path;
+}
+
+int ConnectPath(const std::string& path) {
+    sockaddr_un address;
+    socklen_t length;
+    if (!FillAddress(path, address, length)) {
+        return -1;
+    }
+    const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return -1;
+    }
+    int rc;
+    do {
+        rc = ::connect(fd, reinterpret_cast<sockaddr*>(&address), length);
+    } while (rc != 0 && errno == EINTR);
+    if (rc != 0) {
+        const int saved = errno;
+        ::close(fd);
+        errno = saved;
+        return -1;
+    }
+    return fd;
+}
+
+int ListenPath(const std::string& path, bool& bound) {
+    bound = false;
+    const int passed = ::sd_listen_fds(0);
+    for (int i = 0; i < passed; ++i) {
+        const int fd = SD_LISTEN_FDS_START + i;
+        if (::sd_is_socket_unix(fd, SOCK_SEQPACKET, 1, path.c_str(), 0) > 0) {
+            ::fcntl(fd, F_SETFD, FD_CLOEXEC);
+            ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
+            return fd;
+        }
+    }
+    sockaddr_un address;
+    socklen_t length;
+    if (!FillAddress(path, address, length)) {
+        return -1;
+    }
+    struct stat st;
+    if (::lstat(path.c_str(), &st) == 0) {
+        if (!S_ISSOCK(st.st_mode)) {
+            errno = EEXIST;
+            return -1;
+        }
+        // A socket nobody accepts on is left over from an earlier run; a live one belongs
+        // to another instance, which keeps it.
+        const int probe = ConnectPath(path);
+        if (probe >= 0) {
+            ::close(probe);
+            errno = EADDRINUSE;
+            return -1;
+        }
+        ::unlink(path.c_str());
+    }
+    // Non-blocking: the listener polls, and a client that vanished between the poll and the
+    // accept must not stall it.
+    const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0) {
+        return -1;
+    }
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+        ::chmod(path.c_str(), 0666) != 0 || ::listen(fd, SOMAXCONN) != 0) {
+        const int saved = errno;
+        ::close(fd);
+        errno = saved;
+        return -1;
+    }
+    bound = true;
+    return fd;
+}
+
+void UnlinkIfOurs(const std::string& path, int fd) {
+    // The path is ours when it still names a socket and this descriptor is bound to it; a
+    // later instance may have replaced it.
+    sockaddr_un address;
+    socklen_t length = sizeof address;
+    struct stat st;
+    if (::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0 &&
+        length > offsetof(sockaddr_un, sun_path) &&
+        std::strncmp(address.sun_path, path.c_str(), sizeof address.sun_path) == 0 &&
+        ::lstat(path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode)) {
+        const int probe = ConnectPath(path);
+        if (probe < 0) {
+            ::unlink(path.c_str());
+        } else {
+            ::close(probe);
+        }
+    }
+}
+
+bool SocketPair(int fds[2]) {
+    return ::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, fds) == 0;
+}
+
+int Accept(int listener) {
+    for (;;) {
+        const int fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        if (fd >= 0) {
+            // Accepted sockets are used blocking; only the listener is non-blocking.
+            const int flags = ::fcntl(fd, F_GETFL);
+            ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
+            return fd;
+        }
+        if (errno != EINTR && errno != ECONNABORTED) {
+            return -1;
+        }
+    }
+}
+
+pid_t PeerPid(int fd) {
+    ucred credentials;
+    socklen_t length = sizeof credentials;
+    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) {
+        return 0;
+    }
+    return credentials.pid;
+}
+
+int MakeWakeup() {
+    return ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+}
+
+void Wake(int wakeup) {
+    const uint64_t one = 1;
+    ssize_t rc;
+    do {
+        rc = ::write(wakeup, &one, sizeof one);
+    } while (rc < 0 && errno == EINTR);
+}
+
+bool WaitReadable(int wakeup, int a, int b, int& readable) {
+    pollfd fds[3] = {{wakeup, POLLIN, 0}, {a, POLLIN, 0}, {b, POLLIN, 0}};
+    const nfds_t count = b >= 0 ? 3 : 2;
+    for (;;) {
+        const int rc = ::poll(fds, count, -1);
+        if (rc < 0 && errno == EINTR) {
+            continue;
+        }
+        if (rc < 0 || fds[0].revents != 0) {
+            return false;
+        }
+        readable = fds[1].revents != 0 ? a : b;
+        return true;
+    }
+}
+
+IoStatus SendPacket(int fd, std::span<const uint8_t> bytes, std::span<const int> fds, bool block) {
+    iovec iov{const_cast<uint8_t*>(bytes.data()), bytes.size()};
+    msghdr message{};
+    message.msg_iov = &iov;
+    message.msg_iovlen = 1;
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * wire::kMaxDescriptors)];
+    if (!fds.empty()) {
+        if (fds.size() > wire::kMaxDescriptors) {
+            return IoStatus::failed;
+        }
+        const size_t space = CMSG_SPACE(sizeof(int) * fds.size());
+        std::memset(control, 0, space);
+        message.msg_control = control;
+        message.msg_controllen = space;
+        cmsghdr* header = CMSG_FIRSTHDR(&message);
+        header->cmsg_level = SOL_SOCKET;
+        header->cmsg_type = SCM_RIGHTS;
+        header->cmsg_len = CMSG_LEN(sizeof(int) * fds.size());
+        std::memcpy(CMSG_DATA(header), fds.data(), sizeof(int) * fds.size());
+    }
+    const int flags = MSG_NOSIGNAL | (block ? 0 : MSG_DONTWAIT);
+    for (;;) {
+        const ssize_t sent = ::sendmsg(fd, &message, flags);
+        if (sent >= 0) {
+            return IoStatus::ok;
+        }
+        if (errno == EINTR) {
+            continue;
+        }
+        if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            return IoStatus::wouldBlock;
+        }
+        return errno == EPIPE || errno == ECONNRESET || errno == ENOTCONN ? IoStatus::closed
+                                                                          : IoStatus::failed;
+    }
+}
+
+IoStatus ReceivePacket(int fd, std::span<uint8_t> buffer, size_t& length, std::vector<int>& fds) {
+    fds.clear();
+    iovec iov{buffer.data(), buffer.size()};
+    msghdr message{};
+    message.msg_iov = &iov;
+    message.msg_iovlen = 1;
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * wire::kMaxDescriptors)];
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    ssize_t received;
+    do {
+        received = ::recvmsg(fd, &message, MSG_CMSG_CLOEXEC);
+    } while (received < 0 && errno == EINTR);
+    if (received < 0) {
+        return errno == ECONNRESET || errno == ENOTCONN ? IoStatus::closed : IoStatus::failed;
+    }
+    // Collect whatever descriptors arrived first, so that none leaks on any path below.
+    for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr;
+         header = CMSG_NXTHDR(&message, header)) {
+        if (header->cmsg_level == SOL_SOCKET && header->cmsg_type == SCM_RIGHTS) {
+            const size_t count = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+            for (size_t i = 0; i < count; ++i) {
+                int received_fd;
+                std::memcpy(&received_fd, CMSG_DATA(header) + i * sizeof(int), sizeof(int));
+                fds.push_back(received_fd);
+            }
+        }
+    }
+    if (received == 0 && fds.empty()) {
+        return IoStatus::closed;  // SOCK_SEQPACKET: a zero-length read is the peer's end
+    }
+    if ((message.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0) {
+        for (int f : fds) {
+            ::close(f);
+        }
+        fds.clear();
+        return IoStatus::failed;
+    }
+    length = static_cast<size_t>(received);
+    return IoStatus::ok;
+}
+
+void Shutdown(int fd) {
+    if (fd >= 0) {
+        ::shutdown(fd, SHUT_RDWR);
+    }
+}
+
+}  // namespace lxpc::os

@@ -1,0 +1,671 @@
+// Encoder and hostile-input-safe decoder of the packet format (docs/PROTOCOL.md).
+//
+// All integers are little-endian and written byte by byte, so the format does not depend on
+// the host. The decoder reads through a cursor that refuses any read past the packet, and
+// checks every count against the bytes left before reserving memory for it; a value is
+// adopted into the result only once it is complete, so a failure anywhere releases
+// everything decoded so far and closes every received descriptor.
+#include "xpc/transport/xpc_wire.h"
+
+#include <cstring>
+#include <string_view>
+#include <utility>
+
+#include "xpc/transport/xpc_internal.h"
+#include "xpc/transport/xpc_os.h"
+
+namespace lxpc::wire {
+
+using namespace lxpc::detail;
+
+Packet::Packet(Packet&& other) noexcept
+    : bytes(std::move(other.bytes)), fds(std::exchange(other.fds, {})) {}
+
+Packet& Packet::operator=(Packet&& other) noexcept {
+    if (this != &other) {
+        for (int fd : fds) {
+            os::Close(fd);
+        }
+        bytes = std::move(other.bytes);
+        fds = std::exchange(other.fds, {});
+    }
+    return *this;
+}
+
+Packet::~Packet() {
+    for (int fd : fds) {
+        os::Close(fd);
+    }
+}
+
+namespace {
+
+// ---- encoding ----
+
+void Put8(std::vector<uint8_t>& out, uint8_t v) {
+    out.push_back(v);
+}
+
+void Put32(std::vector<uint8_t>& out, uint32_t v) {
+    for (int i = 0; i < 4; ++i) {
+        out.push_back(static_cast<uint8_t>(v >> (8 * i)));
+    }
+}
+
+void Put64(std::vector<uint8_t>& out, uint64_t v) {
+    for (int i = 0; i < 8; ++i) {
+        out.push_back(static_cast<uint8_t>(v >> (8 * i)));
+    }
+}
+
+void Patch64(std::vector<uint8_t>& out, size_t at, uint64_t v) {
+    for (int i = 0; i < 8; ++i) {
+        out[at + i] = static_cast<uint8_t>(v >> (8 * i));
+    }
+}
+
+void PutHeader(std::vector<uint8_t>& out, Kind kind, uint64_t id, uint64_t replyTo,
+               uint32_t descriptors, uint32_t bodyLength) {
+    Put32(out, kMagic);
+    Put8(out, kVersion);
+    Put8(out, static_cast<uint8_t>(kind));
+    Put8(out, 0);
+    Put8(out, 0);
+    Put64(out, id);
+    Put64(out, replyTo);
+    Put32(out, descriptors);
+    Put32(out, bodyLength);
+}
+
+class Encoder {
+public:
+    Encoder(Packet& packet, size_t inlineMax) : out_(packet), inlineMax_(inlineMax) {}
+
+    bool Value(xpc_object_t object, size_t depth) {
+        std::vector<uint8_t>& b = out_.bytes;
+        if (b.size() > kMaxPacketSize) {
+            return false;
+        }
+        switch (object->type) {
+            case XPC_TYPE_NULL:
+                Put8(b, kTagNull);
+                return true;
+            case XPC_TYPE_BOOL:
+                Put8(b, kTagBool);
+                Put8(b, xpc_bool_get_value(object) ? 1 : 0);
+                return true;
+            case XPC_TYPE_INT64:
+                Put8(b, kTagInt64);
+                Put64(b, static_cast<uint64_t>(xpc_int64_get_value(object)));
+                return true;
+            case XPC_TYPE_UINT64:
+                Put8(b, kTagUint64);
+                Put64(b, xpc_uint64_get_value(object));
+                return true;
+            case XPC_TYPE_DOUBLE: {
+                const double d = xpc_double_get_value(object);
+                uint64_t bits;
+                std::memcpy(&bits, &d, sizeof bits);
+                Put8(b, kTagDouble);
+                Put64(b, bits);
+                return true;
+            }
+            case XPC_TYPE_DATE:
+                Put8(b, kTagDate);
+                Put64(b, static_cast<uint64_t>(xpc_date_get_value(object)));
+                return true;
+            case XPC_TYPE_DATA:
+                return Data(static_cast<const DataObject*>(object));
+            case XPC_TYPE_UUID:
+                Put8(b, kTagUuid);
+                b.insert(b.end(), xpc_uuid_get_bytes(object), xpc_uuid_get_bytes(object) + 16);
+                return true;
+            case XPC_TYPE_STRING: {
+                const std::string& s = static_cast<const StringObject*>(object)->value;
+                // A string is a C string: what follows an embedded NUL was never part of it.
+                const size_t length = std::strlen(s.c_str());
+                if (length > kMaxPacketSize) {
+                    return false;
+                }
+                Put8(b, kTagString);
+                Put32(b, static_cast<uint32_t>(length));
+                b.insert(b.end(), s.data(), s.data() + length);
+                return true;
+            }
+            case XPC_TYPE_FD:
+            case XPC_TYPE_ENDPOINT: {
+                const int fd = static_cast<const DescriptorObject*>(object)->fd;
+                Put8(b, object->type == XPC_TYPE_FD ? kTagFd : kTagEndpoint);
+                return Descriptor(os::Dup(fd));
+            }
+            case XPC_TYPE_ARRAY: {
+                const auto& values = static_cast<const ArrayObject*>(object)->values;
+                if (depth + 1 > kMaxDepth || values.size() > kMaxPacketSize) {
+                    return false;
+                }
+                Put8(b, kTagArray);
+                Put32(b, static_cast<uint32_t>(values.size()));
+                for (xpc_object_t value : values) {
+                    if (!Value(value, depth + 1)) {
+                        return false;
+                    }
+                }
+                return true;
+            }
+            case XPC_TYPE_DICTIONARY:
+                return depth + 1 <= kMaxDepth &&
+                       Dictionary(static_cast<const DictionaryObject*>(object), depth + 1);
+            case XPC_TYPE_CONNECTION:
+            case XPC_TYPE_ERROR:
+                return false;
+        }
+        return false;
+    }
+
+    bool Dictionary(const DictionaryObject* d, size_t depth) {
+        std::vector<uint8_t>& b = out_.bytes;
+        if (d->entries.size() > kMaxPacketSize) {
+            return false;
+        }
+        Put8(b, kTagDictionary);
+        Put32(b, static_cast<uint32_t>(d->entries.size()));
+        for (const auto& [key, value] : d->entries) {
+            // Keys are C strings on the wire and in every getter; an embedded NUL cannot
+            // come from the public API, which only takes C strings.
+            Put32(b, static_cast<uint32_t>(key.size()));
+            b.insert(b.end(), key.begin(), key.end());
+            if (!Value(value, depth)) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+private:
+    bool Descriptor(int fd) {
+        if (fd < 0 || out_.fds.size() >= kMaxDescriptors) {
+            os::Close(fd);
+            return false;
+        }
+        Put32(out_.bytes, static_cast<uint32_t>(out_.fds.size()));
+        out_.fds.push_back(fd);
+        return true;
+    }
+
+    bool Data(const DataObject* data) {
+        std::vector<uint8_t>& b = out_.bytes;
+        if (data->length > inlineMax_ || data->memfd >= 0) {
+            if (data->length > kMaxSealedDataSize) {
+                return false;
+            }
+            if (data->length > 0) {
+                const int fd = data->memfd >= 0 ? os::Dup(data->memfd)
+                                                : os::CreateSealedMemfd(data->bytes, data->length);
+                Put8(b, kTagSealedData);
+                Put64(b, data->length);
+                return Descriptor(fd);
+            }
+        }
+        Put8(b, kTagData);
+        Put32(b, static_cast<uint32_t>(data->length));
+        b.insert(b.end(), data->bytes, data->bytes + data->length);
+        return true;
+    }
+
+    Packet& out_;
+    const size_t inlineMax_;
+};
+
+bool EncodeWith(const Envelope& envelope, const DictionaryObject* d, Packet& out,
+                size_t inlineMax) {
+    out = Packet();
+    out.bytes.reserve(256);
+    PutHeader(out.bytes, envelope.kind, envelope.id, envelope.replyTo, 0, 0);
+    Encoder encoder(out, inlineMax);
+    if (!encoder.Dictionary(d, 1) || out.bytes.size() > kMaxPacketSize) {
+        return false;
+    }
+    const auto setAt = [&](size_t at, uint32_t v) {
+        for (int i = 0; i < 4; ++i) {
+            out.bytes[at + i] = static_cast<uint8_t>(v >> (8 * i));
+        }
+    };
+    setAt(24, static_cast<uint32_t>(out.fds.size()));
+    setAt(28, static_cast<uint32_t>(out.bytes.size() - kHeaderSize));
+    return true;
+}
+
+// ---- decoding ----
+
+class Reader {
+public:
+    explicit Reader(std::span<const uint8_t> bytes) : bytes_(bytes) {}
+
+    size_t Left() const { return bytes_.size() - at_; }
+    bool U8(uint8_t& v) {
+        if (Left() < 1) {
+            return false;
+        }
+        v = bytes_[at_++];
+        return true;
+    }
+    bool U32(uint32_t& v) {
+        if (Left() < 4) {
+            return false;
+        }
+        v = 0;
+        for (int i = 0; i < 4; ++i) {
+            v |= static_cast<uint32_t>(bytes_[at_ + i]) << (8 * i);
+        }
+        at_ += 4;
+        return true;
+    }
+    bool U64(uint64_t& v) {
+        if (Left() < 8) {
+            return false;
+        }
+        v = 0;
+        for (int i = 0; i < 8; ++i) {
+            v |= static_cast<uint64_t>(bytes_[at_ + i]) << (8 * i);
+        }
+        at_ += 8;
+        return true;
+    }
+    bool Bytes(size_t n, const uint8_t*& p) {
+        if (Left() < n) {
+            return false;
+        }
+        p = bytes_.data() + at_;
+        at_ += n;
+        return true;
+    }
+
+private:
+    std::span<const uint8_t> bytes_;
+    size_t at_ = 0;
+};
+
+struct Header {
+    uint8_t kind = 0;
+    uint64_t id = 0;
+    uint64_t replyTo = 0;
+    uint32_t descriptors = 0;
+    uint32_t bodyLength = 0;
+};
+
+bool ReadHeader(Reader& r, size_t total, Header& h, const char** why) {
+    uint32_t magic = 0;
+    uint8_t version = 0, flags0 = 0, flags1 = 0;
+    if (!r.U32(magic) || !r.U8(version) || !r.U8(h.kind) || !r.U8(flags0) || !r.U8(flags1) ||
+        !r.U64(h.id) || !r.U64(h.replyTo) || !r.U32(h.descriptors) || !r.U32(h.bodyLength)) {
+        *why = "packet shorter than the envelope";
+        return false;
+    }
+    if (magic != kMagic || version != kVersion) {
+        *why = "bad magic or version";
+        return false;
+    }
+    if (flags0 != 0 || flags1 != 0) {
+        *why = "reserved envelope bits set";
+        return false;
+    }
+    if (h.bodyLength != total - kHeaderSize) {
+        *why = "body length does not match the packet";
+        return false;
+    }
+    if (h.descriptors > kMaxDescriptors) {
+        *why = "too many descriptors";
+        return false;
+    }
+    return true;
+}
+
+bool ValidKey(const uint8_t* p, size_t n) {
+    return std::memchr(p, 0, n) == nullptr;
+}
+
+class Decoder {
+public:
+    Decoder(Reader& r, std::vector<int>& fds) : r_(r), fds_(fds), used_(fds.size(), false) {}
+
+    bool AllDescriptorsUsed() const {
+        for (bool u : used_) {
+            if (!u) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    // Decodes one value (+1) or returns null with why_ set.
+    xpc_object_t Value(size_t depth) {
+        uint8_t tag = 0;
+        if (!r_.U8(tag)) {
+            return Fail("truncated value");
+        }
+        switch (tag) {
+            case kTagNull:
+                return xpc_null_create();
+            case kTagBool: {
+                uint8_t v = 0;
+                if (!r_.U8(v)) {
+                    return Fail("truncated bool");
+                }
+                if (v > 1) {
+                    return Fail("bool other than 0 or 1");
+                }
+                return xpc_bool_create(v == 1);
+            }
+            case kTagInt64:
+            case kTagUint64:
+            case kTagDouble:
+            case kTagDate: {
+                uint64_t v = 0;
+                if (!r_.U64(v)) {
+                    return Fail("truncated number");
+                }
+                if (tag == kTagUint64) {
+                    return xpc_uint64_create(v);
+                }
+                if (tag == kTagDouble) {
+                    double d;
+                    std::memcpy(&d, &v, sizeof d);
+                    return xpc_double_create(d);
+                }
+                return tag == kTagInt64 ? xpc_int64_create(static_cast<int64_t>(v))
+                                        : xpc_date_create(static_cast<int64_t>(v));
+            }
+            case kTagData: {
+                uint32_t n = 0;
+                const uint8_t* p = nullptr;
+                if (!r_.U32(n) || !r_.Bytes(n, p)) {
+                    return Fail("truncated data");
+                }
+                auto* data = new DataObject;
+                data->heap = std::make_unique_for_overwrite<uint8_t[]>(n == 0 ? 1 : n);
+                if (n != 0) {
+                    std::memcpy(data->heap.get(), p, n);
+                }
+                data->bytes = data->heap.get();
+                data->length = n;
+                return data;
+            }
+            case kTagSealedData: {
+                uint64_t n = 0;
+                int fd = -1;
+                if (!r_.U64(n)) {
+                    return Fail("truncated sealed data");
+                }
+                if (n == 0 || n > kMaxSealedDataSize) {
+                    return Fail("sealed data length out of range");
+                }
+                if (!TakeDescriptor(fd)) {
+                    return nullptr;
+                }
+                const void* mapping = os::MapSealedMemfd(fd, n);
+                if (mapping == nullptr) {
+                    os::Close(fd);
+                    return Fail("sealed data descriptor is not a sealed memfd of that size");
+                }
+                return MakeSealedData(fd, mapping, static_cast<size_t>(n));
+            }
+            case kTagUuid: {
+                const uint8_t* p = nullptr;
+                if (!r_.Bytes(16, p)) {
+                    return Fail("truncated uuid");
+                }
+                return xpc_uuid_create(p);
+            }
+            case kTagString: {
+                uint32_t n = 0;
+                const uint8_t* p = nullptr;
+                if (!r_.U32(n) || !r_.Bytes(n, p)) {
+                    return Fail("truncated string");
+                }
+                if (!ValidKey(p, n)) {
+                    return Fail("string with an embedded NUL");
+                }
+                return new StringObject(std::string(reinterpret_cast<const char*>(p), n));
+            }
+            case kTagFd:
+            case kTagEndpoint: {
+                int fd = -1;
+                if (!TakeDescriptor(fd)) {
+                    return nullptr;
+                }
+                if (tag == kTagEndpoint && !os::IsSeqpacketSocket(fd)) {
+                    os::Close(fd);
+                    return Fail("endpoint descriptor is not a SOCK_SEQPACKET socket");
+                }
+                return MakeDescriptor(tag == kTagFd ? XPC_TYPE_FD : XPC_TYPE_ENDPOINT, fd);
+            }
+            case kTagArray:
+                return Array(depth + 1);
+            case kTagDictionary:
+                return Dictionary(depth + 1);
+            default:
+                return Fail("unknown tag");
+        }
+    }
+
+    xpc_object_t Dictionary(size_t depth) {
+        if (depth > kMaxDepth) {
+            return Fail("nesting too deep");
+        }
+        uint32_t count = 0;
+        if (!r_.U32(count)) {
+            return Fail("truncated dictionary");
+        }
+        // Each entry takes five bytes at least (key length and a tag).
+        if (count > r_.Left() / 5) {
+            return Fail("dictionary count larger than the packet");
+        }
+        auto* d = new DictionaryObject;
+        d->entries.reserve(count);
+        for (uint32_t i = 0; i < count; ++i) {
+            uint32_t n = 0;
+            const uint8_t* p = nullptr;
+            if (!r_.U32(n) || !r_.Bytes(n, p)) {
+                xpc_release(d);
+                return Fail("truncated key");
+            }
+            const std::string_view key(reinterpret_cast<const char*>(p), n);
+            if (!ValidKey(p, n)) {
+                xpc_release(d);
+                return Fail("key with an embedded NUL");
+            }
+            if (d->Contains(key)) {
+                xpc_release(d);
+                return Fail("duplicate key");
+            }
+            xpc_object_t value = Value(depth);
+            if (value == nullptr) {
+                xpc_release(d);
+                return nullptr;
+            }
+            d->Put(key, value);
+        }
+        return d;
+    }
+
+    const char* why = nullptr;
+
+private:
+    xpc_object_t Array(size_t depth) {
+        if (depth > kMaxDepth) {
+            return Fail("nesting too deep");
+        }
+        uint32_t count = 0;
+        if (!r_.U32(count)) {
+            return Fail("truncated array");
+        }
+        if (count > r_.Left()) {
+            return Fail("array count larger than the packet");
+        }
+        auto* a = new ArrayObject;
+        a->values.reserve(count);
+        for (uint32_t i = 0; i < count; ++i) {
+            xpc_object_t value = Value(depth);
+            if (value == nullptr) {
+                xpc_release(a);
+                return nullptr;
+            }
+            a->values.push_back(value);
+        }
+        return a;
+    }
+
+    bool TakeDescriptor(int& fd) {
+        uint32_t index = 0;
+        if (!r_.U32(index)) {
+            Fail("truncated descriptor index");
+            return false;
+        }
+        if (index >= fds_.size()) {
+            Fail("descriptor index out of range");
+            return false;
+        }
+        if (used_[index]) {
+            Fail("descriptor used twice");
+            return false;
+        }
+        used_[index] = true;
+        fd = std::exchange(fds_[index], -1);
+        return true;
+    }
+
+    std::nullptr_t Fail(const char* reason) {
+        if (why == nullptr) {
+            why = reason;
+        }
+        return nullptr;
+    }
+
+    Reader& r_;
+    std::vector<int>& fds_;
+    std::vector<bool> used_;
+};
+
+void CloseAll(std::vector<int>& fds) {
+    for (int& fd : fds) {
+        if (fd >= 0) {
+            os::Close(fd);
+            fd = -1;
+        }
+    }
+    fds.clear();
+}
+
+}  // namespace
+
+bool Encode(const Envelope& envelope, xpc_object_t dictionary, Packet& out) {
+    const DictionaryObject* d = dictionary != nullptr && dictionary->type == XPC_TYPE_DICTIONARY
+                                    ? static_cast<const DictionaryObject*>(dictionary)
+                                    : nullptr;
+    if (d == nullptr) {
+        return false;
+    }
+    if (EncodeWith(envelope, d, out, kInlineDataMax)) {
+        return true;
+    }
+    // Too large with the usual threshold: move the smaller data out of the packet as well.
+    if (out.bytes.size() > kMaxPacketSize && EncodeWith(envelope, d, out, kSpillDataMin)) {
+        return true;
+    }
+    out = Packet();
+    return false;
+}
+
+void SetPacketId(Packet& packet, uint64_t id) {
+    if (packet.bytes.size() >= kHeaderSize) {
+        Patch64(packet.bytes, 8, id);
+    }
+}
+
+xpc_object_t Decode(std::span<const uint8_t> bytes, std::vector<int>& fds, Envelope& envelope,
+                    const char** why) {
+    const char* unused = nullptr;
+    if (why == nullptr) {
+        why = &unused;
+    }
+    *why = nullptr;
+    Reader r(bytes);
+    Header h;
+    if (bytes.size() > kMaxPacketSize) {
+        *why = "packet larger than the limit";
+        CloseAll(fds);
+        return nullptr;
+    }
+    if (!ReadHeader(r, bytes.size(), h, why)) {
+        CloseAll(fds);
+        return nullptr;
+    }
+    if (h.descriptors != fds.size()) {
+        *why = "descriptor count does not match the descriptors received";
+        CloseAll(fds);
+        return nullptr;
+    }
+    const bool isReply = h.kind == static_cast<uint8_t>(Kind::reply);
+    if (h.kind < static_cast<uint8_t>(Kind::message) ||
+        h.kind > static_cast<uint8_t>(Kind::reply)) {
+        *why = "unknown message kind";
+        CloseAll(fds);
+        return nullptr;
+    }
+    if (h.id == 0 || (isReply != (h.replyTo != 0))) {
+        *why = "bad message id or reply id";
+        CloseAll(fds);
+        return nullptr;
+    }
+    Decoder decoder(r, fds);
+    uint8_t tag = 0;
+    xpc_object_t body = nullptr;
+    if (!r.U8(tag) || tag != kTagDictionary) {
+        *why = "body is not a dictionary";
+    } else {
+        body = decoder.Dictionary(1);
+        if (body == nullptr) {
+            *why = decoder.why;
+        } else if (r.Left() != 0) {
+            *why = "bytes after the body";
+        } else if (!decoder.AllDescriptorsUsed()) {
+            *why = "descriptor received but not used";
+        }
+    }
+    if (*why != nullptr) {
+        xpc_release(body);
+        CloseAll(fds);
+        return nullptr;
+    }
+    fds.clear();  // every one adopted
+    envelope.kind = static_cast<Kind>(h.kind);
+    envelope.id = h.id;
+    envelope.replyTo = h.replyTo;
+    return body;
+}
+
+Packet EncodeConnect(int socketEnd) {
+    Packet packet;
+    PutHeader(packet.bytes, Kind::connect, 0, 0, 1, 0);
+    packet.fds.push_back(socketEnd);
+    return packet;
+}
+
+bool DecodeConnect(std::span<const uint8_t> bytes, std::vector<int>& fds, int& socketEnd) {
+    Reader r(bytes);
+    Header h;
+    const char* why = nullptr;
+    socketEnd = -1;
+    if (bytes.size() > kMaxPacketSize || !ReadHeader(r, bytes.size(), h, &why) ||
+        h.kind != static_cast<uint8_t>(Kind::connect) || h.id != 0 || h.replyTo != 0 ||
+        h.descriptors != 1 || fds.size() != 1 || h.bodyLength != 0 ||
+        !os::IsSeqpacketSocket(fds[0])) {
+        CloseAll(fds);
+        return false;
+    }
+    socketEnd = fds[0];
+    fds.clear();
+    return true;
+}
+
+}  // namespace lxpc::wire
