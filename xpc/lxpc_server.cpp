@@ -81,6 +81,14 @@ void LXPCServerBase::NewConnectionHandler(long connection) {
     if (connection == 0 || connection == kLXPCNoConnection) {
         return;
     }
+    // Through the gate, whoever calls: a server being destroyed waits for an accept already
+    // running, and accepts nothing once its destruction has begun.
+    RunIfAlive(pGate, [connection](LXPCBase& base) {
+        static_cast<LXPCServerBase&>(base).Accept(connection);
+    });
+}
+
+void LXPCServerBase::Accept(long connection) {
     // The listener also delivers its own errors; only connections are clients.
     if (xpc_get_type(AsObject(connection)) != XPC_TYPE_CONNECTION) {
         return;

@@ -50,6 +50,9 @@ protected:
     bool bCheckClientProcess;
 
 private:
+    // The accept itself, run under the delivery gate.
+    void Accept(long connection);
+
     mutable std::mutex connectionsLock_;
     ProcessIdSource processIdSource_;
 };
