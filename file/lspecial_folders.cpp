@@ -54,8 +54,12 @@ void GetUserSpecialFolder(char* dst, unsigned int kind, char const* fallback) {
     if (_LSearchUserFolder(kind, dst)) {
         return;
     }
+    // Without a home folder no fallback applies: the answer stays empty rather than a
+    // relative path that would be created in the working directory.
     char home[kLPathSize];
-    _LGetHomeFolder(home);
+    if (!_LGetHomeFolder(home)) {
+        return;
+    }
     LFile::_MakeFilePath(dst, home, fallback, "");
     CreateFolderWithParents(dst);
 }
@@ -72,7 +76,9 @@ void LFile::GetUserLibraryFolder(char* dst) {
 
 void LFile::GetTempFolder(char* dst) {
     GetUserSpecialFolder(dst, kLFolderCaches, "Library/Caches");
-    CreateFolderWithParents(dst);
+    if (dst[0] != 0) {
+        CreateFolderWithParents(dst);
+    }
 }
 
 void LFile::GetUserDataFolder(char* dst) {
@@ -163,11 +169,27 @@ void LFile::GetUserPicturesFolderNonSandboxed(char* dst) {
 
 // ---- Program folders -----------------------------------------------------------------------
 
+namespace {
+
+// dst := folder joined with name; "" when the folder is unknown, so that nothing is ever
+// created relative to the working directory.
+bool JoinUnder(char* dst, char const* folder, char const* name) {
+    if (folder[0] == 0) {
+        dst[0] = 0;
+        return false;
+    }
+    LFile::_MakeFilePath(dst, folder, name, "");
+    return true;
+}
+
+}  // namespace
+
 void LFile::GetUserDataFolderApp(char* dst) {
     char support[kLPathSize];
     GetUserDataFolder(support);
-    _MakeFilePath(dst, support, kProgramDataFolder, "");
-    mkdir(dst, 0777);
+    if (JoinUnder(dst, support, kProgramDataFolder)) {
+        mkdir(dst, 0777);
+    }
 }
 
 void LFile::GetUserDataFolderApp(char* dst, char const*) {
@@ -177,28 +199,33 @@ void LFile::GetUserDataFolderApp(char* dst, char const*) {
 void LFile::GetUserDataFolderAppSubFolder(char const* name, char* dst) {
     char app[kLPathSize];
     GetUserDataFolderApp(app);
-    _MakeFilePath(dst, app, name, "");
-    mkdir(dst, 0777);
+    if (JoinUnder(dst, app, name)) {
+        mkdir(dst, 0777);
+    }
 }
 
 void LFile::GetSharedDataFolderApp(char* dst) {
     char app[kLPathSize];
     GetUserDataFolderApp(app);
-    _MakeFilePath(dst, app, kSharedFolder, "");
+    JoinUnder(dst, app, kSharedFolder);
 }
 
 void LFile::GetSharedDataFolderAppSubFolder(char const* name, char* dst) {
     char shared[kLPathSize];
     GetSharedDataFolderApp(shared);
-    _MakeFilePath(dst, shared, name, "");
-    CreateOpenFolder(dst);
+    if (JoinUnder(dst, shared, name)) {
+        CreateOpenFolder(dst);
+    }
 }
 
 void LFile::GetSharedDataFolderAppNoWarn(char* dst) {
     char support[kLPathSize];
     GetSharedDataFolder(support);
     char company[kLPathSize];
-    _MakeFilePath(company, support, kCompanyFolder, "");
+    if (!JoinUnder(company, support, kCompanyFolder)) {
+        dst[0] = 0;
+        return;
+    }
     CreateOpenFolder(company);
     _MakeFilePath(dst, company, kProgramDataFolder, "");
     CreateOpenFolder(dst);

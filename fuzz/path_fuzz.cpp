@@ -2,6 +2,10 @@
 // line readers, with arbitrary text. Every destination is an exact 260-byte heap block, so
 // ASan reports any write past it; after each call the result must be terminated inside it.
 //
+// Besides termination, a few properties are checked against plain reference forms: the join
+// of _MakeFilePath, the lengths the splitters and escapers report, the size of a compacted
+// path, and that every name PreprocessName accepts also passes name validation.
+//
 // Input layout: byte 0 picks the CompactFilePath size; the rest is split at NUL bytes into
 // up to three texts (folder, name, extension), each also used as a path.
 #include <cstdint>
@@ -59,11 +63,28 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     char const* b = parts[1].c_str();
     char const* c = parts[2].c_str();
 
-    Check([&](char* d) { LFile::_MakeFilePath(d, a, b, c); });
+    Check([&](char* d) {
+        LFile::_MakeFilePath(d, a, b, c);
+        // Reference: the folder cut to 258, one "/" unless it ends with a separator, then
+        // name and extension, the whole cut to 259.
+        std::string folder = parts[0].substr(0, kLPathSize - 2);
+        std::string expected = folder;
+        if (!folder.empty() && folder.back() != '/' && folder.back() != '\\') {
+            expected += '/';
+        }
+        expected += parts[1] + parts[2];
+        if (std::string_view(d) != std::string_view(expected).substr(0, kLPathSize - 1)) {
+            abort();
+        }
+    });
     Check([&](char* d) { LFile::_MakeFilePathSecure(d, a, b, c); });
     Check([&](char* d) { LFile::MakeFilePathF(d, a, "%s%s", b, c); });
     Check([&](char* d) { LFile::_ApplyNewFileExtension(d, a, c); });
-    Check([&](char* d) { LFile::_GetFolderFromPath(d, a); });
+    Check([&](char* d) {
+        if (LFile::_GetFolderFromPath(d, a) != strlen(d)) {
+            abort();
+        }
+    });
     Check([&](char* d) { LFile::_GetFileFromPath(d, a); });
     Check([&](char* d) { LFile::_GetFileExtensionFromPath(d, a); });
     Check([&](char* d) { LFile::_GetFileNameFromPath(d, a); });
@@ -72,8 +93,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Check([&](char* d) { LFile::GetRelativePathFromAbsolutePath(d, a, b); });
     Check([&](char* d) { LFile::MakeRelativeFolder(d, a, b); });
     Check([&](char* d) { LFile::MakeRelativeFilePath(d, a, b); });
-    Check([&](char* d) { LFile::EscapeFilePath(a, d); });
-    Check([&](char* d) { LFile::PreprocessName(a, d); });
+    Check([&](char* d) {
+        if (LFile::EscapeFilePath(a, d) != strlen(d)) {
+            abort();
+        }
+    });
+    Check([&](char* d) {
+        if (LFile::PreprocessName(a, d) != (LFileOrFolderNameValidate(d) == 0)) {
+            abort();
+        }
+    });
     Check([&](char* d) { LFile::IsFolderValid(a, d); });
     Check([&](char* d) { LFile::IsFileValid(a, d); });
     Check([&](char* d) { _LParseUserDirsLine(a, "XDG_MUSIC_DIR", b, d); });
@@ -95,6 +124,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         std::unique_ptr<char[]> small(new char[compactSize == 0 ? 1 : compactSize]);
         LFile::CompactFilePath(small.get(), a, compactSize);
         if (compactSize != 0 && memchr(small.get(), 0, compactSize) == nullptr) {
+            abort();
+        }
+        size_t len = parts[0].size();
+        size_t expected = len < compactSize ? len : compactSize == 0 ? 0 : compactSize - 1;
+        if (compactSize != 0 && strlen(small.get()) != expected) {
             abort();
         }
     }
