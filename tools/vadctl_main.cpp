@@ -21,6 +21,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -29,7 +30,7 @@
 
 using namespace std::chrono_literals;
 using vadctl::Event;
-using vadctl::EventQueue;
+using vadctl::Inbox;
 using vadctl::KeyLists;
 using vadctl::Value;
 
@@ -88,7 +89,9 @@ struct Stream {
     uint64_t framesSent = 0;
 };
 
-class Device {
+// Shared with every handler it installs (they may run once more after Run has cancelled
+// their connections), so it lives until the last of them is dropped.
+class Device : public std::enable_shared_from_this<Device> {
 public:
     Device()
         : toService_(arVADHelperTxKeys, arVADHelperRxKeys),
@@ -117,7 +120,8 @@ void Device::Accept(lxpc::xpc_connection_t peer) {
         streams_[peer] = Stream{peer};
     }
     lxpc::xpc_connection_set_event_handler(
-        peer, [this, peer](lxpc::xpc_object_t event) { Handle(peer, event); });
+        peer,
+        [self = shared_from_this(), peer](lxpc::xpc_object_t event) { self->Handle(peer, event); });
     lxpc::xpc_connection_resume(peer);
     std::printf("direct connection from the application\n");
     std::fflush(stdout);
@@ -206,15 +210,16 @@ int Device::Run(long sessions) {
         std::fprintf(stderr, "kavelpl-vadctl: cannot create an anonymous listener\n");
         return kExitNoAnswer;
     }
-    lxpc::xpc_connection_set_event_handler(listener, [this](lxpc::xpc_object_t peer) {
-        if (lxpc::xpc_get_type(peer) == lxpc::XPC_TYPE_CONNECTION)
-            Accept(peer);
-    });
+    lxpc::xpc_connection_set_event_handler(
+        listener, [self = shared_from_this()](lxpc::xpc_object_t peer) {
+            if (lxpc::xpc_get_type(peer) == lxpc::XPC_TYPE_CONNECTION)
+                self->Accept(peer);
+        });
     lxpc::xpc_connection_resume(listener);
     lxpc::xpc_endpoint_t endpoint = lxpc::xpc_endpoint_create(listener);
 
-    EventQueue fromService;
-    lxpc::xpc_connection_t service = vadctl::ConnectToService(toService_, fromService);
+    lxpc::xpc_connection_t service =
+        vadctl::ConnectToService(std::make_shared<Inbox>(arVADHelperTxKeys, arVADHelperRxKeys));
     int status = kExitNoAnswer;
     if (service && endpoint) {
         lxpc::xpc_object_t message = toService_.Encode({{"NEW_ENDPOINT", AsValue(endpoint)}});
@@ -267,9 +272,9 @@ int Device::Run(long sessions) {
 // --- request: the application ---------------------------------------------------------------
 
 int Request(long waitMs, long frames) {
-    KeyLists keys(arVADHelperTxKeys, arVADHelperRxKeys);
-    EventQueue fromService;
-    lxpc::xpc_connection_t service = vadctl::ConnectToService(keys, fromService);
+    auto fromService = std::make_shared<Inbox>(arVADHelperTxKeys, arVADHelperRxKeys);
+    KeyLists& keys = fromService->keys;
+    lxpc::xpc_connection_t service = vadctl::ConnectToService(fromService);
     if (!service) {
         std::fprintf(stderr, "kavelpl-vadctl: cannot connect to the service\n");
         return kExitNoAnswer;
@@ -298,7 +303,7 @@ int Request(long waitMs, long frames) {
     while (!endpoint && std::chrono::steady_clock::now() < deadline) {
         auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
             deadline - std::chrono::steady_clock::now());
-        std::optional<Event> event = fromService.Pop(std::max(left, 1ms));
+        std::optional<Event> event = fromService->events.Pop(std::max(left, 1ms));
         if (!event)
             break;
         if (event->error) {
@@ -319,24 +324,14 @@ int Request(long waitMs, long frames) {
     std::fflush(stdout);
 
     // From here on the application talks to the device directly; the service is not involved.
-    EventQueue fromDevice;
+    auto fromDevice = std::make_shared<Inbox>(arVADHelperTxKeys, arVADHelperRxKeys);
     lxpc::xpc_connection_t device = lxpc::xpc_connection_create_from_endpoint(endpoint);
     lxpc::xpc_release(endpoint);
     if (!device) {
         std::fprintf(stderr, "kavelpl-vadctl: cannot connect to the endpoint\n");
         return finish(kExitNoAnswer);
     }
-    lxpc::xpc_connection_set_event_handler(
-        device, [device, &keys, &fromDevice](lxpc::xpc_object_t event) {
-            Event e;
-            e.connection = device;
-            if (lxpc::xpc_get_type(event) == lxpc::XPC_TYPE_DICTIONARY)
-                e.values = vadctl::Decode(event, keys.receive);
-            else
-                e.error = true;
-            fromDevice.Push(std::move(e));
-        });
-    lxpc::xpc_connection_resume(device);
+    vadctl::Watch(device, fromDevice);
 
     int status = 0;
     message = keys.Encode({{"START_RECORDING", 1}});
@@ -355,7 +350,7 @@ int Request(long waitMs, long frames) {
         size_t bytes = 0;
         int peak = 0;
         while (received < frames) {
-            std::optional<Event> event = fromDevice.Pop(5000ms);
+            std::optional<Event> event = fromDevice->events.Pop(5000ms);
             if (!event || event->error)
                 break;
             if (Value const* audio = vadctl::Find(event->values, "AUDIO_DATA")) {
@@ -391,9 +386,9 @@ int Request(long waitMs, long frames) {
 // --- load-driver ----------------------------------------------------------------------------
 
 int LoadDriver(char const* path) {
-    KeyLists keys(arVADHelperTxKeys, arVADHelperRxKeys);
-    EventQueue fromService;
-    lxpc::xpc_connection_t service = vadctl::ConnectToService(keys, fromService);
+    auto fromService = std::make_shared<Inbox>(arVADHelperTxKeys, arVADHelperRxKeys);
+    KeyLists& keys = fromService->keys;
+    lxpc::xpc_connection_t service = vadctl::ConnectToService(fromService);
     if (!service) {
         std::fprintf(stderr, "kavelpl-vadctl: cannot connect to the service\n");
         return kExitNoAnswer;
@@ -450,7 +445,7 @@ int main(int argc, char** argv) {
         }
     }
     if (command == "publish")
-        return Device().Run(sessions);
+        return std::make_shared<Device>()->Run(sessions);
     if (command == "request")
         return Request(waitMs, frames);
     std::fprintf(stderr, "kavelpl-vadctl: unknown command %s\n\n", command.c_str());

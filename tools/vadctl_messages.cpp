@@ -164,22 +164,27 @@ std::optional<Event> EventQueue::Pop(std::chrono::milliseconds timeout) {
     return event;
 }
 
-lxpc::xpc_connection_t ConnectToService(KeyLists& keys, EventQueue& queue) {
-    lxpc::xpc_connection_t connection =
-        lxpc::xpc_connection_create_mach_service(kLVADHelperServiceName, nullptr, 0);
-    if (!connection)
-        return nullptr;
+void Watch(lxpc::xpc_connection_t connection, std::shared_ptr<Inbox> inbox) {
+    // The connection is captured as an id only: a retained reference in its own handler
+    // would keep it alive for ever.
     lxpc::xpc_connection_set_event_handler(
-        connection, [connection, &keys, &queue](lxpc::xpc_object_t event) {
+        connection, [connection, inbox = std::move(inbox)](lxpc::xpc_object_t event) {
             Event e;
             e.connection = connection;
             if (lxpc::xpc_get_type(event) == lxpc::XPC_TYPE_DICTIONARY)
-                e.values = Decode(event, keys.receive);
+                e.values = Decode(event, inbox->keys.receive);
             else
                 e.error = true;
-            queue.Push(std::move(e));
+            inbox->events.Push(std::move(e));
         });
     lxpc::xpc_connection_resume(connection);
+}
+
+lxpc::xpc_connection_t ConnectToService(std::shared_ptr<Inbox> inbox) {
+    lxpc::xpc_connection_t connection =
+        lxpc::xpc_connection_create_mach_service(kLVADHelperServiceName, nullptr, 0);
+    if (connection)
+        Watch(connection, std::move(inbox));
     return connection;
 }
 

@@ -11,6 +11,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -82,9 +83,24 @@ private:
     std::deque<Event> events_;
 };
 
-// Connects to the service; the handler pushes every pushed message and error into `queue`,
-// decoded with `keys`. Caller releases (after cancelling).
-lxpc::xpc_connection_t ConnectToService(KeyLists& keys, EventQueue& queue);
+// What a connection's event handler fills. The handler holds it by shared pointer: after its
+// owner has cancelled the connection and moved on, the handler still runs once more (with
+// the final error that cancellation delivers), and must find everything it touches alive.
+struct Inbox {
+    Inbox(LXPCDictionaryKey const* sendTable, LXPCDictionaryKey const* receiveTable)
+        : keys(sendTable, receiveTable) {}
+
+    KeyLists keys;
+    EventQueue events;
+};
+
+// Sets the connection's handler, which decodes every message it gets with inbox->keys and
+// pushes it (or an error) into inbox->events, and resumes the connection.
+void Watch(lxpc::xpc_connection_t connection, std::shared_ptr<Inbox> inbox);
+
+// Connects to the service and watches the connection with `inbox`. Caller releases (after
+// cancelling).
+lxpc::xpc_connection_t ConnectToService(std::shared_ptr<Inbox> inbox);
 
 // Sends `message` and waits for its reply: the decoded reply values, or nothing when an
 // error came instead.

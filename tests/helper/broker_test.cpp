@@ -13,7 +13,7 @@ using namespace std::chrono_literals;
 using helper_test::ServiceProcess;
 using vadctl::Event;
 using vadctl::EventQueue;
-using vadctl::KeyLists;
+using vadctl::Inbox;
 using vadctl::Value;
 
 namespace {
@@ -25,8 +25,8 @@ long AsValue(void const* pointer) {
 // A client of the service as the application or the device sees it.
 class Client {
 public:
-    Client() : keys_(arVADHelperTxKeys, arVADHelperRxKeys) {
-        connection_ = vadctl::ConnectToService(keys_, pushed_);
+    Client() : inbox_(std::make_shared<Inbox>(arVADHelperTxKeys, arVADHelperRxKeys)) {
+        connection_ = vadctl::ConnectToService(inbox_);
     }
     ~Client() {
         if (connection_) {
@@ -37,7 +37,7 @@ public:
 
     // Sends the values and returns the raw reply (caller releases), or null on an error.
     lxpc::xpc_object_t SendRaw(std::initializer_list<std::pair<char const*, long>> values) {
-        lxpc::xpc_object_t message = keys_.Encode(values);
+        lxpc::xpc_object_t message = inbox_->keys.Encode(values);
         lxpc::xpc_object_t reply =
             lxpc::xpc_connection_send_message_with_reply_sync(connection_, message);
         lxpc::xpc_release(message);
@@ -53,19 +53,20 @@ public:
         lxpc::xpc_object_t reply = SendRaw(values);
         if (!reply)
             return std::nullopt;
-        std::vector<Value> decoded = vadctl::Decode(reply, keys_.receive);
+        std::vector<Value> decoded = vadctl::Decode(reply, inbox_->keys.receive);
         lxpc::xpc_release(reply);
         return decoded;
     }
 
     // The next message the service pushed, within `timeout`.
-    std::optional<Event> Pushed(std::chrono::milliseconds timeout) { return pushed_.Pop(timeout); }
+    std::optional<Event> Pushed(std::chrono::milliseconds timeout) {
+        return inbox_->events.Pop(timeout);
+    }
 
     bool Connected() const { return connection_ != nullptr; }
 
 private:
-    KeyLists keys_;
-    EventQueue pushed_;
+    std::shared_ptr<Inbox> inbox_;
     lxpc::xpc_connection_t connection_ = nullptr;
 };
 
@@ -75,14 +76,16 @@ class Listener {
 public:
     Listener() {
         listener_ = lxpc::xpc_connection_create(nullptr, nullptr);
-        lxpc::xpc_connection_set_event_handler(listener_, [this](lxpc::xpc_object_t peer) {
-            if (lxpc::xpc_get_type(peer) != lxpc::XPC_TYPE_CONNECTION)
-                return;
-            lxpc::xpc_connection_set_event_handler(peer, [](lxpc::xpc_object_t) {});
-            lxpc::xpc_connection_resume(peer);
-            lxpc::xpc_connection_cancel(peer);
-            accepted_.Push(Event{});
-        });
+        // The handler shares the queue: it may still run after this listener is gone.
+        lxpc::xpc_connection_set_event_handler(
+            listener_, [accepted = accepted_](lxpc::xpc_object_t peer) {
+                if (lxpc::xpc_get_type(peer) != lxpc::XPC_TYPE_CONNECTION)
+                    return;
+                lxpc::xpc_connection_set_event_handler(peer, [](lxpc::xpc_object_t) {});
+                lxpc::xpc_connection_resume(peer);
+                lxpc::xpc_connection_cancel(peer);
+                accepted->Push(Event{});
+            });
         lxpc::xpc_connection_resume(listener_);
         endpoint_ = lxpc::xpc_endpoint_create(listener_);
     }
@@ -93,12 +96,12 @@ public:
     }
 
     lxpc::xpc_endpoint_t Endpoint() const { return endpoint_; }
-    bool Accepted(std::chrono::milliseconds timeout) { return accepted_.Pop(timeout).has_value(); }
+    bool Accepted(std::chrono::milliseconds timeout) { return accepted_->Pop(timeout).has_value(); }
 
 private:
     lxpc::xpc_connection_t listener_;
     lxpc::xpc_endpoint_t endpoint_;
-    EventQueue accepted_;
+    std::shared_ptr<EventQueue> accepted_ = std::make_shared<EventQueue>();
 };
 
 // Connects to `endpoint` and says something, so its listener sees the connection.

@@ -3,13 +3,14 @@
 #include <gtest/gtest.h>
 #include <plist/plist.h>
 
+#include <cctype>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <regex>
 #include <set>
 #include <string>
+#include <string_view>
 
 #include "service_process.h"
 
@@ -54,6 +55,42 @@ std::string StringAt(plist_t dict, char const* key) {
     return std::string(text, length);
 }
 
+// "identifier <id> and certificate leaf[subject.CN] = "<name> (<TEAMID>)"", split into the
+// bundle identifier and the quoted common name; false when the text has another form.
+struct Requirement {
+    std::string identifier;
+    std::string certificate;
+};
+
+bool ParseRequirement(std::string_view text, Requirement& out) {
+    constexpr std::string_view kHead = "identifier com.tessalysoftware.";
+    constexpr std::string_view kMiddle = " and certificate leaf[subject.CN] = \"";
+    if (text.substr(0, kHead.size()) != kHead || text.size() < 2 || text.back() != '"')
+        return false;
+    size_t middle = text.find(kMiddle);
+    if (middle == std::string_view::npos)
+        return false;
+    std::string_view id = text.substr(11, middle - 11);
+    std::string_view name = text.substr(middle + kMiddle.size());
+    name.remove_suffix(1);
+    for (char c : id) {
+        if (!std::isalnum(static_cast<unsigned char>(c)) && c != '.')
+            return false;
+    }
+    // The team identifier: ten upper-case letters or digits in parentheses at the end.
+    if (name.size() < 14 || name.find('"') != std::string_view::npos ||
+        name.substr(name.size() - 13, 2) != " (" || name.back() != ')')
+        return false;
+    for (char c : name.substr(name.size() - 11, 10)) {
+        if (!std::isupper(static_cast<unsigned char>(c)) &&
+            !std::isdigit(static_cast<unsigned char>(c)))
+            return false;
+    }
+    out.identifier = id;
+    out.certificate = name;
+    return true;
+}
+
 }  // namespace
 
 TEST(EmbeddedPlists, InfoPlistIdentifiesTheServiceAndItsClients) {
@@ -74,18 +111,17 @@ TEST(EmbeddedPlists, InfoPlistIdentifiesTheServiceAndItsClients) {
     ASSERT_EQ(plist_array_get_size(clients), 28u);
     // One requirement per edition: a bundle identifier and the signing certificate's common
     // name, which ends with the team identifier in parentheses.
-    std::regex const requirement(
-        R"(identifier (com\.tessalysoftware\.[A-Za-z0-9.]+) and certificate leaf\[subject\.CN\] = "([^"]+ \([A-Z0-9]{10}\))")");
     std::set<std::string> identifiers, certificates;
     for (uint32_t i = 0; i < 28; ++i) {
         plist_t item = plist_array_get_item(clients, i);
         ASSERT_EQ(plist_get_node_type(item), PLIST_STRING);
         uint64_t length = 0;
-        std::string text(plist_get_string_ptr(item, &length), length);
-        std::smatch match;
-        ASSERT_TRUE(std::regex_match(text, match, requirement)) << text;
-        identifiers.insert(match[1]);
-        certificates.insert(match[2]);
+        char const* chars = plist_get_string_ptr(item, &length);
+        std::string text(chars, length);
+        Requirement requirement;
+        ASSERT_TRUE(ParseRequirement(text, requirement)) << text;
+        identifiers.insert(requirement.identifier);
+        certificates.insert(requirement.certificate);
     }
     EXPECT_EQ(identifiers.size(), 28u);
     EXPECT_EQ(certificates.size(), 1u);
