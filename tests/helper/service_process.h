@@ -22,14 +22,16 @@ extern char** environ;
 
 namespace helper_test {
 
+// The executables of this build; VADHELPER_EXE and VADCTL_EXE in the environment point
+// the suites at others.
 inline std::string ServiceExecutable() {
     char const* exe = std::getenv("VADHELPER_EXE");
-    return exe ? exe : "";
+    return exe ? exe : VADHELPER_EXE;
 }
 
 inline std::string ClientToolExecutable() {
     char const* exe = std::getenv("VADCTL_EXE");
-    return exe ? exe : "";
+    return exe ? exe : VADCTL_EXE;
 }
 
 // Spawns argv with environ plus `extra` ("NAME=value") entries.
