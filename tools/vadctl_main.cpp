@@ -410,6 +410,9 @@ int LoadDriver(char const* path) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Line by line, so that the lines of the two roles interleave in order when both write
+    // to one terminal or pipe.
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
     if (argc < 2) {
         std::fputs(kUsage, stderr);
         return kExitUsage;
