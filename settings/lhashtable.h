@@ -1,0 +1,172 @@
+// LHashTable: the library's ordered text-to-text table. Despite the name nothing is hashed:
+// pairs live in a red-black tree ordered by strcmp on the raw key bytes (case-sensitive, a
+// null key counts as ""), so iteration is in ascending byte order ("B" before "a", "a" before
+// "ab").
+//
+// Keys are unique when pairs go in through SetString and its aliases, which overwrite.
+// LoadHTTPString is the one path that inserts without a lookup and may leave several nodes
+// with one key; a lookup then answers with the first of them on its path from the root. That
+// is deliberate and callers of the query-string form depend on it.
+//
+// Getters never fail: a missing key, or a node without a value object, gives the caller's
+// default. Pointers returned into the table stay valid until that pair is changed or removed.
+// A table is used by one thread at a time.
+#pragma once
+
+#include <cstring>
+
+#include "settings/lrbtree.h"
+#include "text/lstring.h"
+
+// A growable key string owned by a tree node, ordered by strcmp.
+class LStringLongKey : public LStringLongTemplate<char> {
+public:
+    LStringLongKey() = default;
+    explicit LStringLongKey(const char* text) : LStringLongTemplate<char>(text) {}
+    explicit LStringLongKey(LStringLongTemplate<char>&& text)
+        : LStringLongTemplate<char>(static_cast<LStringLongTemplate<char>&&>(text)) {}
+};
+
+template <>
+struct LRBTreeKeyTraits<LStringLongKey> {
+    static int Compare(const LStringLongKey& key, const LStringLongKey& other) {
+        return std::strcmp(key.GetText(), other.GetText());
+    }
+    static int Compare(const LStringLongKey& key, const char* probe) {
+        return std::strcmp(key.GetText(), probe != nullptr ? probe : "");
+    }
+};
+
+class LHashTable {
+public:
+    using Tree = LRBTree<LStringLongKey, LStringLongTemplate<char>>;
+    using Node = Tree::Node;
+
+    // Walks the pairs in ascending key order; may change the value under it.
+    class Iterator {
+    public:
+        explicit Iterator(LHashTable& table) : m_rTable(table), m_pNode(table.m_tree.First()) {}
+        bool IsValid() const { return m_pNode != nullptr; }
+        explicit operator bool() const { return IsValid(); }
+        Iterator& operator++() {
+            m_pNode = Tree::Next(m_pNode);
+            return *this;
+        }
+        void Next() { ++*this; }
+        const char* GetParm() const { return m_pNode->m_key.GetText(); }
+        // The empty string for a value without a buffer.
+        const char* GetData() const;
+        void SetData(const char* value);
+        Node* GetNode() const { return m_pNode; }
+        LHashTable& GetTable() const { return m_rTable; }
+
+    private:
+        friend class LHashTable;
+        LHashTable& m_rTable;
+        Node* m_pNode;
+    };
+
+    class ConstIterator {
+    public:
+        explicit ConstIterator(const LHashTable& table)
+            : m_rTable(table), m_pNode(table.m_tree.First()) {}
+        bool IsValid() const { return m_pNode != nullptr; }
+        explicit operator bool() const { return IsValid(); }
+        ConstIterator& operator++() {
+            m_pNode = Tree::Next(m_pNode);
+            return *this;
+        }
+        void Next() { ++*this; }
+        const char* GetParm() const { return m_pNode->m_key.GetText(); }
+        const char* GetData() const;
+        const Node* GetNode() const { return m_pNode; }
+        const LHashTable& GetTable() const { return m_rTable; }
+
+    private:
+        const LHashTable& m_rTable;
+        Node* m_pNode;
+    };
+
+    LHashTable() = default;
+    // Enters every pair of the source with SetString, in ascending order.
+    LHashTable(const LHashTable& other);
+    LHashTable& operator=(const LHashTable& other);
+    ~LHashTable() = default;
+
+    void Clear() { m_tree.Clear(); }
+    bool IsEmpty() const { return m_tree.IsEmpty(); }
+    // Number of nodes (duplicates from LoadHTTPString included), by walking the tree.
+    unsigned long GetSize() const { return m_tree.GetCount(); }
+
+    // ---- Setting ----
+    // Overwrites the value of an existing key, else inserts a new pair.
+    void SetString(const char* key, const char* value);
+    // Both are SetString: the table is always in key order, "bottom" places nothing.
+    void SetParm(const char* key, const char* value) { SetString(key, value); }
+    void SetParmBottom(const char* key, const char* value) { SetString(key, value); }
+    // As SetString, but takes value's buffer and leaves value null (no data, length 0).
+    void AssignString(const char* key, LStringLongTemplate<char>& value);
+    void SetInt(const char* key, int value);          // "%d"
+    void SetInt64(const char* key, long long value);  // "%lld"
+    void SetFloat(const char* key, double value);     // "%f"
+
+    // ---- Reading ----
+    const char* GetParm(const char* key, const char* defaultValue) const;
+    const char* GetString(const char* key, const char* defaultValue) const {
+        return GetParm(key, defaultValue);
+    }
+    // Copies the GetString result into a 260-byte buffer (at most 259 characters); returns dest.
+    char* GetString(const char* key, const char* defaultValue, char* dest) const;
+    void GetString(const char* key, const char* defaultValue,
+                   LStringLongTemplate<char>& dest) const;
+    // Trims blanks (0x20 only) from both ends of the stored value, keeps the trimmed value and
+    // returns it.
+    const char* GetParmTrim(const char* key, const char* defaultValue);
+    // strtol base 10 on the text cut to 259 characters; empty or absent gives the default.
+    int GetInt(const char* key, int defaultValue) const;
+    long long GetInt64(const char* key, long long defaultValue) const;
+    long long GetSsize(const char* key, long long defaultValue) const {
+        return GetInt64(key, defaultValue);
+    }
+    double GetFloat(const char* key, double defaultValue) const;
+    // True exactly when the value starts with '1'; empty or absent gives the default.
+    bool GetBool(const char* key, bool defaultValue) const;
+    bool TestFieldExists(const char* key) const;
+    bool TestExists(const char* key) const { return TestFieldExists(key); }
+
+    // ---- Removing ----
+    void DeleteField(const char* key);
+    void DeleteParm(const char* key) { DeleteField(key); }
+    // Removes the pair under the iterator and moves the iterator to its successor. An iterator
+    // at the end, or over another table, is left alone.
+    void Delete(Iterator& it);
+
+    // ---- Text forms ----
+    // Expands %name% placeholders into out (outSize - 1 characters and a NUL; the rest is
+    // dropped). "%%" gives "%". True when any placeholder was met.
+    bool ParseString(const char* text, char* out, unsigned long outSize) const;
+    // Expands into a new[] text the caller frees with delete[]. Here "%%" names the empty key.
+    char* ParseString(const char* text) const;
+    // Adds the pairs of a URI-encoded "key=value&key=value" text without looking the keys up.
+    void LoadHTTPString(const char* text);
+    void LoadHTTPString(const LStringLongTemplate<char>& text) { LoadHTTPString(text.GetText()); }
+    void LoadHTTPStringUTF8(const char* text) { LoadHTTPString(text); }
+    // Replaces out with the URI-encoded pairs in key order; returns its length.
+    unsigned long SaveHTTPString(LStringLongTemplate<char>& out) const;
+    // Appends "key=value" pairs joined by '&', unencoded.
+    void SaveString(LStringLongTemplate<char>& out) const;
+
+    // The tree itself, for inspection.
+    const Tree& GetTree() const { return m_tree; }
+
+private:
+    Node* FindNode(const char* key) const { return m_tree.Find(key); }
+    const char* ValueText(const Node* node, const char* defaultValue) const;
+    void CopyFrom(const LHashTable& other);
+
+    Tree m_tree;
+};
+
+// Enters every pair of src into dest with SetString: equal keys are overwritten, the other
+// keys of dest stay.
+void LHashTableCopy(LHashTable& dest, const LHashTable& src);

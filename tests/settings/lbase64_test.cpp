@@ -1,0 +1,194 @@
+// Base64: agreement with OpenSSL's encoder for the form without line breaks, the CR LF line
+// rule (the 57-byte boundary in particular), padding, the size rule and the tolerant decoder.
+#include "settings/lbase64.h"
+
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+std::string Encode(const std::vector<unsigned char>& data, unsigned flags) {
+    LStringLongTemplate<char> out;
+    LBase64Encode(data.data(), data.size(), out, flags);
+    return out.GetText();
+}
+
+std::string OpenSSLEncode(const std::vector<unsigned char>& data) {
+    std::string out(4 * ((data.size() + 2) / 3) + 1, '\0');
+    const int n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()), data.data(),
+                                  static_cast<int>(data.size()));
+    out.resize(static_cast<size_t>(n));
+    return out;
+}
+
+std::vector<unsigned char> Decode(const std::string& text) {
+    LSizedArray<unsigned char> out;
+    LBase64Decode(text.c_str(), text.size(), out);
+    return {out.GetData(), out.GetData() + out.GetSize()};
+}
+
+std::vector<unsigned char> RandomBytes(std::mt19937& rng, size_t n) {
+    std::vector<unsigned char> v(n);
+    for (auto& b : v) {
+        b = static_cast<unsigned char>(rng());
+    }
+    return v;
+}
+
+}  // namespace
+
+TEST(LBase64, NoLineBreakFormMatchesOpenSSLOnRandomInput) {
+    std::mt19937 rng(1234);
+    for (size_t n = 0; n < 400; ++n) {
+        const auto data = RandomBytes(rng, n);
+        ASSERT_EQ(Encode(data, kLBase64NoLineBreaks), OpenSSLEncode(data)) << "length " << n;
+    }
+}
+
+TEST(LBase64, LinesOf76WithCRLFOnlyBetweenLinesAndAtAFullBoundary) {
+    std::mt19937 rng(99);
+    // 56 bytes: 18 groups and a tail fill exactly 76 characters, but no full line: no break.
+    auto s = Encode(RandomBytes(rng, 56), 0);
+    EXPECT_EQ(s.size(), 76u);
+    EXPECT_EQ(s.find('\r'), std::string::npos);
+    // 57 bytes: one full line, and the boundary after it still gets its CR LF.
+    const auto d57 = RandomBytes(rng, 57);
+    s = Encode(d57, 0);
+    ASSERT_EQ(s.size(), 78u);
+    EXPECT_EQ(s.substr(76), "\r\n");
+    EXPECT_EQ(s.substr(0, 76), OpenSSLEncode(d57));
+    // 58 bytes: the tail comes after the break.
+    s = Encode(RandomBytes(rng, 58), 0);
+    ASSERT_EQ(s.size(), 82u);
+    EXPECT_EQ(s.substr(76, 2), "\r\n");
+    EXPECT_EQ(s.substr(80), "==");
+    // 114 bytes: two full lines, each followed by CR LF.
+    s = Encode(RandomBytes(rng, 114), 0);
+    ASSERT_EQ(s.size(), 156u);
+    EXPECT_EQ(s.substr(76, 2), "\r\n");
+    EXPECT_EQ(s.substr(154), "\r\n");
+}
+
+TEST(LBase64, BrokenFormIsTheUnbrokenFormWithBreaksAtEveryFullLine) {
+    std::mt19937 rng(7);
+    for (size_t n = 0; n < 300; ++n) {
+        const auto data = RandomBytes(rng, n);
+        const std::string flat = OpenSSLEncode(data);
+        const size_t fullChars = n / 3 * 4;
+        std::string expected;
+        for (size_t i = 0; i < flat.size(); ++i) {
+            if (i > 0 && i % 76 == 0 && i <= fullChars) {
+                expected += "\r\n";
+            }
+            expected += flat[i];
+        }
+        if (fullChars == flat.size() && fullChars > 0 && fullChars % 76 == 0) {
+            expected += "\r\n";  // full groups end on a line boundary and nothing follows
+        }
+        ASSERT_EQ(Encode(data, 0), expected) << "length " << n;
+    }
+}
+
+TEST(LBase64, NoPaddingDropsOnlyTheEqualsSigns) {
+    std::mt19937 rng(5);
+    for (size_t n = 0; n < 100; ++n) {
+        const auto data = RandomBytes(rng, n);
+        std::string flat = OpenSSLEncode(data);
+        while (!flat.empty() && flat.back() == '=') {
+            flat.pop_back();
+        }
+        ASSERT_EQ(Encode(data, kLBase64NoPadding | kLBase64NoLineBreaks), flat);
+    }
+    const std::vector<unsigned char> one = {'A'};
+    EXPECT_EQ(Encode(one, kLBase64NoPadding), "QQ");
+    EXPECT_EQ(Encode(one, 0), "QQ==");
+}
+
+TEST(LBase64, RequiredLengthCoversTheOutputForEveryFlagCombination) {
+    std::mt19937 rng(11);
+    for (unsigned flags = 0; flags < 4; ++flags) {
+        for (int n = 0; n < 700; ++n) {
+            const auto data = RandomBytes(rng, static_cast<size_t>(n));
+            const int need = Base64EncodeGetRequiredLength(n, flags);
+            ASSERT_GE(need, static_cast<int>(Encode(data, flags).size()))
+                << "length " << n << " flags " << flags;
+        }
+    }
+    EXPECT_EQ(Base64EncodeGetRequiredLength(3, 0), 6);    // 4 characters + one line break
+    EXPECT_EQ(Base64EncodeGetRequiredLength(57, 0), 80);  // breaks counted from 76 characters
+    EXPECT_EQ(Base64EncodeGetRequiredLength(1, kLBase64NoPadding), 6);  // rounded up to 4
+    EXPECT_EQ(Base64EncodeGetRequiredLength(0, kLBase64NoLineBreaks), 0);
+    EXPECT_EQ(Base64EncodeGetRequiredLength(0, 0), 2);
+}
+
+TEST(LBase64, FixedBufferFormCutsAt259Characters) {
+    std::mt19937 rng(3);
+    const auto data = RandomBytes(rng, 300);
+    char out[260];
+    std::memset(out, 'x', sizeof(out));
+    LBase64Encode(data.data(), data.size(), out, kLBase64NoLineBreaks);
+    EXPECT_EQ(std::strlen(out), 259u);
+    EXPECT_EQ(std::string(out), OpenSSLEncode(data).substr(0, 259));
+
+    LBase64Encode(data.data(), 57, out, 0);
+    EXPECT_EQ(std::string(out), Encode({data.begin(), data.begin() + 57}, 0));
+    LBase64Encode(nullptr, 10, out, 0);
+    EXPECT_STREQ(out, "");
+}
+
+TEST(LBase64, EncodeEmptiesTheOutputAndWritesNothingForNullData) {
+    LStringLongTemplate<char> out("previous");
+    LBase64Encode(nullptr, 5, out, 0);
+    EXPECT_STREQ(out.GetText(), "");
+    const char abc[] = "ABC";
+    LBase64Encode(abc, 3, out, 0);
+    EXPECT_STREQ(out.GetText(), "QUJD");
+}
+
+TEST(LBase64, DecodeSkipsEverythingOutsideTheAlphabet) {
+    EXPECT_EQ(Decode(std::string("QU\r\nJD")), (std::vector<unsigned char>{'A', 'B', 'C'}));
+    EXPECT_EQ(Decode("Q U=J\tD=="), (std::vector<unsigned char>{'A', 'B', 'C'}));
+    EXPECT_EQ(Decode("QUI"), (std::vector<unsigned char>{'A', 'B'}));  // 3 characters: 2 bytes
+    EXPECT_EQ(Decode("QQ"), (std::vector<unsigned char>{'A'}));        // 2 characters: 1 byte
+    EXPECT_EQ(Decode("QUJDQ"), (std::vector<unsigned char>{'A', 'B', 'C'}));  // 1 left: none
+    EXPECT_TRUE(Decode("").empty());
+    EXPECT_TRUE(Decode("!!==\r\n").empty());
+}
+
+TEST(LBase64, DecodeStopsAtTheLengthOrTheFirstNul) {
+    LSizedArray<unsigned char> out;
+    LBase64Decode("QUJDREVG", 4, out);
+    ASSERT_EQ(out.GetSize(), 3u);
+    EXPECT_EQ(std::memcmp(out.GetData(), "ABC", 3), 0);
+    const char withNul[] = "QUJD\0REVG";
+    LBase64Decode(withNul, sizeof(withNul) - 1, out);
+    EXPECT_EQ(out.GetSize(), 3u);
+    LBase64Decode(nullptr, 4, out);
+    EXPECT_EQ(out.GetSize(), 0u);
+}
+
+TEST(LBase64, DecodeInvertsEncodeForEveryFlagCombination) {
+    std::mt19937 rng(21);
+    for (unsigned flags = 0; flags < 4; ++flags) {
+        for (size_t n = 0; n < 260; n += 1 + n / 16) {
+            const auto data = RandomBytes(rng, n);
+            ASSERT_EQ(Decode(Encode(data, flags)), data) << "length " << n << " flags " << flags;
+        }
+    }
+}
+
+TEST(LBase64, DecodeCharGivesAlphabetIndexOrMinusOne) {
+    const std::string alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    for (unsigned c = 0; c < 256; ++c) {
+        const auto pos = alphabet.find(static_cast<char>(c));
+        const int expected = c != 0 && pos != std::string::npos ? static_cast<int>(pos) : -1;
+        ASSERT_EQ(DecodeBase64Char(c), expected) << c;
+    }
+    EXPECT_EQ(DecodeBase64Char(0x141), -1);  // 'A' + 256 is not 'A'
+    EXPECT_EQ(DecodeBase64Char(~0u), -1);
+}

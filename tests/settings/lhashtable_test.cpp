@@ -1,0 +1,443 @@
+// LHashTable: the table against a std::multimap model over random operations (with the
+// duplicate keys the query-string loader makes), accessors and their defaults, template
+// expansion in both forms, and the URI-encoded and raw text forms.
+#include "settings/lhashtable.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "rbtree_validator.h"
+
+namespace {
+
+using Validator = LRBTreeValidator<LStringLongKey, LStringLongTemplate<char>>;
+using Pairs = std::vector<std::pair<std::string, std::string>>;
+
+Pairs Contents(const LHashTable& table) {
+    Pairs out;
+    for (LHashTable::ConstIterator it(table); it; ++it) {
+        out.emplace_back(it.GetParm(), it.GetData());
+    }
+    return out;
+}
+
+Pairs Contents(const std::multimap<std::string, std::string>& model) {
+    return {model.begin(), model.end()};
+}
+
+// Query-string escape of every byte, so keys and values of any bytes can be loaded.
+std::string Escape(const std::string& s) {
+    static const char kHex[] = "0123456789abcdef";
+    std::string out;
+    for (unsigned char c : s) {
+        out += '%';
+        out += kHex[c >> 4];
+        out += kHex[c & 15];
+    }
+    return out;
+}
+
+std::string Owned(char* text) {
+    std::unique_ptr<char[]> owner(text);
+    return text;
+}
+
+}  // namespace
+
+TEST(LHashTableModel, AgreesWithAMultimapOverRandomOperations) {
+    std::mt19937 rng(2026);
+    LHashTable table;
+    std::multimap<std::string, std::string> model;
+    int serial = 0;  // every value written is unique, so the node a lookup met can be named
+    auto randomKey = [&] {
+        static const char* const kKeys[] = {"a",   "ab",         "B", "b",  "",    "key",
+                                            "Key", "k\xC3\xA9y", "z", "aa", "a b", "~"};
+        return std::string(kKeys[rng() % (sizeof(kKeys) / sizeof(kKeys[0]))]) +
+               (rng() % 3 == 0 ? std::to_string(rng() % 30) : "");
+    };
+    // The model entry holding the value the table's lookup answered with.
+    auto entryFound = [&](const std::string& key) {
+        const char* found = table.GetParm(key.c_str(), nullptr);
+        auto [lo, hi] = model.equal_range(key);
+        if (found == nullptr) {
+            EXPECT_EQ(lo, hi) << "key '" << key << "' missing from the table";
+            return model.end();
+        }
+        for (auto it = lo; it != hi; ++it) {
+            if (it->second == found) {
+                return it;
+            }
+        }
+        ADD_FAILURE() << "lookup of '" << key << "' gave a value the model lacks";
+        return model.end();
+    };
+    for (int step = 0; step < 3000; ++step) {
+        const std::string key = randomKey();
+        const std::string value = "v" + std::to_string(serial++);
+        switch (rng() % 6) {
+            case 0:
+            case 1: {  // SetString overwrites the node a lookup meets, else inserts
+                auto it = entryFound(key);
+                table.SetString(key.c_str(), value.c_str());
+                if (it != model.end()) {
+                    it->second = value;
+                } else {
+                    model.emplace(key, value);
+                }
+                break;
+            }
+            case 2: {  // the loader inserts without a lookup: duplicates
+                if (key.empty()) {
+                    break;
+                }
+                table.LoadHTTPString((Escape(key) + "=" + value).c_str());
+                model.emplace(key, value);
+                break;
+            }
+            case 3: {
+                auto it = entryFound(key);
+                table.DeleteField(key.c_str());
+                if (it != model.end()) {
+                    model.erase(it);
+                }
+                break;
+            }
+            case 4: {  // delete through an iterator at a random position
+                LHashTable::Iterator it(table);
+                auto m = model.begin();
+                for (unsigned k = rng() % 8; k > 0 && it; --k, ++it, ++m) {
+                }
+                if (it) {
+                    auto after = std::next(m);
+                    table.Delete(it);
+                    model.erase(m);
+                    if (after == model.end()) {
+                        EXPECT_FALSE(it.IsValid());
+                    } else {
+                        ASSERT_TRUE(it.IsValid());
+                        EXPECT_EQ(it.GetParm(), after->first);
+                        EXPECT_EQ(it.GetData(), after->second);
+                    }
+                }
+                break;
+            }
+            case 5: {
+                auto it = entryFound(key);
+                EXPECT_EQ(table.TestFieldExists(key.c_str()), it != model.end());
+                break;
+            }
+        }
+        ASSERT_EQ(Validator::Check(table.GetTree()), "") << "step " << step;
+        if (step % 50 == 0) {
+            ASSERT_EQ(Contents(table), Contents(model)) << "step " << step;
+            ASSERT_EQ(table.GetSize(), model.size());
+        }
+    }
+    ASSERT_EQ(Contents(table), Contents(model));
+}
+
+TEST(LHashTable, OrderIsByteWiseAndCaseSensitive) {
+    LHashTable t;
+    for (const char* k : {"ab", "a", "B", "\xC3\xA9", "b", "A"}) {
+        t.SetString(k, k);
+    }
+    Pairs expected = {{"A", "A"},   {"B", "B"}, {"a", "a"},
+                      {"ab", "ab"}, {"b", "b"}, {"\xC3\xA9", "\xC3\xA9"}};
+    EXPECT_EQ(Contents(t), expected);
+    t.SetParm("a", "1");
+    t.SetParmBottom("A", "2");  // overwrites in place; nothing moves to the end
+    EXPECT_EQ(t.GetSize(), 6u);
+    EXPECT_STREQ(t.GetParm("a", nullptr), "1");
+    EXPECT_STREQ(Contents(t).front().second.c_str(), "2");
+}
+
+TEST(LHashTable, TypedSettersUseThePrintfForms) {
+    LHashTable t;
+    t.SetInt("i", -42);
+    t.SetInt64("l", -9000000000LL);
+    t.SetFloat("f", 2.5);
+    EXPECT_STREQ(t.GetParm("i", nullptr), "-42");
+    EXPECT_STREQ(t.GetParm("l", nullptr), "-9000000000");
+    EXPECT_STREQ(t.GetParm("f", nullptr), "2.500000");
+    EXPECT_EQ(t.GetInt64("l", 0), -9000000000LL);
+    EXPECT_EQ(t.GetSsize("l", 0), -9000000000LL);
+    EXPECT_DOUBLE_EQ(t.GetFloat("f", 0), 2.5);
+}
+
+TEST(LHashTable, GettersFallBackToTheDefaultOnlyWhenEmptyOrAbsent) {
+    LHashTable t;
+    t.SetString("int", "12abc");
+    t.SetString("word", "abc");
+    t.SetString("empty", "");
+    t.SetString("true", "true");
+    t.SetString("one", "1abc");
+    t.SetString("ten", "10");
+    t.SetString("zero", "0");
+    EXPECT_EQ(t.GetInt("int", 7), 12);
+    EXPECT_EQ(t.GetInt("word", 7), 0);
+    EXPECT_EQ(t.GetInt("missing", 7), 7);
+    EXPECT_EQ(t.GetInt("empty", 7), 7);
+    EXPECT_EQ(t.GetInt64("word", 7), 0);
+    EXPECT_FALSE(t.GetBool("true", true));
+    EXPECT_TRUE(t.GetBool("one", false));
+    EXPECT_TRUE(t.GetBool("ten", false));
+    EXPECT_FALSE(t.GetBool("zero", true));
+    EXPECT_TRUE(t.GetBool("empty", true));
+    EXPECT_TRUE(t.GetBool("missing", true));
+    EXPECT_DOUBLE_EQ(t.GetFloat("empty", 1.5), 1.5);
+    EXPECT_STREQ(t.GetParm("empty", "d"), "");  // present but empty is not absent
+    EXPECT_STREQ(t.GetString("missing", "d"), "d");
+    EXPECT_EQ(t.GetParm("missing", nullptr), nullptr);
+    EXPECT_TRUE(t.TestExists("empty"));
+    EXPECT_FALSE(t.TestFieldExists("missing"));
+}
+
+TEST(LHashTable, NumbersAreReadFromTheFirst259Characters) {
+    LHashTable t;
+    t.SetString("n", (std::string(259, '0') + "9").c_str());
+    EXPECT_EQ(t.GetInt("n", 5), 0);  // the 9 lies beyond the cut
+    t.SetString("n", (std::string(258, '0') + "9").c_str());
+    EXPECT_EQ(t.GetInt("n", 5), 9);
+}
+
+TEST(LHashTable, GetStringFormsCopyOrCutTheValue) {
+    LHashTable t;
+    const std::string longValue(300, 'x');
+    t.SetString("long", longValue.c_str());
+    char buffer[260];
+    EXPECT_EQ(t.GetString("long", "", buffer), buffer);
+    EXPECT_EQ(std::string(buffer), longValue.substr(0, 259));
+    t.GetString("missing", "dflt", buffer);
+    EXPECT_STREQ(buffer, "dflt");
+    LStringLongTemplate<char> s("old");
+    t.GetString("long", "", s);
+    EXPECT_EQ(std::string(s.GetText()), longValue);
+    t.GetString("missing", "dflt", s);
+    EXPECT_STREQ(s.GetText(), "dflt");
+}
+
+TEST(LHashTable, GetParmTrimKeepsTheTrimmedValue) {
+    LHashTable t;
+    t.SetString("k", "  \tvalue\n  ");
+    EXPECT_STREQ(t.GetParmTrim("k", nullptr), "\tvalue\n");  // blanks only, not tabs or ends
+    EXPECT_STREQ(t.GetParm("k", nullptr), "\tvalue\n");
+    t.SetString("blank", "   ");
+    EXPECT_STREQ(t.GetParmTrim("blank", nullptr), "");
+    EXPECT_STREQ(t.GetParmTrim("missing", "d"), "d");
+}
+
+TEST(LHashTable, AssignStringTakesTheBufferAndLeavesTheSourceNull) {
+    LHashTable t;
+    LStringLongTemplate<char> v("moved value");
+    const char* buffer = v.GetText();
+    t.AssignString("k", v);
+    EXPECT_TRUE(v.IsNull());
+    EXPECT_EQ(v.GetCapacity(), 0u);
+    EXPECT_EQ(t.GetParm("k", nullptr), buffer);
+    LStringLongTemplate<char> w("second");
+    t.AssignString("k", w);
+    EXPECT_STREQ(t.GetParm("k", nullptr), "second");
+    EXPECT_EQ(t.GetSize(), 1u);
+}
+
+TEST(LHashTable, DeletingThroughTheIteratorVisitsEveryRemainingKeyOnce) {
+    LHashTable t;
+    for (int i = 0; i < 200; ++i) {
+        t.SetInt(("k" + std::to_string(i)).c_str(), i);
+    }
+    const Pairs all = Contents(t);
+    Pairs visited;
+    int n = 0;
+    for (LHashTable::Iterator it(t); it;) {
+        visited.emplace_back(it.GetParm(), it.GetData());
+        if (n++ % 3 != 0) {
+            t.Delete(it);  // moves to the successor
+        } else {
+            ++it;
+        }
+    }
+    EXPECT_EQ(visited, all);
+    EXPECT_EQ(t.GetSize(), 67u);
+    EXPECT_EQ(Validator::Check(t.GetTree()), "");
+    t.DeleteParm("k0");
+    t.DeleteField("not there");
+    EXPECT_EQ(t.GetSize(), 66u);
+}
+
+TEST(LHashTable, IteratorSetDataReplacesTheCurrentValue) {
+    LHashTable t;
+    t.SetString("a", "1");
+    t.SetString("b", "2");
+    for (LHashTable::Iterator it(t); it; ++it) {
+        it.SetData((std::string(it.GetData()) + "!").c_str());
+    }
+    EXPECT_EQ(Contents(t), (Pairs{{"a", "1!"}, {"b", "2!"}}));
+    LHashTable empty;
+    EXPECT_FALSE(LHashTable::Iterator(empty).IsValid());
+    EXPECT_TRUE(empty.IsEmpty());
+}
+
+TEST(LHashTable, CopiesAndMerges) {
+    LHashTable src;
+    src.SetString("a", "1");
+    src.SetString("b", "2");
+    LHashTable copy(src);
+    EXPECT_EQ(Contents(copy), Contents(src));
+    copy.SetString("a", "changed");
+    EXPECT_STREQ(src.GetParm("a", nullptr), "1");
+
+    LHashTable assigned;
+    assigned.SetString("zzz", "gone");
+    assigned = src;
+    EXPECT_EQ(Contents(assigned), Contents(src));
+    assigned = assigned;  // NOLINT: self-assignment keeps the table
+    EXPECT_EQ(Contents(assigned), Contents(src));
+
+    LHashTable dest;
+    dest.SetString("a", "old");
+    dest.SetString("c", "3");
+    LHashTableCopy(dest, src);
+    EXPECT_EQ(Contents(dest), (Pairs{{"a", "1"}, {"b", "2"}, {"c", "3"}}));
+
+    // Copying a table with duplicate keys enters each through SetString: one node per key,
+    // holding the value that comes last in order (the one loaded last).
+    LHashTable dup;
+    dup.LoadHTTPString("a=1&a=2&b=3");
+    LHashTable dupCopy(dup);
+    EXPECT_EQ(Contents(dupCopy), (Pairs{{"a", "2"}, {"b", "3"}}));
+}
+
+TEST(LHashTableParse, FixedBufferFormExpandsAndTreatsDoublePercentAsPercent) {
+    LHashTable t;
+    t.SetString("name", "World");
+    t.SetString("", "EMPTYKEY");
+    char out[64];
+    EXPECT_TRUE(t.ParseString("Hello %name%!", out, sizeof(out)));
+    EXPECT_STREQ(out, "Hello World!");
+    EXPECT_TRUE(t.ParseString("100%%", out, sizeof(out)));
+    EXPECT_STREQ(out, "100%");
+    EXPECT_TRUE(t.ParseString("x%missing%y", out, sizeof(out)));
+    EXPECT_STREQ(out, "xy");
+    EXPECT_TRUE(t.ParseString("to %name", out, sizeof(out)));  // unclosed: rest is the name
+    EXPECT_STREQ(out, "to World");
+    EXPECT_FALSE(t.ParseString("plain", out, sizeof(out)));
+    EXPECT_STREQ(out, "plain");
+}
+
+TEST(LHashTableParse, FixedBufferDropsWhatDoesNotFitButKeepsScanning) {
+    LHashTable t;
+    t.SetString("v", "0123456789");
+    char out[8];
+    std::memset(out, '#', sizeof(out));
+    EXPECT_TRUE(t.ParseString("ab%v%", out, sizeof(out)));
+    EXPECT_STREQ(out, "ab01234");
+    char tiny[1] = {'#'};
+    EXPECT_TRUE(t.ParseString("abc%v%", tiny, 0));  // no room at all: nothing written
+    EXPECT_EQ(tiny[0], '#');
+    // A name longer than 259 characters is cut for the lookup but consumed whole.
+    const std::string longName(300, 'n');
+    t.SetString(longName.substr(0, 259).c_str(), "cut");
+    char buffer[32];
+    t.ParseString(("<%" + longName + "%>").c_str(), buffer, sizeof(buffer));
+    EXPECT_STREQ(buffer, "<cut>");
+}
+
+TEST(LHashTableParse, AllocatingFormLooksUpTheEmptyKeyAndGrows) {
+    LHashTable t;
+    t.SetString("name", "World");
+    EXPECT_EQ(Owned(t.ParseString("100%%")), "100");
+    t.SetString("", "E");
+    EXPECT_EQ(Owned(t.ParseString("100%%")), "100E");
+    EXPECT_EQ(Owned(t.ParseString("Hi %name%")), "Hi World");
+    const std::string big(1000, 'q');
+    t.SetString("big", big.c_str());
+    EXPECT_EQ(Owned(t.ParseString("[%big%][%big%]")), "[" + big + "][" + big + "]");
+    EXPECT_EQ(Owned(t.ParseString(nullptr)), "");
+}
+
+TEST(LHashTableHTTP, LoadKeepsDuplicatesAndSkipsEmptyNames) {
+    LHashTable t;
+    t.LoadHTTPString("a=1&a=2");
+    EXPECT_EQ(t.GetSize(), 2u);
+    EXPECT_EQ(Contents(t), (Pairs{{"a", "1"}, {"a", "2"}}));
+    LHashTable u;
+    u.LoadHTTPString("=5&b");
+    EXPECT_EQ(Contents(u), (Pairs{{"b", ""}}));
+    LHashTable v;
+    v.LoadHTTPString("&&x=1&&=&y=a=b");
+    EXPECT_EQ(Contents(v), (Pairs{{"x", "1"}, {"y", "a=b"}}));
+    v.LoadHTTPString("");
+    v.LoadHTTPString(static_cast<const char*>(nullptr));
+    v.LoadHTTPString(LStringLongTemplate<char>());
+    EXPECT_EQ(v.GetSize(), 2u);
+    v.LoadHTTPStringUTF8("x=2");  // the table is not cleared: a second "x"
+    EXPECT_EQ(v.GetSize(), 3u);
+}
+
+TEST(LHashTableHTTP, DecodingRules) {
+    LHashTable t;
+    t.LoadHTTPString("k1=a+b%20c&k2=%26%3d&k3=x%00y&k5=%41%62%G1%e9&k4=a%2");
+    EXPECT_STREQ(t.GetParm("k1", nullptr), "a b c");
+    EXPECT_STREQ(t.GetParm("k2", nullptr), "&=");  // escaped stops stay in the value
+    EXPECT_STREQ(t.GetParm("k3", nullptr), "xy");  // a decoded zero byte vanishes
+    EXPECT_STREQ(t.GetParm("k4", nullptr), "a");   // '%' with one character at the end
+    EXPECT_STREQ(t.GetParm("k5", nullptr), "Ab\x01\xE9");
+    LHashTable u;
+    u.LoadHTTPString("a%");
+    EXPECT_EQ(Contents(u), (Pairs{{"a", ""}}));
+    LHashTable w;
+    w.LoadHTTPString("caf\xC3\xA9=na%C3%AFve");  // bytes pass through unconverted
+    EXPECT_STREQ(w.GetParm("caf\xC3\xA9", nullptr), "na\xC3\xAFve");
+}
+
+TEST(LHashTableHTTP, SaveEncodesInKeyOrder) {
+    LHashTable t;
+    t.SetString("b", "x y");
+    t.SetString("a", "1&2");
+    LStringLongTemplate<char> out("stale text");
+    EXPECT_EQ(t.SaveHTTPString(out), 15u);
+    EXPECT_STREQ(out.GetText(), "a=1%262&b=x%20y");
+    EXPECT_GE(out.GetCapacity(), 260u);
+    LHashTable marks;
+    marks.SetString("m", "~!*-._\xC3\xA9+");
+    marks.SaveHTTPString(out);
+    EXPECT_STREQ(out.GetText(), "m=~!%2A-._%C3%A9%2B");
+    LHashTable empty;
+    EXPECT_EQ(empty.SaveHTTPString(out), 0u);
+    EXPECT_STREQ(out.GetText(), "");
+}
+
+TEST(LHashTableHTTP, SaveThenLoadGivesTheSamePairs) {
+    std::mt19937 rng(5);
+    LHashTable t;
+    for (int i = 0; i < 100; ++i) {
+        std::string k(1 + rng() % 6, ' ');
+        std::string v(rng() % 6, ' ');
+        for (char& c : k) {
+            c = static_cast<char>(1 + rng() % 255);
+        }
+        for (char& c : v) {
+            c = static_cast<char>(1 + rng() % 255);
+        }
+        t.SetString(k.c_str(), v.c_str());
+    }
+    LStringLongTemplate<char> text;
+    t.SaveHTTPString(text);
+    LHashTable back;
+    back.LoadHTTPString(text);
+    EXPECT_EQ(Contents(back), Contents(t));
+}
+
+TEST(LHashTableHTTP, SaveStringAppendsRawPairs) {
+    LHashTable t;
+    t.SetString("b", "x y");
+    t.SetString("a", "1&2");
+    LStringLongTemplate<char> out("prefix:");
+    t.SaveString(out);
+    EXPECT_STREQ(out.GetText(), "prefix:a=1&2&b=x y");
+}

@@ -1,0 +1,142 @@
+// The red-black tree: its rules checked after every step of random insert and delete
+// sequences (duplicates included), iteration against a sorted model, and node stability.
+#include "settings/lrbtree.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <random>
+#include <vector>
+
+#include "rbtree_validator.h"
+
+namespace {
+
+using IntTree = LRBTree<int, int>;
+using Node = IntTree::Node;
+using Validator = LRBTreeValidator<int, int>;
+
+int Height(const Node* x) {
+    return x == nullptr ? 0 : 1 + std::max(Height(x->m_pLeft), Height(x->m_pRight));
+}
+
+std::vector<std::pair<int, int>> InOrder(const IntTree& tree) {
+    std::vector<std::pair<int, int>> out;
+    for (Node* x = tree.First(); x != nullptr; x = IntTree::Next(x)) {
+        out.emplace_back(x->m_key, *x->m_pValue);
+    }
+    return out;
+}
+
+}  // namespace
+
+TEST(LRBTree, RandomInsertsAndDeletesKeepEveryRule) {
+    for (unsigned seed = 1; seed <= 6; ++seed) {
+        std::mt19937 rng(seed);
+        IntTree tree;
+        std::vector<Node*> nodes;                // every live node
+        std::vector<std::pair<int, int>> model;  // (key, tag), kept in the tree's order
+        int tag = 0;
+        const int keyRange = seed % 2 == 0 ? 20 : 100000;  // small range: many duplicates
+        for (int step = 0; step < 1500; ++step) {
+            const bool insert = nodes.empty() || rng() % 100 < (step < 700 ? 70 : 35);
+            if (insert) {
+                const int key = static_cast<int>(rng() % keyRange);
+                auto* node = new Node(int(key), new int(tag));
+                tree.Insert(node);
+                nodes.push_back(node);
+                // Equal keys go after their equals, as std::upper_bound places them.
+                const auto at = std::upper_bound(
+                    model.begin(), model.end(), key,
+                    [](int k, const std::pair<int, int>& e) { return k < e.first; });
+                model.insert(at, {key, tag});
+                ++tag;
+            } else {
+                const size_t i = rng() % nodes.size();
+                Node* node = nodes[i];
+                const std::pair<int, int> entry(node->m_key, *node->m_pValue);
+                model.erase(std::find(model.begin(), model.end(), entry));
+                tree.Delete(node);
+                nodes[i] = nodes.back();
+                nodes.pop_back();
+            }
+            ASSERT_EQ(Validator::Check(tree), "") << "seed " << seed << " step " << step;
+        }
+        ASSERT_EQ(InOrder(tree), model);
+        ASSERT_EQ(tree.GetCount(), nodes.size());
+        const double bound = 2 * std::log2(static_cast<double>(nodes.size()) + 1);
+        EXPECT_LE(Height(tree.GetRoot()), bound);
+    }
+}
+
+TEST(LRBTree, AscendingAndDescendingRunsStayBalanced) {
+    IntTree up;
+    IntTree down;
+    for (int i = 0; i < 4096; ++i) {
+        up.Insert(new Node(int(i), new int(i)));
+        down.Insert(new Node(4096 - i, new int(i)));
+    }
+    EXPECT_EQ(Validator::Check(up), "");
+    EXPECT_EQ(Validator::Check(down), "");
+    EXPECT_LE(Height(up.GetRoot()), 24);
+    EXPECT_LE(Height(down.GetRoot()), 24);
+    // Remove every other node from the front: repeated fix-ups on one side.
+    Node* x = up.First();
+    while (x != nullptr) {
+        Node* next = IntTree::Next(x);
+        up.Delete(x);
+        x = next != nullptr ? IntTree::Next(next) : nullptr;
+    }
+    EXPECT_EQ(Validator::Check(up), "");
+    EXPECT_EQ(up.GetCount(), 2048u);
+    EXPECT_EQ(up.First()->m_key, 1);
+}
+
+TEST(LRBTree, RemovalNeverMovesOtherNodesKeysOrValues) {
+    std::mt19937 rng(42);
+    IntTree tree;
+    std::vector<Node*> nodes;
+    for (int i = 0; i < 500; ++i) {
+        nodes.push_back(new Node(static_cast<int>(rng() % 50), new int(i)));
+        tree.Insert(nodes.back());
+    }
+    std::vector<std::pair<int, int>> before;
+    for (Node* n : nodes) {
+        before.emplace_back(n->m_key, *n->m_pValue);
+    }
+    // Delete nodes with two children (the successor-splice case) and check the rest in place.
+    for (int round = 0; round < 200; ++round) {
+        size_t i = rng() % nodes.size();
+        for (size_t k = 0; k < nodes.size(); ++k) {
+            const size_t j = (i + k) % nodes.size();
+            if (nodes[j]->m_pLeft != nullptr && nodes[j]->m_pRight != nullptr) {
+                i = j;
+                break;
+            }
+        }
+        tree.Delete(nodes[i]);
+        nodes.erase(nodes.begin() + static_cast<long>(i));
+        before.erase(before.begin() + static_cast<long>(i));
+        for (size_t k = 0; k < nodes.size(); ++k) {
+            ASSERT_EQ(nodes[k]->m_key, before[k].first);
+            ASSERT_EQ(*nodes[k]->m_pValue, before[k].second);
+        }
+        ASSERT_EQ(Validator::Check(tree), "");
+    }
+}
+
+TEST(LRBTree, FindReturnsAnEqualNodeOrNull) {
+    IntTree tree;
+    for (int i = 0; i < 100; i += 2) {
+        tree.Insert(new Node(int(i), new int(i * 10)));
+    }
+    tree.Insert(new Node(40, new int(-1)));
+    ASSERT_NE(tree.Find(40), nullptr);
+    EXPECT_EQ(tree.Find(40)->m_key, 40);
+    EXPECT_EQ(tree.Find(41), nullptr);
+    EXPECT_EQ(*tree.Find(98)->m_pValue, 980);
+    tree.Clear();
+    EXPECT_TRUE(tree.IsEmpty());
+    EXPECT_EQ(tree.Find(40), nullptr);
+}

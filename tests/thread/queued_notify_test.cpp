@@ -1,0 +1,315 @@
+#include "thread/lqueued_notify.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <climits>
+#include <limits>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "thread/lthread_platform.h"
+
+namespace {
+
+struct Delivery {
+    unsigned int code;
+    std::string bytes;  // empty without data
+    bool hadData;
+    unsigned long lengthOrValue;
+    bool onMainThread;
+};
+
+class RecordingHandler : public LQueuedNotifyDataHandler {
+public:
+    void EvQueuedNotifyData(unsigned int code, void const* data,
+                            unsigned long lengthOrValue) override {
+        Delivery d{code, "", data != nullptr, lengthOrValue, _LThreadIsMainThread()};
+        if (data != nullptr) {
+            d.bytes.assign(static_cast<char const*>(data), lengthOrValue);
+        }
+        deliveries.push_back(d);
+    }
+    std::vector<Delivery> deliveries;
+};
+
+// Runs the main queue until it has been idle for a moment.
+void DrainMainQueue() {
+    while (LMainQueueDrain(20) != 0) {
+    }
+}
+
+// Teardown queues the end of the drain on the main queue; every test leaves the queue empty
+// for the next one.
+class QueuedNotify : public ::testing::Test {
+protected:
+    void TearDown() override { DrainMainQueue(); }
+};
+using NotifyMessageDispatcher = QueuedNotify;
+using ThreadQueuedNotify = QueuedNotify;
+using ThreadNotifyInterface = QueuedNotify;
+
+TEST_F(QueuedNotify, TestsRunOnTheMainThread) {
+    EXPECT_TRUE(_LThreadIsMainThread());
+    bool workerIsMain = true;
+    std::thread([&] { workerIsMain = _LThreadIsMainThread(); }).join();
+    EXPECT_FALSE(workerIsMain);
+}
+
+TEST_F(QueuedNotify, PostsFromAWorkerArriveOnTheMainThreadInOrder) {
+    RecordingHandler handler;
+    LQueuedNotifyDataSender sender(&handler);
+    std::thread worker([&] {
+        sender.NotifyData(7, "abc", 3);
+        sender.NotifyData(8);
+        sender.NotifyData(9, -5L);
+        sender.NotifyData();
+        for (unsigned int i = 100; i < 200; ++i) {
+            sender.NotifyData(i);
+        }
+    });
+    worker.join();
+    EXPECT_TRUE(handler.deliveries.empty());  // nothing before the main thread runs
+    DrainMainQueue();
+    ASSERT_EQ(handler.deliveries.size(), 104u);
+    EXPECT_EQ(handler.deliveries[0].code, 7u);
+    EXPECT_TRUE(handler.deliveries[0].hadData);
+    EXPECT_EQ(handler.deliveries[0].bytes, "abc");
+    EXPECT_EQ(handler.deliveries[0].lengthOrValue, 3u);
+    EXPECT_EQ(handler.deliveries[1].code, 8u);
+    EXPECT_FALSE(handler.deliveries[1].hadData);
+    EXPECT_EQ(handler.deliveries[1].lengthOrValue, 0u);
+    EXPECT_EQ(static_cast<long>(handler.deliveries[2].lengthOrValue), -5);
+    EXPECT_EQ(handler.deliveries[3].code, 0u);
+    for (size_t i = 0; i < handler.deliveries.size(); ++i) {
+        EXPECT_TRUE(handler.deliveries[i].onMainThread);
+        if (i >= 4) {
+            EXPECT_EQ(handler.deliveries[i].code, 96u + i);
+        }
+    }
+}
+
+TEST_F(QueuedNotify, NothingIsDeliveredAfterTeardown) {
+    RecordingHandler handler;
+    LQueuedNotifyDataSender sender(&handler);
+    std::thread([&] {
+        for (int i = 0; i < 10; ++i) {
+            sender.NotifyData(1, "x", 1);
+        }
+    }).join();
+    handler.QueuedNotifyDataHandlerDestroy();
+    sender.NotifyData(2);  // after teardown: dropped at once
+    DrainMainQueue();
+    EXPECT_TRUE(handler.deliveries.empty());
+
+    LQueuedNotifyDataSender nobody;
+    nobody.NotifyData(3);  // no handler: nothing happens
+    DrainMainQueue();
+}
+
+TEST_F(QueuedNotify, DestroyingTheHandlerDropsWhatIsQueued) {
+    auto* handler = new RecordingHandler;
+    LQueuedNotifyDataSender sender(handler);
+    std::thread([&] { sender.NotifyData(1); }).join();
+    delete handler;
+    DrainMainQueue();  // the queued delivery finds no handler (ASan would see a dead one)
+}
+
+// Receives dispatcher calls directly, to watch the draining rule.
+class Receiver : public LObject {
+public:
+    static void Call(LObject& self, LObject* object) {
+        auto& r = static_cast<Receiver&>(self);
+        r.received.push_back(static_cast<LNotifyDataObject*>(object)->code);
+    }
+    std::vector<unsigned int> received;
+};
+
+TEST_F(NotifyMessageDispatcher, PostsWhileDrainingAreDroppedAndQueuedOnesStillRun) {
+    auto receiver = std::make_shared<Receiver>();
+    auto dispatcher = std::make_shared<LNotifyMessageDispatcher>(receiver);
+    dispatcher->DispatchData(std::make_shared<LNotifyDataObject>(1, nullptr, 0), Receiver::Call);
+    dispatcher->DispatchData(std::make_shared<LNotifyDataObject>(2, nullptr, 0), Receiver::Call);
+    dispatcher->DrainMessages();
+    EXPECT_TRUE(dispatcher->IsDraining());
+    dispatcher->DispatchData(std::make_shared<LNotifyDataObject>(3, nullptr, 0), Receiver::Call);
+    DrainMainQueue();
+    // Queued before the drain: delivered (at once, since the dispatcher was draining then).
+    EXPECT_EQ(receiver->received, (std::vector<unsigned int>{1, 2}));
+    EXPECT_FALSE(dispatcher->IsDraining());
+    dispatcher->DispatchData(std::make_shared<LNotifyDataObject>(4, nullptr, 0), Receiver::Call);
+    DrainMainQueue();
+    EXPECT_EQ(receiver->received, (std::vector<unsigned int>{1, 2, 4}));
+
+    dispatcher->DispatchData(std::make_shared<LNotifyDataObject>(5, nullptr, 0), Receiver::Call);
+    dispatcher->SetReceiver(nullptr);
+    DrainMainQueue();
+    EXPECT_EQ(receiver->received, (std::vector<unsigned int>{1, 2, 4}));
+}
+
+class CountingQueuedNotify : public LThreadQueuedNotify {
+public:
+    void EvQueuedNotify() override {
+        ++count;
+        allOnMain = allOnMain && _LThreadIsMainThread();
+    }
+    int count = 0;
+    bool allOnMain = true;
+};
+
+TEST_F(ThreadQueuedNotify, MainThreadCallsAtOnceOthersQueue) {
+    CountingQueuedNotify n;
+    n.PostQueueNotify();
+    EXPECT_EQ(n.count, 1);
+    std::thread([&] {
+        n.PostQueueNotify();
+        n.PostQueueNotify();
+    }).join();
+    EXPECT_EQ(n.count, 1);
+    DrainMainQueue();
+    EXPECT_EQ(n.count, 3);
+    EXPECT_TRUE(n.allOnMain);
+
+    std::thread([&] { n.PostQueueNotify(); }).join();
+    n.ThreadQueuedNotifyDestroy();
+    DrainMainQueue();
+    EXPECT_EQ(n.count, 3);
+}
+
+// The main-thread side of a worker's reports.
+class TargetRecorder : public LProcessInterfaceVoid {
+public:
+    void SetError(char const* text) override { events.push_back(std::string("error:") + text); }
+    void SetStatus(char const* text, int level) override {
+        events.push_back("status" + std::to_string(level) + ":" + text);
+    }
+    void SetProgress(double p) override {
+        progress.push_back(p);
+        events.push_back("progress");
+    }
+    void SetProgressIndeterminateOn() override { events.push_back("on"); }
+    void SetProgressIndeterminateOff() override { events.push_back("off"); }
+
+    std::vector<std::string> events;
+    std::vector<double> progress;
+};
+
+class ReportingThread : public LThreadNotifyInterface {
+public:
+    using LThreadNotifyInterface::LThreadNotifyInterface;
+    ~ReportingThread() override { StopThreadAndWait(); }
+    void ThreadMain() override {
+        SetError("boom");
+        SetStatus("first", 0);
+        SetStatus("second", 0);
+        SetStatus(std::string(300, 'L').c_str(), 1);
+        SetStatus("ignored", 2);
+        SetProgress(0.123);
+        SetProgressIndeterminateOn();
+        SetProgressIndeterminateOff();
+        SetErrorF("%s %d", "code", 7);
+    }
+};
+
+TEST_F(ThreadNotifyInterface, WorkerReportsReachTheTargetOnTheMainThread) {
+    TargetRecorder target;
+    ReportingThread thread(&target);
+    thread.Start(0);
+    thread.GetFinishedEvent().WaitSignal(LSignalInfinite);
+    EXPECT_TRUE(target.events.empty());
+    DrainMainQueue();
+    EXPECT_EQ(target.events,
+              (std::vector<std::string>{"error:boom", "status0:second", "status0:second",
+                                        "status1:" + std::string(259, 'L'), "progress", "on", "off",
+                                        "error:code 7"}));
+    ASSERT_EQ(target.progress.size(), 1u);
+    EXPECT_DOUBLE_EQ(target.progress[0], 0.12);
+}
+
+TEST_F(ThreadNotifyInterface, CodesAboveFiveAreIgnoredAndTeardownStopsDelivery) {
+    TargetRecorder target;
+    ReportingThread thread(&target);
+    thread.EvQueuedNotifyData(6, nullptr, 0);
+    thread.EvQueuedNotifyData(0, nullptr, 0);  // an error without bytes shows nothing
+    EXPECT_TRUE(target.events.empty());
+    thread.Start(0);
+    thread.GetFinishedEvent().WaitSignal(LSignalInfinite);
+    thread.QueuedNotifyDataHandlerDestroy();
+    DrainMainQueue();
+    EXPECT_TRUE(target.events.empty());
+}
+
+// Reports until stopped.
+class ChattyThread : public LThreadNotifyInterface {
+public:
+    using LThreadNotifyInterface::LThreadNotifyInterface;
+    ~ChattyThread() override { StopThreadAndWait(); }
+    void ThreadMain() override {
+        started.Signal();
+        for (int i = 0; !IsToStop(); ++i) {
+            SetStatusF(i & 1, "line %d", i);
+            SetProgress(0.001 * i);
+        }
+    }
+    LSignalObject started;
+};
+
+TEST_F(ThreadNotifyInterface, DestroyingARunningReporterStopsItAndDeliversNothingMore) {
+    TargetRecorder target;
+    auto* thread = new ChattyThread(&target);
+    thread->Start(0);
+    thread->started.WaitSignal(LSignalInfinite);
+    usleep(2000);
+    delete thread;  // stops a body that is still reporting; its queued reports are dropped
+    DrainMainQueue();
+    EXPECT_TRUE(target.events.empty());
+}
+
+TEST_F(ThreadNotifyInterface, ProgressOutsideTheRangeOfWholeHundredthsIsPinned) {
+    TargetRecorder target;
+    ReportingThread thread(&target);
+    std::thread([&] {
+        thread.SetProgress(-0.019);
+        thread.SetProgress(1e300);
+        thread.SetProgress(std::numeric_limits<double>::quiet_NaN());
+    }).join();
+    DrainMainQueue();
+    ASSERT_EQ(target.progress.size(), 3u);
+    EXPECT_DOUBLE_EQ(target.progress[0], -0.01);
+    EXPECT_DOUBLE_EQ(target.progress[1], static_cast<double>(LONG_MAX) * 0.01);
+    EXPECT_EQ(target.progress[2], 0.0);
+}
+
+TEST(AssociatedData, AttachesWrappedAndDirectData) {
+    auto object = std::make_shared<LObject>();
+    static char const keyA = 0, keyB = 0;
+    int value = 5;
+    LAssociatedData::SetData(&value, object.get(), &keyA);
+    EXPECT_EQ(LAssociatedData::GetDataForObject(object.get(), &keyA), &value);
+    EXPECT_EQ(LAssociatedData::GetDataForObject(object.get(), &keyB), nullptr);
+    EXPECT_EQ(LAssociatedData::GetDataForObject(object.get()), nullptr);
+    LAssociatedData::SetData(&value, object.get());
+    EXPECT_EQ(LAssociatedData::GetDataForObject(object.get()), &value);
+
+    auto attached = std::make_shared<LObject>();
+    std::weak_ptr<LObject> watch = attached;
+    LAssociatedData::SetDataDirect(attached, object.get(), &keyB);
+    attached.reset();
+    EXPECT_EQ(LAssociatedData::GetDataDirect(object.get(), &keyB), watch.lock());
+    EXPECT_FALSE(watch.expired());  // the association retains it
+    // A direct object is no wrapper: the wrapped-data getter gives null for it.
+    EXPECT_EQ(LAssociatedData::GetDataForObject(object.get(), &keyB), nullptr);
+    LAssociatedData::SetDataDirect(nullptr, object.get(), &keyB);
+    EXPECT_TRUE(watch.expired());
+
+    LAssociatedData::SetData(&value, nullptr, &keyA);  // nothing to attach to
+    EXPECT_EQ(LAssociatedData::GetDataForObject(nullptr, &keyA), nullptr);
+
+    LAssociatedData::SetDataDirect(std::make_shared<LObject>(), object.get(), &keyB);
+    watch = LAssociatedData::GetDataDirect(object.get(), &keyB);
+    object.reset();
+    EXPECT_TRUE(watch.expired());  // associations go with their object
+}
+
+}  // namespace

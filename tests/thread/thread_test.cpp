@@ -1,0 +1,292 @@
+#include "thread/lthread.h"
+
+#include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+// A thread whose body is a function; it stops and waits for its body before its own members
+// go, as every thread class with state must.
+class FunctionThread : public LThread {
+public:
+    explicit FunctionThread(std::function<void(FunctionThread&)> body) : body(std::move(body)) {}
+    ~FunctionThread() override { StopThreadAndWait(); }
+    void ThreadMain() override {
+        ++runs;
+        body(*this);
+    }
+
+    std::function<void(FunctionThread&)> body;
+    std::atomic<int> runs{0};
+};
+
+TEST(Thread, StartRunsTheBodyAndFinishedEndsIt) {
+    LSignalObject go;
+    std::atomic<int32_t> bodyId{0};
+    FunctionThread t([&](FunctionThread&) {
+        bodyId = static_cast<int32_t>(gettid());
+        go.WaitSignal(LSignalInfinite);
+    });
+    EXPECT_FALSE(t.IsRunning());
+    EXPECT_EQ(t.GetMachThreadId(), -1);
+    t.Start(5);
+    EXPECT_TRUE(t.GetStartedEvent().IsSignaled());
+    EXPECT_TRUE(t.IsRunning());
+    EXPECT_EQ(t.GetPriority(), 5);
+    while (bodyId.load() == 0) {
+        usleep(1000);
+    }
+    EXPECT_EQ(t.GetMachThreadId(), bodyId.load());
+    EXPECT_FALSE(t.GetFinishedEvent().IsSignaled());
+    go.Signal();
+    EXPECT_TRUE(t.GetFinishedEvent().WaitSignal(LSignalInfinite));
+    EXPECT_FALSE(t.IsRunning());
+    EXPECT_EQ(t.GetMachThreadId(), -1);
+    EXPECT_EQ(t.runs.load(), 1);
+}
+
+TEST(Thread, StartOnARunningThreadStartsNoSecond) {
+    FunctionThread t([](FunctionThread& self) { self.ProcessWaitUntilStopped(); });
+    t.Start(0);
+    t.Start(0);
+    t.StopThreadAndWait();
+    EXPECT_EQ(t.runs.load(), 1);
+    // A finished thread starts again, with fresh events.
+    t.Start(0);
+    EXPECT_FALSE(t.IsToStop());
+    t.StopThreadAndWait();
+    EXPECT_EQ(t.runs.load(), 2);
+}
+
+TEST(Thread, StopRequestedBeforeTheFirstWait) {
+    LSignalObject gate;
+    std::atomic<bool> sawStop{false}, waitEndedByStop{false};
+    FunctionThread t([&](FunctionThread& self) {
+        gate.WaitSignal(LSignalInfinite);
+        sawStop = self.IsToStop();
+        waitEndedByStop = self.ProcessWaitUntilStopped();
+    });
+    t.Start(0);
+    t.StopThreadSoon();
+    gate.Signal();
+    t.GetFinishedEvent().WaitSignal(LSignalInfinite);
+    EXPECT_TRUE(sawStop.load());
+    EXPECT_TRUE(waitEndedByStop.load());
+}
+
+TEST(Thread, WaitResults) {
+    FunctionThread t([](FunctionThread&) {});
+    LSignalObject event;
+    EXPECT_FALSE(t.ProcessWait(0));
+    EXPECT_EQ(t.ProcessWaitSignal(event, 0), 2);
+    event.Signal();
+    EXPECT_EQ(t.ProcessWaitSignal(event, 0), 0);
+    event.Reset();
+    t.StopThreadSoon();
+    EXPECT_TRUE(t.IsToStop());
+    EXPECT_TRUE(t.ProcessWait(LSignalInfinite));
+    EXPECT_EQ(t.ProcessWaitSignal(event, LSignalInfinite), 1);
+}
+
+TEST(Thread, GroupWaitAppendsTheStopEventWhileThereIsRoom) {
+    FunctionThread t([](FunctionThread&) {});
+    LSignalObject a, b;
+    LSignalObjectGroup group;
+    group.Add(a);
+    group.Add(b);
+    EXPECT_EQ(t.ProcessWaitSignalObjectGroup(group, 0), 2);
+    EXPECT_EQ(group.GetCount(), 3u);  // the group keeps the stop event
+    b.Signal();
+    EXPECT_EQ(t.ProcessWaitSignalObjectGroup(group, 0), 0);
+    b.Reset();
+    t.StopThreadSoon();
+    EXPECT_EQ(t.ProcessWaitSignalObjectGroupForever(group), 1);
+
+    LSignalObjectGroup full;
+    for (int i = 0; i < 256; ++i) {
+        full.Add(a);
+    }
+    EXPECT_EQ(t.ProcessWaitSignalObjectGroup(full, 0), 2);
+    EXPECT_EQ(full.GetCount(), 256u);
+}
+
+TEST(Thread, NeverStartedThreadIsDestroyedWithoutWaiting) {
+    auto* t = new FunctionThread([](FunctionThread&) {});
+    t->SetPriority(10);  // no thread: nothing happens
+    EXPECT_FALSE(t->IsRunning());
+    delete t;
+}
+
+TEST(Thread, DestructionStopsAndWaitsForTheBody) {
+    std::atomic<bool> bodyEnded{false};
+    {
+        FunctionThread t([&](FunctionThread& self) {
+            while (!self.ProcessWait(1)) {
+            }
+            bodyEnded = true;
+        });
+        t.Start(0);
+    }
+    EXPECT_TRUE(bodyEnded.load());
+}
+
+TEST(Thread, SetPriorityOnARunningThreadKeepsItRunning) {
+    FunctionThread t([](FunctionThread& self) { self.ProcessWaitUntilStopped(); });
+    t.Start(91);  // the audio priority falls back on the ordinary call here
+    EXPECT_EQ(t.GetPriority(), 91);
+    t.SetPriority(0);
+    EXPECT_TRUE(t.IsRunning());
+    t.StopThreadAndWait();
+}
+
+// Counts its destruction so that tests can see self-destruction happen.
+class CountingDetached : public LDetachedThread {
+public:
+    CountingDetached(std::atomic<int>& destroyed, std::function<void(LThread&)> body)
+        : destroyed(destroyed), body(std::move(body)) {}
+    ~CountingDetached() override {
+        StopThreadAndWait();
+        ++destroyed;
+    }
+    void ThreadMain() override { body(*this); }
+
+    std::atomic<int>& destroyed;
+    std::function<void(LThread&)> body;
+};
+
+// Self-destruction happens on the threads themselves: wait (boundedly) for the count, then
+// check that it did not overshoot.
+bool WaitForCount(std::atomic<int>& count, int expected) {
+    for (int i = 0; i < 10000 && count.load() < expected; ++i) {
+        usleep(1000);
+    }
+    usleep(1000);
+    return count.load() == expected;
+}
+
+TEST(DetachedThread, DestroysItselfWhenItsBodyEnds) {
+    LDetachedThreadsOwner owner;
+    std::atomic<int> destroyed{0};
+    LSignalObject go;
+    auto* t = new CountingDetached(destroyed, [&](LThread&) { go.WaitSignal(LSignalInfinite); });
+    t->StartDetached(owner, 0);
+    EXPECT_EQ(owner.GetThreadCount(), 1u);
+    go.Signal();
+    ASSERT_TRUE(WaitForCount(destroyed, 1));
+    EXPECT_EQ(owner.GetThreadCount(), 0u);
+}
+
+TEST(DetachedThread, StopThreadsNowStopsAndDestroysEveryThread) {
+    LDetachedThreadsOwner owner;
+    std::atomic<int> destroyed{0};
+    for (int i = 0; i < 8; ++i) {
+        auto* t =
+            new CountingDetached(destroyed, [](LThread& self) { self.ProcessWaitUntilStopped(); });
+        t->StartDetached(owner, 0);
+    }
+    EXPECT_EQ(owner.GetThreadCount(), 8u);
+    owner.StopThreadsNow();
+    EXPECT_EQ(owner.GetThreadCount(), 0u);
+    // A thread that saw the stop before the owner took it destroys itself; let it finish.
+    EXPECT_TRUE(WaitForCount(destroyed, 8));
+}
+
+TEST(DetachedThread, StopThreadsSoonLetsThemEndOnTheirOwn) {
+    LDetachedThreadsOwner owner;
+    std::atomic<int> destroyed{0};
+    for (int i = 0; i < 4; ++i) {
+        (new CountingDetached(destroyed, [](LThread& self) {
+            self.ProcessWaitUntilStopped();
+        }))->StartDetached(owner, 0);
+    }
+    owner.StopThreadsSoon();
+    ASSERT_TRUE(WaitForCount(destroyed, 4));
+    EXPECT_EQ(owner.GetThreadCount(), 0u);
+}
+
+TEST(DetachedThread, ThreadsEndingWhileTheOwnerStopsThemAreDestroyedOnce) {
+    for (int round = 0; round < 20; ++round) {
+        std::atomic<int> destroyed{0};
+        {
+            LDetachedThreadsOwner owner;
+            for (int i = 0; i < 4; ++i) {
+                (new CountingDetached(destroyed, [](LThread&) {}))->StartDetached(owner, 0);
+            }
+            owner.StopThreadsNow();
+        }
+        // Threads that ended on their own may still be destroying themselves.
+        ASSERT_TRUE(WaitForCount(destroyed, 4));
+    }
+}
+
+// A detached thread that leaves all stopping to the owner: its body keeps using its own
+// members after the stop request, so the owner must wait for the body before destroying it.
+class LingeringDetached : public LDetachedThread {
+public:
+    explicit LingeringDetached(std::atomic<int>& finished) : finished(finished) {}
+    void ThreadMain() override {
+        ProcessWaitUntilStopped();
+        for (int i = 0; i < 20; ++i) {
+            usleep(500);
+            log.push_back('x');  // freed memory if the object were already being destroyed
+        }
+        ++finished;
+    }
+    std::atomic<int>& finished;
+    std::string log;
+};
+
+TEST(DetachedThread, StopThreadsNowWaitsForTheBodyBeforeDestroying) {
+    std::atomic<int> finished{0};
+    LDetachedThreadsOwner owner;
+    for (int i = 0; i < 3; ++i) {
+        (new LingeringDetached(finished))->StartDetached(owner, 0);
+    }
+    owner.StopThreadsNow();
+    // Threads the owner destroyed were waited for; any that saw the stop first and removed
+    // themselves from the list finish on their own.
+    EXPECT_TRUE(WaitForCount(finished, 3));
+    EXPECT_EQ(owner.GetThreadCount(), 0u);
+}
+
+ProcessRunData* RunCommand(char const* command) {
+    auto* run = new ProcessRunData(command);
+    EXPECT_EQ(run->state, 1);
+    pthread_t thread;
+    EXPECT_EQ(pthread_create(&thread, nullptr, ProcessRunThreadCallback, run), 0);
+    pthread_detach(thread);
+    run->finishedEvent.WaitSignal(LSignalInfinite);
+    return run;
+}
+
+TEST(ProcessRun, ReportsTheExitCode) {
+    ProcessRunData* run = RunCommand("exit 3");
+    EXPECT_EQ(run->state, 0);
+    EXPECT_EQ(run->exitCode, 3);
+    run->releaseEvent.Signal();
+
+    run = RunCommand(nullptr);
+    EXPECT_EQ(run->state, 0);
+    EXPECT_EQ(run->exitCode, 0);
+    run->releaseEvent.Signal();
+}
+
+TEST(ProcessRun, ACommandEndedBySignalHasNoExitCode) {
+    ProcessRunData* run = RunCommand("kill -9 $$");
+    EXPECT_EQ(run->state, 0);
+    EXPECT_EQ(run->exitCode, -1);
+    run->releaseEvent.Signal();
+}
+
+TEST(ProcessRun, NullDataReturnsAtOnce) {
+    EXPECT_EQ(ProcessRunThreadCallback(nullptr), nullptr);
+}
+
+}  // namespace
