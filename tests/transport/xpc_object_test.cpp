@@ -128,6 +128,11 @@ TEST(XpcObject, EqualComparesDeeplyAndIgnoresDictionaryOrder) {
     EXPECT_FALSE(xpc_equal(i, t));  // same layout, other type
     xpc_release(i);
     xpc_release(t);
+    xpc_object_t nan1 = xpc_double_create(std::nan(""));
+    xpc_object_t nan2 = xpc_double_create(std::nan(""));
+    EXPECT_TRUE(xpc_equal(nan1, nan2));  // a copy of a NaN equals the original
+    xpc_release(nan1);
+    xpc_release(nan2);
     xpc_release(a);
     xpc_release(b);
 }

@@ -546,6 +546,15 @@ void ListenerMain(Connection* c) {
         }
     }
     std::unique_lock lock(c->mutex);
+    // Closing the sockets now refuses new clients at once, endpoint holders included.
+    if (c->listenFd >= 0) {
+        if (c->boundPath) {
+            os::UnlinkIfOurs(c->path, c->listenFd);
+        }
+        os::Close(std::exchange(c->listenFd, -1));
+    }
+    os::Close(std::exchange(c->connectorFd, -1));
+    os::Close(std::exchange(c->connectorPeerFd, -1));
     FinishLocked(c, lock);
     lock.unlock();
     xpc_release(c);  // the listener thread's reference
@@ -609,10 +618,12 @@ xpc_connection_t xpc_connection_create_mach_service(const char* name, xpc_queue_
 
 xpc_endpoint_t xpc_endpoint_create(xpc_connection_t listener) {
     Connection* c = AsConnection(listener);
-    if (c == nullptr || !c->IsListener() || c->connectorPeerFd < 0) {
+    if (c == nullptr || !c->IsListener()) {
         return nullptr;
     }
-    return MakeDescriptor(XPC_TYPE_ENDPOINT, os::Dup(c->connectorPeerFd));
+    std::lock_guard lock(c->mutex);
+    return c->connectorPeerFd < 0 ? nullptr
+                                  : MakeDescriptor(XPC_TYPE_ENDPOINT, os::Dup(c->connectorPeerFd));
 }
 
 xpc_connection_t xpc_connection_create_from_endpoint(xpc_endpoint_t endpoint) {

@@ -61,14 +61,21 @@ struct DoubleObject : _xpc_object {
     const double value;
 };
 
-// Bytes either on the heap or in a read-only mapping of a sealed memfd (memfd >= 0).
+// Bytes either on the heap or in a sealed memfd (memfd >= 0). A memfd is mapped read-only
+// the first time its bytes are asked for: a sender that only passes the descriptor on, or a
+// receiver that only forwards it, never pays for the mapping.
 struct DataObject : _xpc_object {
     DataObject() : _xpc_object(XPC_TYPE_DATA) {}
     ~DataObject() override;
+    const uint8_t* Bytes() const;  // null only when a memfd cannot be mapped
+
     std::unique_ptr<uint8_t[]> heap;
-    const uint8_t* bytes = nullptr;
     size_t length = 0;
     int memfd = -1;
+
+private:
+    mutable std::once_flag mapOnce_;
+    mutable std::atomic<const uint8_t*> mapping_{nullptr};
 };
 
 struct UuidObject : _xpc_object {
@@ -123,8 +130,8 @@ DictionaryObject* AsDictionary(xpc_object_t object);  // dictionaries and errors
 
 // Adopts descriptors: returns an object owning `fd`, or null (fd closed) on failure.
 xpc_object_t MakeDescriptor(xpc_type_t type, int fd);
-// Adopts a sealed memfd already mapped by the caller.
-xpc_object_t MakeSealedData(int memfd, const void* mapping, size_t length);
+// Adopts a memfd already proven sealed at `length` bytes.
+xpc_object_t MakeSealedData(int memfd, size_t length);
 
 }  // namespace detail
 

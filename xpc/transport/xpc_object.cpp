@@ -42,9 +42,20 @@ T* As(xpc_object_t object, xpc_type_t type) {
 
 DataObject::~DataObject() {
     if (memfd >= 0) {
-        os::Unmap(bytes, length);
+        os::Unmap(mapping_.load(std::memory_order_acquire), length);
         os::Close(memfd);
     }
+}
+
+const uint8_t* DataObject::Bytes() const {
+    if (memfd < 0) {
+        return heap.get();
+    }
+    std::call_once(mapOnce_, [this] {
+        mapping_.store(static_cast<const uint8_t*>(os::MapReadOnly(memfd, length)),
+                       std::memory_order_release);
+    });
+    return mapping_.load(std::memory_order_acquire);
 }
 
 DescriptorObject::~DescriptorObject() {
@@ -142,10 +153,9 @@ xpc_object_t MakeDescriptor(xpc_type_t type, int fd) {
     return new DescriptorObject(type, fd);
 }
 
-xpc_object_t MakeSealedData(int memfd, const void* mapping, size_t length) {
+xpc_object_t MakeSealedData(int memfd, size_t length) {
     auto* data = new DataObject;
     data->memfd = memfd;
-    data->bytes = static_cast<const uint8_t*>(mapping);
     data->length = length;
     return data;
 }
@@ -196,13 +206,17 @@ bool xpc_equal(xpc_object_t a, xpc_object_t b) {
                    static_cast<const Int64Object*>(b)->value;
         case XPC_TYPE_UINT64:
             return xpc_uint64_get_value(a) == xpc_uint64_get_value(b);
-        case XPC_TYPE_DOUBLE:
-            return xpc_double_get_value(a) == xpc_double_get_value(b);
+        case XPC_TYPE_DOUBLE: {
+            // A NaN equals an identical NaN: an object is equal to a copy of itself.
+            const double x = xpc_double_get_value(a), y = xpc_double_get_value(b);
+            return x == y || std::memcmp(&x, &y, sizeof x) == 0;
+        }
         case XPC_TYPE_DATA: {
             const size_t length = xpc_data_get_length(a);
-            return length == xpc_data_get_length(b) &&
-                   (length == 0 ||
-                    std::memcmp(xpc_data_get_bytes_ptr(a), xpc_data_get_bytes_ptr(b), length) == 0);
+            const void* x = xpc_data_get_bytes_ptr(a);
+            const void* y = xpc_data_get_bytes_ptr(b);
+            return length == xpc_data_get_length(b) && x != nullptr && y != nullptr &&
+                   (length == 0 || std::memcmp(x, y, length) == 0);
         }
         case XPC_TYPE_UUID:
             return std::memcmp(xpc_uuid_get_bytes(a), xpc_uuid_get_bytes(b), 16) == 0;
@@ -304,10 +318,7 @@ xpc_object_t xpc_data_create(const void* bytes, size_t length) {
     if (length > wire::kInlineDataMax && length <= wire::kMaxSealedDataSize) {
         const int memfd = os::CreateSealedMemfd(bytes, length);
         if (memfd >= 0) {
-            if (const void* mapping = os::MapSealedMemfd(memfd, length)) {
-                return MakeSealedData(memfd, mapping, length);
-            }
-            os::Close(memfd);
+            return MakeSealedData(memfd, length);
         }
     }
     auto* data = new DataObject;
@@ -316,14 +327,13 @@ xpc_object_t xpc_data_create(const void* bytes, size_t length) {
     if (length != 0) {
         std::memcpy(data->heap.get(), bytes, length);
     }
-    data->bytes = data->heap.get();
     data->length = length;
     return data;
 }
 
 const void* xpc_data_get_bytes_ptr(xpc_object_t object) {
     const auto* d = As<DataObject>(object, XPC_TYPE_DATA);
-    return d == nullptr ? nullptr : d->bytes;
+    return d == nullptr ? nullptr : d->Bytes();
 }
 
 size_t xpc_data_get_length(xpc_object_t object) {

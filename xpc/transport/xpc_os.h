@@ -19,9 +19,11 @@ namespace lxpc::os {
 
 // A memfd holding exactly `length` bytes, sealed against writing, growing and shrinking.
 int CreateSealedMemfd(const void* bytes, size_t length);
-// Maps a received memfd read-only once it is proven sealed (write, grow, shrink) and holds
-// exactly `length` bytes; null otherwise. Unmap with Unmap.
-const void* MapSealedMemfd(int fd, uint64_t length);
+// True when `fd` is a memory file sealed against writing, growing and shrinking that holds
+// exactly `length` (> 0) bytes: its mapping can then neither change nor fault.
+bool IsSealedMemfd(int fd, uint64_t length);
+// Maps `length` bytes of `fd` read-only; null on failure. Unmap with Unmap.
+const void* MapReadOnly(int fd, size_t length);
 void Unmap(const void* mapping, size_t length);
 
 bool IsSeqpacketSocket(int fd);

@@ -71,16 +71,17 @@ int CreateSealedMemfd(const void* bytes, size_t length) {
     return fd;
 }
 
-const void* MapSealedMemfd(int fd, uint64_t length) {
+bool IsSealedMemfd(int fd, uint64_t length) {
     const int seals = ::fcntl(fd, F_GET_SEALS);
     if (seals < 0 || (seals & kRequiredSeals) != kRequiredSeals) {
-        return nullptr;
+        return false;
     }
     struct stat st;
-    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size < 0 ||
-        static_cast<uint64_t>(st.st_size) != length || length == 0) {
-        return nullptr;
-    }
+    return ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0 &&
+           static_cast<uint64_t>(st.st_size) == length;
+}
+
+const void* MapReadOnly(int fd, size_t length) {
     void* mapping = ::mmap(nullptr, length, PROT_READ, MAP_SHARED, fd, 0);
     return mapping == MAP_FAILED ? nullptr : mapping;
 }

@@ -6,6 +6,8 @@
 // wait for another: when no worker is idle a new one is started, so a handler that blocks
 // (a synchronous request inside a handler) cannot starve other connections. Idle workers
 // leave after a few seconds.
+#include <pthread.h>
+
 #include <chrono>
 #include <thread>
 
@@ -16,8 +18,24 @@ namespace lxpc {
 
 namespace {
 
+class Pool;
+Pool& ThePoolLocked();
+
 class Pool {
 public:
+    Pool() {
+        // A child of fork() has none of the workers: its pool starts empty, and the mutex is
+        // held across the fork so that the child never inherits it locked mid-change.
+        pthread_atfork([] { ThePoolLocked().mutex_.lock(); },
+                       [] { ThePoolLocked().mutex_.unlock(); },
+                       [] {
+                           Pool& p = ThePoolLocked();
+                           p.idle_ = 0;
+                           p.ready_.clear();
+                           p.mutex_.unlock();
+                       });
+    }
+
     void Schedule(xpc_queue_t queue) {
         std::unique_lock lock(mutex_);
         ready_.push_back(queue);
@@ -57,9 +75,15 @@ private:
     size_t idle_ = 0;
 };
 
+Pool* g_pool = nullptr;
+
+Pool& ThePoolLocked() {
+    return *g_pool;
+}
+
 Pool& ThePool() {
     // Never destroyed: detached workers may still be inside it while the process exits.
-    static Pool* pool = new Pool;
+    static Pool* pool = g_pool = new Pool;
     return *pool;
 }
 

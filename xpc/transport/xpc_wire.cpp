@@ -199,8 +199,9 @@ private:
                 return false;
             }
             if (data->length > 0) {
-                const int fd = data->memfd >= 0 ? os::Dup(data->memfd)
-                                                : os::CreateSealedMemfd(data->bytes, data->length);
+                const int fd = data->memfd >= 0
+                                   ? os::Dup(data->memfd)
+                                   : os::CreateSealedMemfd(data->heap.get(), data->length);
                 Put8(b, kTagSealedData);
                 Put64(b, data->length);
                 return Descriptor(fd);
@@ -208,7 +209,7 @@ private:
         }
         Put8(b, kTagData);
         Put32(b, static_cast<uint32_t>(data->length));
-        b.insert(b.end(), data->bytes, data->bytes + data->length);
+        b.insert(b.end(), data->heap.get(), data->heap.get() + data->length);
         return true;
     }
 
@@ -386,7 +387,6 @@ public:
                 if (n != 0) {
                     std::memcpy(data->heap.get(), p, n);
                 }
-                data->bytes = data->heap.get();
                 data->length = n;
                 return data;
             }
@@ -402,12 +402,11 @@ public:
                 if (!TakeDescriptor(fd)) {
                     return nullptr;
                 }
-                const void* mapping = os::MapSealedMemfd(fd, n);
-                if (mapping == nullptr) {
+                if (!os::IsSealedMemfd(fd, n)) {
                     os::Close(fd);
                     return Fail("sealed data descriptor is not a sealed memfd of that size");
                 }
-                return MakeSealedData(fd, mapping, static_cast<size_t>(n));
+                return MakeSealedData(fd, static_cast<size_t>(n));
             }
             case kTagUuid: {
                 const uint8_t* p = nullptr;

@@ -1,0 +1,722 @@
+// Connections over real sockets, in one process and across processes: request and reply, reply
+// routing with many requests in flight, barriers, suspend and resume, cancel, the error
+// each side sees when the other goes away, endpoints and descriptors crossing processes,
+// hostile packets, and the listening socket taken from systemd socket activation.
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "xpc/transport/xpc_transport.h"
+
+using namespace lxpc;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr auto kPatience = 20s;  // only reached when something is broken
+
+// Collects objects delivered on other threads (retained) and waits for them.
+class Inbox {
+public:
+    ~Inbox() {
+        for (xpc_object_t o : items_) {
+            xpc_release(o);
+        }
+    }
+    void Push(xpc_object_t o) {
+        std::lock_guard lock(mutex_);
+        items_.push_back(xpc_retain(o));
+        cv_.notify_all();
+    }
+    bool WaitFor(size_t count) {
+        std::unique_lock lock(mutex_);
+        return cv_.wait_for(lock, kPatience, [&] { return items_.size() >= count; });
+    }
+    size_t Count() {
+        std::lock_guard lock(mutex_);
+        return items_.size();
+    }
+    xpc_object_t At(size_t i) {
+        std::lock_guard lock(mutex_);
+        return items_.at(i);
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable cv_;
+    std::vector<xpc_object_t> items_;
+};
+
+// A private service folder in LXPC_SERVICE_DIR for the test's lifetime.
+class ServiceDir {
+public:
+    ServiceDir() {
+        char pattern[] = "/tmp/lxpc-test-XXXXXX";
+        dir_ = mkdtemp(pattern);
+        if (const char* old = std::getenv("LXPC_SERVICE_DIR")) {
+            old_ = old;
+            hadOld_ = true;
+        }
+        setenv("LXPC_SERVICE_DIR", dir_.c_str(), 1);
+    }
+    ~ServiceDir() {
+        if (hadOld_) {
+            setenv("LXPC_SERVICE_DIR", old_.c_str(), 1);
+        } else {
+            unsetenv("LXPC_SERVICE_DIR");
+        }
+        std::error_code ignored;
+        std::filesystem::remove_all(dir_, ignored);
+    }
+    std::string Path(const char* name) const { return dir_ + "/" + name + ".sock"; }
+
+private:
+    std::string dir_, old_;
+    bool hadOld_ = false;
+};
+
+// A listener whose peers are resumed with `onMessage` as their handler; errors on peers
+// are collected in `peerErrors`. Handlers share the state, so that events still arriving
+// while the service is torn down find it alive.
+struct ServiceState {
+    std::function<void(xpc_connection_t, xpc_object_t)> handler;
+    Inbox peers, peerErrors, listenerErrors;
+    std::atomic<bool> autoResume{true};
+};
+
+struct Service {
+    Service(const char* name, std::function<void(xpc_connection_t, xpc_object_t)> onMessage)
+        : state(std::make_shared<ServiceState>()),
+          peers(state->peers),
+          peerErrors(state->peerErrors) {
+        state->handler = std::move(onMessage);
+        listener =
+            xpc_connection_create_mach_service(name, nullptr, XPC_CONNECTION_MACH_SERVICE_LISTENER);
+        xpc_connection_set_event_handler(listener, [state = state](xpc_object_t peer) {
+            if (xpc_get_type(peer) != XPC_TYPE_CONNECTION) {
+                state->listenerErrors.Push(peer);
+                return;
+            }
+            state->peers.Push(peer);
+            xpc_connection_set_event_handler(peer, [state, peer](xpc_object_t event) {
+                if (xpc_get_type(event) == XPC_TYPE_ERROR) {
+                    state->peerErrors.Push(event);
+                } else {
+                    state->handler(peer, event);
+                }
+            });
+            if (state->autoResume) {
+                xpc_connection_resume(peer);
+            }
+        });
+    }
+    void Start() { xpc_connection_resume(listener); }
+    ~Service() {
+        for (size_t i = 0; i < peers.Count(); ++i) {
+            xpc_connection_cancel(peers.At(i));
+        }
+        xpc_connection_cancel(listener);
+        // The listening socket is closed once the final event arrives.
+        EXPECT_TRUE(state->listenerErrors.WaitFor(1));
+        xpc_release(listener);
+    }
+    std::shared_ptr<ServiceState> state;
+    xpc_connection_t listener;
+    Inbox& peers;
+    Inbox& peerErrors;
+};
+
+void Reply(xpc_connection_t peer, xpc_object_t message, int64_t value) {
+    xpc_object_t reply = xpc_dictionary_create_reply(message);
+    ASSERT_NE(reply, nullptr);
+    xpc_dictionary_set_int64(reply, "v", value);
+    xpc_connection_send_message(peer, reply);
+    xpc_release(reply);
+}
+
+xpc_connection_t Client(const char* name, std::shared_ptr<Inbox> events) {
+    xpc_connection_t c = xpc_connection_create_mach_service(name, nullptr, 0);
+    xpc_connection_set_event_handler(c, [events = std::move(events)](xpc_object_t e) {
+        if (events) {
+            events->Push(e);
+        }
+    });
+    xpc_connection_resume(c);
+    return c;
+}
+
+xpc_object_t Message(int64_t value) {
+    xpc_object_t m = xpc_dictionary_create(nullptr, nullptr, 0);
+    xpc_dictionary_set_int64(m, "v", value);
+    return m;
+}
+
+void Close(xpc_connection_t c) {
+    xpc_connection_cancel(c);
+    xpc_release(c);
+}
+
+TEST(XpcConnection, RequestAndReplyOverANamedServiceWithPeerPids) {
+    ServiceDir dir;
+    std::atomic<pid_t> peerPid{0};
+    Service service("t.echo", [&](xpc_connection_t peer, xpc_object_t m) {
+        peerPid = xpc_connection_get_pid(peer);
+        EXPECT_EQ(xpc_dictionary_get_remote_connection(m), peer);
+        Reply(peer, m, xpc_dictionary_get_int64(m, "v") * 2);
+    });
+    service.Start();
+    xpc_connection_t c = Client("t.echo", nullptr);
+    xpc_object_t m = Message(21);
+    xpc_object_t r = xpc_connection_send_message_with_reply_sync(c, m);
+    ASSERT_EQ(xpc_get_type(r), XPC_TYPE_DICTIONARY);
+    EXPECT_EQ(xpc_dictionary_get_int64(r, "v"), 42);
+    EXPECT_EQ(xpc_dictionary_get_remote_connection(r), c);
+    EXPECT_EQ(peerPid.load(), getpid());
+    EXPECT_EQ(xpc_connection_get_pid(c), getpid());
+    EXPECT_STREQ(xpc_connection_get_name(c), "t.echo");
+    // A message that wants no reply cannot be answered.
+    EXPECT_EQ(xpc_dictionary_create_reply(m), nullptr);
+    xpc_release(r);
+    xpc_release(m);
+    Close(c);
+}
+
+TEST(XpcConnection, ManyRequestsInFlightGetTheirOwnReplies) {
+    ServiceDir dir;
+    constexpr int kCount = 64;
+    std::mutex held_mutex;
+    std::vector<xpc_object_t> held;
+    // The service answers only once all requests are in, and in reverse order.
+    Service service("t.routing", [&](xpc_connection_t peer, xpc_object_t m) {
+        std::lock_guard lock(held_mutex);
+        held.push_back(xpc_retain(m));
+        if (held.size() == kCount) {
+            for (auto it = held.rbegin(); it != held.rend(); ++it) {
+                Reply(peer, *it, xpc_dictionary_get_int64(*it, "v") + 1000);
+                xpc_release(*it);
+            }
+        }
+    });
+    service.Start();
+    xpc_connection_t c = Client("t.routing", nullptr);
+    std::mutex order_mutex;
+    std::vector<int> order;
+    auto replies = std::make_shared<Inbox>();
+    for (int i = 0; i < kCount; ++i) {
+        xpc_object_t m = Message(i);
+        xpc_connection_send_message_with_reply(c, m, nullptr, [&, i](xpc_object_t r) {
+            EXPECT_EQ(xpc_dictionary_get_int64(r, "v"), i + 1000);
+            std::lock_guard lock(order_mutex);
+            order.push_back(i);
+            replies->Push(r);
+        });
+        xpc_release(m);
+    }
+    ASSERT_TRUE(replies->WaitFor(kCount));
+    std::lock_guard lock(order_mutex);
+    for (int i = 0; i < kCount; ++i) {
+        EXPECT_EQ(order[i], kCount - 1 - i);
+    }
+    Close(c);
+}
+
+TEST(XpcConnection, BarrierWaitsUntilEverythingBeforeItIsWritten) {
+    ServiceDir dir;
+    std::atomic<int> received{0};
+    std::atomic<int> lastSeen{-1};
+    Service service("t.barrier", [&](xpc_connection_t, xpc_object_t m) {
+        EXPECT_EQ(xpc_dictionary_get_int64(m, "v"), lastSeen + 1);  // in order
+        lastSeen = static_cast<int>(xpc_dictionary_get_int64(m, "v"));
+        ++received;
+    });
+    service.state->autoResume = false;  // the peer reads nothing until resumed
+    service.Start();
+    xpc_connection_t c = Client("t.barrier", nullptr);
+    ASSERT_TRUE(service.peers.WaitFor(1));
+    constexpr int kCount = 400;  // far more than the socket buffer holds
+    std::vector<char> payload(16 * 1024, 'p');
+    for (int i = 0; i < kCount; ++i) {
+        xpc_object_t m = Message(i);
+        xpc_dictionary_set_data(m, "p", payload.data(), payload.size());
+        xpc_connection_send_message(c, m);
+        xpc_release(m);
+    }
+    std::atomic<bool> barrierRan{false};
+    auto done = std::make_shared<Inbox>();
+    xpc_connection_send_barrier(c, [&] {
+        barrierRan = true;
+        done->Push(XPC_ERROR_CONNECTION_INVALID);
+    });
+    std::this_thread::sleep_for(100ms);
+    EXPECT_FALSE(barrierRan.load());
+    xpc_connection_resume(service.peers.At(0));
+    ASSERT_TRUE(done->WaitFor(1));
+    // Everything was written before the barrier ran, so all of it arrives.
+    for (int i = 0; i < 2000 && received < kCount; ++i) {
+        std::this_thread::sleep_for(5ms);
+    }
+    EXPECT_EQ(received.load(), kCount);
+    Close(c);
+}
+
+TEST(XpcConnection, SuspendHoldsEventsUntilResume) {
+    ServiceDir dir;
+    Service service("t.suspend", [&](xpc_connection_t peer, xpc_object_t m) {
+        xpc_connection_send_message(peer, m);  // echoed back as a plain message
+    });
+    service.Start();
+    auto events = std::make_shared<Inbox>();
+    xpc_connection_t c = Client("t.suspend", events);
+    xpc_connection_suspend(c);
+    xpc_object_t m = Message(5);
+    xpc_connection_send_message(c, m);
+    xpc_release(m);
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(events->Count(), 0u);
+    xpc_connection_resume(c);
+    ASSERT_TRUE(events->WaitFor(1));
+    EXPECT_EQ(xpc_dictionary_get_int64(events->At(0), "v"), 5);
+    Close(c);
+}
+
+TEST(XpcConnection, CancelDeliversOneInvalidAndFailsPendingReplies) {
+    ServiceDir dir;
+    Service service("t.cancel", [](xpc_connection_t, xpc_object_t) {});  // never replies
+    service.Start();
+    auto events = std::make_shared<Inbox>();
+    auto replies = std::make_shared<Inbox>();
+    xpc_connection_t c = Client("t.cancel", events);
+    xpc_object_t m = Message(1);
+    xpc_connection_send_message_with_reply(c, m, nullptr,
+                                           [replies](xpc_object_t r) { replies->Push(r); });
+    ASSERT_TRUE(service.peers.WaitFor(1));
+    xpc_connection_cancel(c);
+    ASSERT_TRUE(replies->WaitFor(1));
+    EXPECT_EQ(replies->At(0), XPC_ERROR_CONNECTION_INVALID);
+    ASSERT_TRUE(events->WaitFor(1));
+    EXPECT_EQ(events->At(0), XPC_ERROR_CONNECTION_INVALID);
+    // The service side sees its peer go: invalid, as for every accepted connection.
+    ASSERT_TRUE(service.peerErrors.WaitFor(1));
+    EXPECT_EQ(service.peerErrors.At(0), XPC_ERROR_CONNECTION_INVALID);
+    // After cancel: sends fail at once, nothing more reaches the handler.
+    xpc_connection_send_message_with_reply(c, m, nullptr,
+                                           [replies](xpc_object_t r) { replies->Push(r); });
+    ASSERT_TRUE(replies->WaitFor(2));
+    EXPECT_EQ(replies->At(1), XPC_ERROR_CONNECTION_INVALID);
+    xpc_connection_cancel(c);
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(events->Count(), 1u);
+    xpc_release(m);
+    xpc_release(c);
+}
+
+TEST(XpcConnection, ConnectingToNoServiceIsInvalid) {
+    ServiceDir dir;
+    auto events = std::make_shared<Inbox>();
+    auto replies = std::make_shared<Inbox>();
+    xpc_connection_t c = Client("t.nobody", events);
+    xpc_object_t m = Message(1);
+    xpc_connection_send_message_with_reply(c, m, nullptr,
+                                           [replies](xpc_object_t r) { replies->Push(r); });
+    ASSERT_TRUE(events->WaitFor(1));
+    EXPECT_EQ(events->At(0), XPC_ERROR_CONNECTION_INVALID);
+    ASSERT_TRUE(replies->WaitFor(1));
+    EXPECT_EQ(replies->At(0), XPC_ERROR_CONNECTION_INVALID);
+    EXPECT_EQ(xpc_connection_send_message_with_reply_sync(c, m), XPC_ERROR_CONNECTION_INVALID);
+    xpc_release(m);
+    Close(c);
+}
+
+TEST(XpcConnection, ASynchronousRequestInsideAHandlerIsAnswered) {
+    ServiceDir dir;
+    // The service, while handling a request, asks the client something on the same
+    // connection and waits for the answer before replying.
+    Service service("t.nested", [&](xpc_connection_t peer, xpc_object_t m) {
+        xpc_object_t question = Message(7);
+        xpc_object_t answer = xpc_connection_send_message_with_reply_sync(peer, question);
+        Reply(peer, m, xpc_dictionary_get_int64(answer, "v") + xpc_dictionary_get_int64(m, "v"));
+        xpc_release(answer);
+        xpc_release(question);
+    });
+    service.Start();
+    xpc_connection_t c = xpc_connection_create_mach_service("t.nested", nullptr, 0);
+    xpc_connection_set_event_handler(c, [c](xpc_object_t e) {
+        if (xpc_get_type(e) == XPC_TYPE_DICTIONARY) {
+            Reply(c, e, xpc_dictionary_get_int64(e, "v") * 10);
+        }
+    });
+    xpc_connection_resume(c);
+    xpc_object_t m = Message(1);
+    xpc_object_t r = xpc_connection_send_message_with_reply_sync(c, m);
+    EXPECT_EQ(xpc_dictionary_get_int64(r, "v"), 71);
+    xpc_release(r);
+    xpc_release(m);
+    Close(c);
+}
+
+TEST(XpcConnection, AMalformedPacketDropsOnlyThatConnection) {
+    ServiceDir dir;
+    Service service("t.hostile", [](xpc_connection_t peer, xpc_object_t m) { Reply(peer, m, 1); });
+    service.Start();
+    xpc_connection_t good = Client("t.hostile", nullptr);
+    const int raw = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strcpy(address.sun_path, dir.Path("t.hostile").c_str());
+    ASSERT_EQ(connect(raw, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    const char garbage[] = "LXPC\x01\x01 this is not a packet";
+    ASSERT_EQ(send(raw, garbage, sizeof garbage, 0), static_cast<ssize_t>(sizeof garbage));
+    ASSERT_TRUE(service.peerErrors.WaitFor(1));
+    EXPECT_EQ(service.peerErrors.At(0), XPC_ERROR_CONNECTION_INVALID);
+    char byte;
+    EXPECT_EQ(recv(raw, &byte, 1, 0), 0);  // the hostile socket was closed
+    close(raw);
+    xpc_object_t m = Message(0);
+    xpc_object_t r = xpc_connection_send_message_with_reply_sync(good, m);
+    EXPECT_EQ(xpc_dictionary_get_int64(r, "v"), 1);
+    xpc_release(r);
+    xpc_release(m);
+    Close(good);
+}
+
+// ---- other processes ----
+//
+// A child process is this test program started again (fork, then exec at once) running one
+// XpcChild test, chosen by LXPC_TEST_CHILD; its exit status is the verdict. Exec gives the
+// child a fresh process: a forked copy of a multi-threaded parent may inherit locks that
+// other threads held at the fork (the sanitizer allocator's among them).
+
+const char* ChildRole() {
+    return std::getenv("LXPC_TEST_CHILD");
+}
+
+// Starts the child running `role`; `ready` receives the descriptor the child writes "R" to
+// once it is ready.
+pid_t SpawnChild(const char* role, int& ready) {
+    int p[2];
+    if (pipe(p) != 0) {
+        return -1;
+    }
+    setenv("LXPC_TEST_CHILD", role, 1);
+    setenv("LXPC_TEST_READY_FD", std::to_string(p[1]).c_str(), 1);
+    const std::string filter = std::string("--gtest_filter=XpcChild.") + role;
+    char self[] = "/proc/self/exe";
+    char* argv[] = {self, const_cast<char*>(filter.c_str()), nullptr};
+    const pid_t child = fork();
+    if (child == 0) {
+        execv(self, argv);
+        _exit(127);
+    }
+    unsetenv("LXPC_TEST_CHILD");
+    unsetenv("LXPC_TEST_READY_FD");
+    close(p[1]);
+    ready = p[0];
+    return child;
+}
+
+void TellParentReady() {
+    const int fd = std::atoi(std::getenv("LXPC_TEST_READY_FD"));
+    (void)!write(fd, "R", 1);
+    close(fd);
+}
+
+// Waits in the parent for the child's "R", failing when the child ends first.
+bool WaitForChild(int fd) {
+    pollfd p{fd, POLLIN, 0};
+    char byte = 0;
+    const bool ok = poll(&p, 1, 20000) == 1 && read(fd, &byte, 1) == 1 && byte == 'R';
+    close(fd);
+    return ok;
+}
+
+int ExitCode(pid_t child) {
+    int status = 0;
+    if (waitpid(child, &status, 0) != child) {
+        return -1;
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// The service that dies: takes three requests, answers none, exits.
+TEST(XpcChild, Dies) {
+    if (ChildRole() == nullptr) {
+        GTEST_SKIP() << "runs as a child process only";
+    }
+    std::atomic<int> count{0};
+    Service service("t.dies", [&](xpc_connection_t, xpc_object_t) {
+        if (++count == 3) {
+            _exit(0);
+        }
+    });
+    service.Start();
+    TellParentReady();
+    std::this_thread::sleep_for(30s);
+    _exit(1);
+}
+
+TEST(XpcConnection, PeerDeathFailsPendingRepliesWithInterrupted) {
+    ServiceDir dir;
+    int ready = -1;
+    const pid_t child = SpawnChild("Dies", ready);
+    ASSERT_GT(child, 0);
+    ASSERT_TRUE(WaitForChild(ready));
+    auto events = std::make_shared<Inbox>();
+    auto replies = std::make_shared<Inbox>();
+    xpc_connection_t c = Client("t.dies", events);
+    EXPECT_EQ(xpc_connection_get_pid(c), child);
+    for (int i = 0; i < 3; ++i) {
+        xpc_object_t m = Message(i);
+        xpc_connection_send_message_with_reply(c, m, nullptr,
+                                               [replies](xpc_object_t r) { replies->Push(r); });
+        xpc_release(m);
+    }
+    ASSERT_TRUE(replies->WaitFor(3));
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(replies->At(i), XPC_ERROR_CONNECTION_INTERRUPTED);
+    }
+    ASSERT_TRUE(events->WaitFor(1));
+    EXPECT_EQ(events->At(0), XPC_ERROR_CONNECTION_INTERRUPTED);
+    EXPECT_EQ(ExitCode(child), 0);
+    // The service is gone for good: a later request is interrupted too, not lost.
+    xpc_object_t m = Message(9);
+    EXPECT_EQ(xpc_connection_send_message_with_reply_sync(c, m), XPC_ERROR_CONNECTION_INTERRUPTED);
+    xpc_release(m);
+    Close(c);
+}
+
+TEST(XpcConnection, AnInterruptedClientReconnectsToARestartedService) {
+    ServiceDir dir;
+    auto events = std::make_shared<Inbox>();
+    auto service = std::make_unique<Service>(
+        "t.restart", [](xpc_connection_t peer, xpc_object_t m) { Reply(peer, m, 1); });
+    service->Start();
+    xpc_connection_t c = Client("t.restart", events);
+    xpc_object_t m = Message(0);
+    xpc_object_t r = xpc_connection_send_message_with_reply_sync(c, m);
+    EXPECT_EQ(xpc_dictionary_get_int64(r, "v"), 1);
+    xpc_release(r);
+    service.reset();
+    ASSERT_TRUE(events->WaitFor(1));
+    EXPECT_EQ(events->At(0), XPC_ERROR_CONNECTION_INTERRUPTED);
+    service = std::make_unique<Service>(
+        "t.restart", [](xpc_connection_t peer, xpc_object_t m) { Reply(peer, m, 2); });
+    service->Start();
+    r = xpc_connection_send_message_with_reply_sync(c, m);
+    EXPECT_EQ(xpc_dictionary_get_int64(r, "v"), 2);
+    xpc_release(r);
+    xpc_release(m);
+    Close(c);
+}
+
+// The client in another process: asks the broker for the endpoint, connects through it,
+// hands over a pipe and checks what comes back.
+TEST(XpcChild, EndpointClient) {
+    if (ChildRole() == nullptr) {
+        GTEST_SKIP() << "runs as a child process only";
+    }
+    xpc_connection_t c = Client("t.broker", nullptr);
+    xpc_object_t request = Message(0);
+    xpc_object_t r = xpc_connection_send_message_with_reply_sync(c, request);
+    xpc_object_t e = xpc_dictionary_get_value(r, "endpoint");
+    if (xpc_get_type(e) != XPC_TYPE_ENDPOINT) {
+        _exit(2);
+    }
+    xpc_connection_t direct = xpc_connection_create_from_endpoint(e);
+    xpc_connection_set_event_handler(direct, [](xpc_object_t) {});
+    xpc_connection_resume(direct);
+    int pipeFds[2];
+    if (pipe(pipeFds) != 0) {
+        _exit(3);
+    }
+    xpc_object_t m = Message(0);
+    xpc_dictionary_set_fd(m, "fd", pipeFds[1]);
+    close(pipeFds[1]);
+    xpc_object_t answer = xpc_connection_send_message_with_reply_sync(direct, m);
+    char text[5] = {};
+    if (read(pipeFds[0], text, 4) != 4 || std::strcmp(text, "pong") != 0) {
+        _exit(4);
+    }
+    if (xpc_dictionary_get_int64(answer, "v") != getpid()) {
+        _exit(5);  // the listener saw another pid
+    }
+    if (xpc_connection_get_pid(direct) != getppid()) {
+        _exit(6);
+    }
+    _exit(0);
+}
+
+TEST(XpcConnection, EndpointsAndDescriptorsCrossProcesses) {
+    ServiceDir dir;
+    // The parent: an anonymous listener reached only through its endpoint, handed out by a
+    // named service. Its peers get a descriptor, write into it and answer with their pid.
+    xpc_connection_t anonymous = xpc_connection_create(nullptr, nullptr);
+    auto anonymousPeers = std::make_shared<Inbox>();
+    xpc_connection_set_event_handler(anonymous, [anonymousPeers](xpc_object_t peer) {
+        if (xpc_get_type(peer) != XPC_TYPE_CONNECTION) {
+            return;
+        }
+        anonymousPeers->Push(peer);
+        xpc_connection_set_event_handler(peer, [peer](xpc_object_t m) {
+            if (xpc_get_type(m) != XPC_TYPE_DICTIONARY) {
+                return;
+            }
+            const int fd = xpc_dictionary_dup_fd(m, "fd");
+            EXPECT_EQ(write(fd, "pong", 4), 4);
+            close(fd);
+            Reply(peer, m, xpc_connection_get_pid(peer));
+        });
+        xpc_connection_resume(peer);
+    });
+    xpc_connection_resume(anonymous);
+    xpc_object_t endpoint = xpc_endpoint_create(anonymous);
+    ASSERT_NE(endpoint, nullptr);
+    Service broker("t.broker", [endpoint](xpc_connection_t peer, xpc_object_t m) {
+        xpc_object_t reply = xpc_dictionary_create_reply(m);
+        xpc_dictionary_set_value(reply, "endpoint", endpoint);
+        xpc_connection_send_message(peer, reply);
+        xpc_release(reply);
+    });
+    broker.Start();
+    int ready = -1;
+    const pid_t child = SpawnChild("EndpointClient", ready);
+    ASSERT_GT(child, 0);
+    close(ready);
+    EXPECT_EQ(ExitCode(child), 0);
+    ASSERT_TRUE(anonymousPeers->WaitFor(1));
+    EXPECT_EQ(xpc_connection_get_pid(anonymousPeers->At(0)), child);
+    // Once the listener is cancelled its endpoint leads nowhere.
+    xpc_connection_cancel(anonymous);
+    auto events = std::make_shared<Inbox>();
+    xpc_connection_t late = xpc_connection_create_from_endpoint(endpoint);
+    xpc_connection_set_event_handler(late, [events](xpc_object_t e) { events->Push(e); });
+    xpc_connection_resume(late);
+    ASSERT_TRUE(events->WaitFor(1));
+    EXPECT_EQ(events->At(0), XPC_ERROR_CONNECTION_INVALID);
+    Close(late);
+    for (size_t i = 0; i < anonymousPeers->Count(); ++i) {
+        xpc_connection_cancel(anonymousPeers->At(i));
+    }
+    xpc_release(endpoint);
+    xpc_release(anonymous);
+}
+
+// A service started the way systemd starts it: the listening socket is descriptor 3.
+TEST(XpcChild, Activated) {
+    if (ChildRole() == nullptr) {
+        GTEST_SKIP() << "runs as a child process only";
+    }
+    // Keep the ready pipe away from descriptor 3 first.
+    const int readyFd = fcntl(std::atoi(std::getenv("LXPC_TEST_READY_FD")), F_DUPFD, 10);
+    setenv("LXPC_TEST_READY_FD", std::to_string(readyFd).c_str(), 1);
+    const int s = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const std::string path = std::string(std::getenv("LXPC_SERVICE_DIR")) + "/t.activated.sock";
+    std::strcpy(address.sun_path, path.c_str());
+    if (bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(s, 8) != 0 ||
+        dup2(s, 3) != 3) {
+        _exit(2);
+    }
+    if (s != 3) {
+        close(s);
+    }
+    setenv("LISTEN_FDS", "1", 1);
+    setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
+    // Binding the path itself would fail: a live socket is already there.
+    Service service("t.activated",
+                    [](xpc_connection_t peer, xpc_object_t m) { Reply(peer, m, 3); });
+    service.Start();
+    TellParentReady();
+    std::this_thread::sleep_for(30s);
+    _exit(1);
+}
+
+TEST(XpcConnection, ListenerTakesTheSocketFromSocketActivation) {
+    ServiceDir dir;
+    int ready = -1;
+    const pid_t child = SpawnChild("Activated", ready);
+    ASSERT_GT(child, 0);
+    ASSERT_TRUE(WaitForChild(ready));
+    xpc_connection_t c = Client("t.activated", nullptr);
+    xpc_object_t m = Message(0);
+    xpc_object_t r = xpc_connection_send_message_with_reply_sync(c, m);
+    EXPECT_EQ(xpc_dictionary_get_int64(r, "v"), 3);
+    xpc_release(r);
+    xpc_release(m);
+    Close(c);
+    kill(child, SIGKILL);
+    ExitCode(child);
+}
+
+TEST(XpcConnection, AStaleSocketIsReplacedAndALiveOneKept) {
+    ServiceDir dir;
+    const std::string path = dir.Path("t.stale");
+    {
+        const int s = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strcpy(address.sun_path, path.c_str());
+        ASSERT_EQ(bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        close(s);  // left behind, nobody listening
+    }
+    Service service("t.stale", [](xpc_connection_t peer, xpc_object_t m) { Reply(peer, m, 4); });
+    service.Start();
+    // A second instance must not steal the live socket.
+    auto secondEvents = std::make_shared<Inbox>();
+    xpc_connection_t second = xpc_connection_create_mach_service(
+        "t.stale", nullptr, XPC_CONNECTION_MACH_SERVICE_LISTENER);
+    xpc_connection_set_event_handler(second,
+                                     [secondEvents](xpc_object_t e) { secondEvents->Push(e); });
+    xpc_connection_resume(second);
+    ASSERT_TRUE(secondEvents->WaitFor(1));
+    EXPECT_EQ(secondEvents->At(0), XPC_ERROR_CONNECTION_INVALID);
+    Close(second);
+    xpc_connection_t c = Client("t.stale", nullptr);
+    xpc_object_t m = Message(0);
+    xpc_object_t r = xpc_connection_send_message_with_reply_sync(c, m);
+    EXPECT_EQ(xpc_dictionary_get_int64(r, "v"), 4);
+    xpc_release(r);
+    xpc_release(m);
+    Close(c);
+}
+
+TEST(XpcConnection, QueuesRunTheirItemsSeriallyInOrder) {
+    xpc_queue_t q = xpc_queue_create("t.serial");
+    std::atomic<int> running{0};
+    std::vector<int> order;
+    auto done = std::make_shared<Inbox>();
+    for (int i = 0; i < 200; ++i) {
+        xpc_queue_async(q, [&, i] {
+            EXPECT_EQ(running.fetch_add(1), 0);
+            order.push_back(i);
+            running.fetch_sub(1);
+            if (i == 199) {
+                done->Push(XPC_ERROR_CONNECTION_INVALID);
+            }
+        });
+    }
+    ASSERT_TRUE(done->WaitFor(1));
+    for (int i = 0; i < 200; ++i) {
+        EXPECT_EQ(order[i], i);
+    }
+    xpc_queue_release(q);
+}
+
+}  // namespace
