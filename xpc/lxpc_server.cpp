@@ -159,6 +159,13 @@ void LXPCMachServer::Start(char const* serviceName, unsigned long long flags) {
         return;
     }
     xpc_connection_set_event_handler(listener, [gate = pGate](xpc_object_t event) {
+        // A listener that could not be set up (or that ends) says so with this error as its
+        // last event: the service no longer lives, so the run loop must not go on. A stop
+        // asked for before the loop runs still ends it.
+        if (event == XPC_ERROR_CONNECTION_INVALID) {
+            LMainQueueStop();
+            return;
+        }
         RunIfAlive(gate, [event](LXPCBase& base) {
             static_cast<LXPCServerBase&>(base).NewConnectionHandler(
                 static_cast<long>(reinterpret_cast<intptr_t>(event)));
@@ -166,8 +173,9 @@ void LXPCMachServer::Start(char const* serviceName, unsigned long long flags) {
     });
     xpc_connection_resume(listener);
     LMainQueueRun();
-    // The run loop only returns when asked to: stop listening before the listener goes, so
-    // that no client is accepted by a server that believes it has stopped.
+    // Stop listening before the listener goes, so that no client is accepted by a server that
+    // believes it has stopped; the cancellation's own error must not stop a later run loop.
+    xpc_connection_set_event_handler(listener, [](xpc_object_t) {});
     xpc_connection_cancel(listener);
     xpc_release(listener);
 }

@@ -70,9 +70,9 @@ class LXPCMachServer : public LXPCServerBase {
 public:
     explicit LXPCMachServer(LXPCServerEventNotify* eventHandler);
     // Listens on `serviceName`, accepts clients and runs the main queue on the calling thread
-    // until it is stopped (LMainQueueStop); then stops listening and returns. Returns at once
-    // when the service cannot be listened on. `flags` is not used: the listener flag is always
-    // passed.
+    // until it is stopped (LMainQueueStop) or the listener ends; then stops listening and
+    // returns. Returns without serving when the service cannot be listened on. `flags` is not
+    // used: the listener flag is always passed.
     void Start(char const* serviceName, unsigned long long flags);
 };
 

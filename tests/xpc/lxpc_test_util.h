@@ -1,0 +1,234 @@
+// Shared pieces of the messaging tests: a temporary service folder, scoped environment
+// variables, and a recording event handler whose callbacks copy what they are given (decoded
+// pointers are only valid during a callback) and can be waited on from the test thread.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "xpc/lxpc_base.h"
+#include "xpc/lxpc_data.h"
+#include "xpc/lxpc_server.h"
+
+namespace lxpc_test {
+
+inline constexpr int kWaitMs = 10000;
+
+// Sets (or unsets, with null) an environment variable and restores it on destruction.
+class ScopedEnv {
+public:
+    ScopedEnv(const char* name, const char* value) : name_(name) {
+        if (const char* old = getenv(name)) {
+            had_ = true;
+            old_ = old;
+        }
+        if (value != nullptr) {
+            setenv(name, value, 1);
+        } else {
+            unsetenv(name);
+        }
+    }
+    ~ScopedEnv() {
+        if (had_) {
+            setenv(name_.c_str(), old_.c_str(), 1);
+        } else {
+            unsetenv(name_.c_str());
+        }
+    }
+    ScopedEnv(const ScopedEnv&) = delete;
+    ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+private:
+    std::string name_;
+    std::string old_;
+    bool had_ = false;
+};
+
+// A private service folder for the duration of a test, with LXPC_SERVICE_DIR pointing at it.
+class ServiceDir {
+public:
+    ServiceDir() {
+        char pattern[] = "/tmp/lxpc_test_XXXXXX";
+        const char* made = mkdtemp(pattern);
+        path_ = made != nullptr ? made : "";
+        env_ = std::make_unique<ScopedEnv>("LXPC_SERVICE_DIR", path_.c_str());
+    }
+    ~ServiceDir() {
+        env_.reset();
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    const std::string& Path() const { return path_; }
+    std::string SocketPath(const std::string& service) const {
+        return path_ + "/" + service + ".sock";
+    }
+
+private:
+    std::string path_;
+    std::unique_ptr<ScopedEnv> env_;
+};
+
+// A unique service name per call within this process.
+inline std::string UniqueServiceName(const char* stem) {
+    static std::atomic<int> counter{0};
+    return std::string("com.test.lxpc.") + stem + "." + std::to_string(getpid()) + "." +
+           std::to_string(counter++);
+}
+
+// One decoded value with the bytes its pointer referred to at delivery.
+struct RecordedValue {
+    LXPCData data;
+    std::string bytes;  // string text, data bytes or the 16 uuid bytes
+};
+
+inline std::vector<RecordedValue> Record(const LXPCData* values, unsigned long count) {
+    std::vector<RecordedValue> out;
+    for (unsigned long i = 0; i < count; ++i) {
+        RecordedValue recorded{values[i], {}};
+        const auto* pointer =
+            reinterpret_cast<const char*>(static_cast<intptr_t>(values[i].nValue));
+        const bool valid = values[i].nValue != 0 && values[i].nValue != -1;
+        if (valid && values[i].type == LXPCDataTypeString) {
+            recorded.bytes = pointer;
+        } else if (valid && values[i].type == LXPCDataTypeData) {
+            recorded.bytes.assign(pointer, values[i].nLength);
+        } else if (valid && values[i].type == LXPCDataTypeUUID) {
+            recorded.bytes.assign(pointer, 16);
+        }
+        out.push_back(std::move(recorded));
+    }
+    return out;
+}
+
+inline std::vector<RecordedValue> Record(const LList<LXPCDataListable>& values) {
+    std::vector<LXPCData> flat;
+    for (const LXPCDataListable& value : values) {
+        flat.push_back(value);
+    }
+    return Record(flat.data(), flat.size());
+}
+
+inline const RecordedValue* Find(const std::vector<RecordedValue>& values, const char* name) {
+    for (const RecordedValue& value : values) {
+        if (std::strcmp(value.data.szName, name) == 0) {
+            return &value;
+        }
+    }
+    return nullptr;
+}
+
+struct Delivery {
+    long connection = 0;
+    long message = 0;
+    bool arrayForm = false;
+    std::vector<RecordedValue> values;
+};
+
+// Records every event; optional hooks run inside the callback (on the transport's queue).
+class Recorder final : public LXPCServerEventNotify {
+public:
+    std::function<void(long connection, long message, const LList<LXPCDataListable>& data)>
+        onMessage;
+    std::function<void(long connection, LXPCErrorType type)> onError;
+
+    void EvConnectionError(long connection, LXPCErrorType type) override {
+        if (onError) {
+            onError(connection, type);
+        }
+        Add([&] { errors.emplace_back(connection, type); });
+    }
+    void EvMessageSent(long connection) override {
+        Add([&] { sent.push_back(connection); });
+    }
+    void EvMessageReceived(long connection, long message,
+                           LList<LXPCDataListable> const& data) override {
+        if (onMessage) {
+            onMessage(connection, message, data);
+        }
+        Add([&] { messages.push_back({connection, message, false, Record(data)}); });
+    }
+    void EvReplyReceived(long connection, LList<LXPCDataListable> const& data) override {
+        Add([&] { replies.push_back({connection, 0, false, Record(data)}); });
+    }
+    void EvMessageReceived(long connection, long message, LXPCData const* data,
+                           unsigned long count) override {
+        Add([&] { messages.push_back({connection, message, true, Record(data, count)}); });
+    }
+    void EvReplyReceived(long connection, LXPCData const* data, unsigned long count) override {
+        Add([&] { replies.push_back({connection, 0, true, Record(data, count)}); });
+    }
+    void EvInvalidConnectionAttempt() override {
+        Add([&] { ++invalidAttempts; });
+    }
+
+    // Waits until `done` holds (checked under the recorder's lock); false on timeout.
+    bool WaitUntil(const std::function<bool()>& done, int ms = kWaitMs) {
+        std::unique_lock lock(mutex);
+        return changed.wait_for(lock, std::chrono::milliseconds(ms), done);
+    }
+    template <class T>
+    T Read(const std::function<T()>& read) {
+        std::lock_guard lock(mutex);
+        return read();
+    }
+
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<Delivery> messages;
+    std::vector<Delivery> replies;
+    std::vector<std::pair<long, LXPCErrorType>> errors;
+    std::vector<long> sent;
+    int invalidAttempts = 0;
+
+private:
+    template <class F>
+    void Add(F&& add) {
+        {
+            std::lock_guard lock(mutex);
+            add();
+        }
+        changed.notify_all();
+    }
+};
+
+inline long Handle(lxpc::xpc_object_t object) {
+    return static_cast<long>(reinterpret_cast<intptr_t>(object));
+}
+
+inline lxpc::xpc_object_t Object(long handle) {
+    return reinterpret_cast<lxpc::xpc_object_t>(static_cast<intptr_t>(handle));
+}
+
+// Builds a value list from (key, value, length) triples against a throwaway key.
+inline void Push(LList<LXPCDataListable>& list, const char* name, LXPCDataType type, long value,
+                 unsigned long length = 0) {
+    LXPCDictionaryKeyListable key;
+    LXPCCopyName(key.szName, name);
+    key.type = type;
+    list.PushFront(CreateXPCData(key, value, length));
+}
+
+inline void PushDouble(LList<LXPCDataListable>& list, const char* name, double value) {
+    LXPCDictionaryKeyListable key;
+    LXPCCopyName(key.szName, name);
+    key.type = LXPCDataTypeDouble;
+    list.PushFront(CreateXPCDataDouble(key, value));
+}
+
+inline long Ptr(const void* pointer) {
+    return static_cast<long>(reinterpret_cast<intptr_t>(pointer));
+}
+
+}  // namespace lxpc_test
