@@ -3,6 +3,7 @@
 // cut of one numeric conversion.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstring>
@@ -92,6 +93,8 @@ TEST(TplPrintfDepartures, StoringAndPositionalConversionsWriteNothing) {
     EXPECT_EQ(target, 17);
     EXPECT_EQ(Format("a%Sb|%d", 1LL, 6), "ab|6");
     EXPECT_EQ(Format("a%1$b|%d", 1LL, 7), "ab|7");
+    // %c of 0 makes an empty scratch text: nothing is written, and formatting goes on.
+    EXPECT_EQ(Format("a%cb|%d", 0, 3), "ab|3");
 }
 
 // ---- Agreement with printf where the engine does not depart ----
@@ -148,25 +151,17 @@ TEST(TplPrintfMatchesPrintf, IntArgumentsReadThroughTheirLowBits) {
 // ---- Fixed buffers ----
 
 TEST(TplPrintfTruncation, TplsnprintfCutsToSizeMinusOneAndTerminates) {
-    char buffer[16];
-    std::memset(buffer, 'X', sizeof(buffer));
-    EXPECT_EQ(tplsnprintf(buffer, 4, "%s", "abcdef"), 3u);
-    EXPECT_STREQ(buffer, "abc");
-    EXPECT_EQ(buffer[4], 'X');
-
-    std::memset(buffer, 'X', sizeof(buffer));
-    EXPECT_EQ(tplsnprintf(buffer, 6, "n=%d!", 123456789), 5u);  // cut inside a conversion
-    EXPECT_STREQ(buffer, "n=123");
-    EXPECT_EQ(buffer[6], 'X');
-
-    std::memset(buffer, 'X', sizeof(buffer));
-    EXPECT_EQ(tplsnprintf(buffer, 1, "abc"), 0u);
-    EXPECT_EQ(buffer[0], 0);
-    EXPECT_EQ(buffer[1], 'X');
-
-    std::memset(buffer, 'X', sizeof(buffer));
-    EXPECT_EQ(tplsnprintf(buffer, 0, "abc"), 0u);
-    EXPECT_EQ(buffer[0], 'X');
+    const std::string full = "n=123456789!";
+    for (unsigned long size : {0ul, 1ul, 6ul, 12ul, 13ul, 16ul}) {
+        SCOPED_TRACE(size);
+        char buffer[17];
+        std::memset(buffer, 'X', sizeof(buffer));
+        const unsigned long n = size == 0 ? 0 : std::min(size - 1, full.size());
+        EXPECT_EQ(tplsnprintf(buffer, size, "n=%d!", 123456789), n);  // 6: cut in a conversion
+        EXPECT_EQ(std::string(buffer, n), full.substr(0, n));
+        EXPECT_EQ(buffer[n], size == 0 ? 'X' : '\0');  // nothing at all when size is 0
+        EXPECT_EQ(buffer[n + 1], 'X');
+    }
 }
 
 TEST(TplPrintfTruncation, FixedWriterContinuesAtItsLengthAndLeavesTerminatingToCaller) {
@@ -212,11 +207,6 @@ TEST(TplPrintfTruncation, OneNumericConversionIsCutAt271Characters) {
     // Strings are not conversions: they are copied whole.
     const std::string longText(1000, 's');
     EXPECT_EQ(Format("%s", longText.c_str()), longText);
-}
-
-TEST(TplPrintfDepartures, ConversionTextIsCopiedUpToItsTerminator) {
-    // %c of 0 makes an empty scratch text: nothing is written, and formatting goes on.
-    EXPECT_EQ(Format("a%cb|%d", 0, 3), "ab|3");
 }
 
 TEST(TplPrintfOutput, TprintfGoesToStandardOutputThroughTheCLibrary) {

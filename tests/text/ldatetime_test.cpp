@@ -1,0 +1,342 @@
+// LDateTime, LDayTime and LWeekDay under a pinned time zone and locale. The fixture sets TZ
+// to a POSIX rule for Central Europe (daylight saving included, no zone files needed) and
+// LC_ALL to en_US.UTF-8, and puts back whatever was there before.
+#include "text/ldatetime.h"
+
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <clocale>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <optional>
+#include <string>
+
+namespace {
+
+constexpr const char* kCentralEurope = "CET-1CEST,M3.5.0,M10.5.0/3";
+// 2021-03-05 14:07:09 CET (13:07:09 UTC), a Friday.
+constexpr long kMarch5 = 1614949629;
+// 2021-07-01 12:00:00 CEST (10:00:00 UTC).
+constexpr long kJuly1Noon = 1625133600;
+
+// Writes a form with separate date and time outputs as "date|time".
+void Join(void (*form)(long, char*, char*), long value, char* text) {
+    char time[260] = "stale";
+    form(value, text, time);
+    std::strcat(text, "|");
+    std::strcat(text, time);
+}
+
+class DateTimeTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (const char* tz = std::getenv("TZ"))
+            savedTZ_ = tz;
+        ::setenv("TZ", kCentralEurope, 1);
+        ::tzset();
+        savedLocale_ = std::setlocale(LC_ALL, nullptr);
+        UseLocale("en_US.UTF-8");
+    }
+    void TearDown() override {
+        if (savedTZ_) {
+            ::setenv("TZ", savedTZ_->c_str(), 1);
+        } else {
+            ::unsetenv("TZ");
+        }
+        ::tzset();
+        std::setlocale(LC_ALL, savedLocale_.c_str());
+        _LResetLocaleDateFormatOrder();
+    }
+    static void UseLocale(const char* name) {
+        ASSERT_NE(std::setlocale(LC_ALL, name), nullptr) << name << " (made by scripts/bootstrap)";
+        _LResetLocaleDateFormatOrder();
+    }
+    static long Make(int y, int mo, int d, int h, int mi, int s) {
+        long v = 0;
+        LDateTime::SetDateTime(v, y, mo, d, h, mi, s);
+        return v;
+    }
+    static std::string Text(const LDateTime& t) {
+        char buf[260];
+        t.GetDateTime(buf);
+        return buf;
+    }
+
+private:
+    std::optional<std::string> savedTZ_;
+    std::string savedLocale_;
+};
+
+// Every text form of 2021-03-05 14:07:09, and of no date at all, which is the empty text in
+// every form. Forms with a date and a time part are shown here as "date|time".
+TEST_F(DateTimeTest, TextForms) {
+    using Form = void (*)(long value, char* text);
+    const std::pair<Form, const char*> forms[] = {
+        {[](long v, char* t) { Join(LDateTime::GetDateTime, v, t); }, "2021-03-05|14:07:09"},
+        {[](long v, char* t) { LDateTime(v).GetDateTime(t); }, "2021-03-05 14:07:09"},
+        {[](long v, char* t) { LDateTime(v).GetDateTimeInLocalFormat(t); }, "2021-03-05 14:07:09"},
+        {[](long v, char* t) { LDateTime::GetDateYYYYHMMHDD(v, t); }, "2021-03-05"},
+        {[](long v, char* t) { LDateTime(v).GetDateInLocalFormat(t); }, "2021-03-05"},
+        {[](long v, char* t) { Join(LDateTime::GetDateYYYYHMMHDDTimeHHCMM, v, t); },
+         "2021-03-05|14:07"},
+        {[](long v, char* t) { LDateTime::GetDateYYYYHMMHDDTimeHHCMM(v, t); }, "2021-03-05 14:07"},
+        {[](long v, char* t) { LDateTime(v).GetTimeInLocalFormat(t); }, "14:07:09"},
+        {[](long v, char* t) { LDateTime(v)._GetTextTime(t); }, "14:07:09"},
+        {[](long v, char* t) { LDateTime::GetTimeHHCMM(v, t); }, "14:07"},
+        {[](long v, char* t) { LDateTime::GetTimeHHHMMHSS(v, t); }, "14-07-09"},
+        {[](long v, char* t) { LDateTime(v).GetDateLocalFormat(t); }, "03/05/21"},
+    };
+    for (const auto& [form, expected] : forms) {
+        char text[520] = "stale";
+        form(kMarch5, text);
+        EXPECT_STREQ(text, expected);
+        std::strcpy(text, "stale");
+        form(0, text);
+        EXPECT_STREQ(text, std::strchr(expected, '|') ? "|" : "") << expected;
+    }
+    // Daylight saving comes from the zone rule.
+    EXPECT_EQ(Text(LDateTime(kJuly1Noon)), "2021-07-01 12:00:00");
+}
+
+TEST_F(DateTimeTest, ReadingDatesAndTheYearRule) {
+    // Two- and three-digit years: below 70 is 20xx, otherwise 1900 + the number.
+    const struct {
+        const char* date;
+        const char* time;
+        const char* text;
+    } cases[] = {
+        {"2021-03-05", "14:07:09", "2021-03-05 14:07:09"},
+        {"2021-7-1", nullptr, "2021-07-01 00:00:00"},
+        {"69-1-2", "3:4:5", "2069-01-02 03:04:05"},
+        {"70-1-2", "", "1970-01-02 00:00:00"},
+        {"121-1-2", "", "2021-01-02 00:00:00"},
+        {"1999-12-31", "23:59:59", "1999-12-31 23:59:59"},
+    };
+    long v = 5;
+    for (const auto& c : cases) {
+        LDateTime::SetDateTime(v, c.date, c.time);
+        EXPECT_EQ(Text(v), c.text) << c.date;
+    }
+    for (const char* date : {"", static_cast<const char*>(nullptr)}) {
+        v = 5;
+        LDateTime::SetDateTime(v, date, "14:07:09");
+        EXPECT_EQ(v, 0);
+    }
+    LDateTime::SetDateTime(v, 21, 3, 5, 14, 7, 9);
+    EXPECT_EQ(v, kMarch5);
+
+    LDateTime::SetDateYYYYHMMHDDTimeHHCMMCSS(v, "2021-03-05 14:07:09");
+    EXPECT_EQ(v, kMarch5);
+    LDateTime::SetDateYYYYHMMHDDTimeHHCMMCSS(v, "2021-03-05");
+    EXPECT_EQ(Text(v), "2021-03-05 00:00:00");
+    LDateTime::SetDateYYYYHMMHDDTimeHHCMMCSS(v, "");
+    EXPECT_EQ(v, 0);
+    LDateTime::SetDateTimeNoon(v, "2021-07-01");
+    EXPECT_EQ(v, kJuly1Noon);
+    LDateTime::SetDateTimeNoon(v, "");
+    EXPECT_EQ(v, 0);
+
+    // A time mktime cannot represent leaves the value as it was.
+    v = kMarch5;
+    LDateTime::SetDateTime(v, INT_MAX, INT_MAX, 1, 0, 0, 0);
+    EXPECT_EQ(v, kMarch5);
+}
+
+TEST_F(DateTimeTest, RoundTripsEveryHourOfAYear) {
+    long v = Make(2021, 1, 1, 0, 30, 15);
+    char date[260], time[260];
+    for (int i = 0; i < 365 * 24; ++i, v += 3600) {
+        LDateTime::GetDateTime(v, date, time);
+        long back = 0;
+        LDateTime::SetDateTime(back, date, time);
+        // The hour that repeats when clocks go back reads as one of its two instants.
+        if (back != v) {
+            EXPECT_EQ(std::labs(back - v), 3600) << date << " " << time;
+        }
+    }
+}
+
+TEST_F(DateTimeTest, Validation) {
+    using Case = std::pair<const char*, bool>;
+    for (auto [text, valid] :
+         {Case{"", true}, Case{nullptr, true}, Case{"2021-03-05", true}, Case{"1970-01-01", true},
+          Case{"2038-12-31", true}, Case{"2024-02-29", true}, Case{"2039-01-01", false},
+          Case{"1969-12-31", false}, Case{"2021-02-29", false}, Case{"2021-13-01", false},
+          Case{"2021-00-01", false}, Case{"2021-04-31", false}, Case{"2021-04-0", false},
+          Case{"2021-04", false}, Case{"date", false}}) {
+        EXPECT_EQ(LDateTime::ValidateDateYYYYHMMHDD(text), valid) << (text ? text : "null");
+    }
+    for (auto [text, valid] :
+         {Case{"2021-03-05 23:59:59", true}, Case{"2021-03-05 0:0:0", true}, Case{nullptr, false},
+          Case{"", false}, Case{"2021-03-05", false}, Case{"2021-03-05 12:00", false},
+          Case{"2021-03-05 24:00:00", false}, Case{"2021-03-05 12:60:00", false},
+          Case{"2021-03-05 12:00:60", false}, Case{"2021-03-05 -1:00:00", false},
+          Case{"2039-03-05 12:00:00", false}}) {
+        EXPECT_EQ(LDateTime::ValidateDateTimeYYYYHMMHDDHHCMMCSS(text), valid)
+            << (text ? text : "null");
+    }
+    const int days[][3] = {{2021, 2, 28},  {2024, 2, 29},  {1900, 2, 28}, {2000, 2, 29},
+                           {2021, 12, 31}, {2021, 11, 30}, {2021, 0, 0},  {2021, 13, 0}};
+    for (auto [year, month, count] : days) {
+        EXPECT_EQ(LDateTime::GetNumberOfDaysInMonth(year, month), count) << year << "-" << month;
+    }
+    EXPECT_FALSE(LDateTime::IsLeapYear(2100));
+    EXPECT_TRUE(LDateTime::IsLeapYear(2400));
+    EXPECT_FALSE(LDateTime::IsLeapYear(2023));
+}
+
+TEST_F(DateTimeTest, DayTimeAndWeekDay) {
+    LDateTime t(kMarch5);
+    EXPECT_EQ(t.GetDayTime().GetSeconds(), 14 * 3600 + 7 * 60 + 9);
+    EXPECT_EQ(t.GetDayTime().GetHour(), 14);
+    EXPECT_EQ(t.GetDayTime().GetMinute(), 7);
+    EXPECT_EQ(t.GetDayTime().GetSecond(), 9);
+    EXPECT_EQ(t.GetWeekDay().GetMask(), LWeekDay::kFriday);
+    EXPECT_EQ(LDateTime(kMarch5 + 86400).GetWeekDay().GetMask(), LWeekDay::kSaturday);
+    EXPECT_EQ(LDateTime(kMarch5 + 2 * 86400).GetWeekDay().GetMask(), LWeekDay::kSunday);
+
+    t.SetDayTime(LDayTime(8, 30, 0));
+    EXPECT_EQ(Text(t), "2021-03-05 08:30:00");
+    t.SetDayTime(LDayTime(0));
+    EXPECT_EQ(Text(t), "2021-03-05 00:00:00");
+
+    // No date: the day becomes today.
+    LDateTime none;
+    const long before = std::time(nullptr);
+    none.SetDayTime(LDayTime(23, 59, 59));
+    char date[260], today[260];
+    LDateTime::GetDateYYYYHMMHDD(none, date);
+    LDateTime::GetDateYYYYHMMHDD(before, today);
+    if (std::string(date) != today) {  // midnight passed between the two reads
+        LDateTime::GetDateYYYYHMMHDD(std::time(nullptr), today);
+    }
+    EXPECT_STREQ(date, today);
+    EXPECT_EQ(none.GetDayTime().GetSeconds(), 86399);
+}
+
+TEST_F(DateTimeTest, LocaleDateOrder) {
+    // 0: month first, 1: day first, 2: year first; absent fields count as first.
+    const std::pair<const char*, int> orders[] = {
+        {"%m/%d/%y", 0}, {"%d.%m.%Y", 1},  {"%Y-%m-%d", 2}, {"%D", 0},
+        {"%e %b %Y", 1}, {"%B %e, %Y", 0}, {"%y/%h/%d", 2}, {"%d %h %y", 1},
+        {"%y %d %B", 2}, {"%d", 0},        {"%m", 1},       {"", 1}};
+    for (auto [format, order] : orders) {
+        EXPECT_EQ(_LDateFormatOrderOf(format), order) << format;
+    }
+
+    EXPECT_EQ(LGetLocaleDateFormatOrder(), 0);
+    EXPECT_EQ(LDateTime::DateFormatOrder(), 0);
+    UseLocale("de_DE.UTF-8");
+    EXPECT_EQ(LGetLocaleDateFormatOrder(), 1);
+    char text[260];
+    LDateTime(Make(2021, 3, 5, 10, 0, 0)).GetDateLocalFormat(text);
+    EXPECT_STREQ(text, "05/03/21");
+    // Cached until reset.
+    std::setlocale(LC_ALL, "en_US.UTF-8");
+    EXPECT_EQ(LGetLocaleDateFormatOrder(), 1);
+    UseLocale("C");
+    EXPECT_EQ(LGetLocaleDateFormatOrder(), 0);
+    LDateTime(Make(2009, 11, 2, 10, 0, 0)).GetDateLocalFormat(text);
+    EXPECT_STREQ(text, "11/02/09");
+}
+
+TEST_F(DateTimeTest, LocalTextsReadBack) {
+    LDateTime t(kMarch5);
+    t._SetTextDate("2021/7/1");  // year first: read as year, month, day
+    EXPECT_EQ(Text(t), "2021-07-01 14:07:09");
+    t._SetTextDate("12.25.20");  // en_US: month, day, year
+    EXPECT_EQ(Text(t), "2020-12-25 14:07:09");
+    UseLocale("de_DE.UTF-8");
+    t._SetTextDate("05.03.21");
+    EXPECT_EQ(Text(t), "2021-03-05 14:07:09");
+    char text[260];
+    t.GetDateLocalFormat(text);
+    LDateTime back;
+    back._SetTextDate(text);
+    EXPECT_EQ(Text(back), "2021-03-05 00:00:00");
+    back._SetTextDate("5 3");  // not a whole date: kept
+    EXPECT_EQ(Text(back), "2021-03-05 00:00:00");
+    back._SetTextTime("14:07:09");
+    EXPECT_EQ(back.GetValue(), kMarch5);
+    back._SetTextTime("9:5");
+    EXPECT_EQ(Text(back), "2021-03-05 09:05:00");
+    back._SetTextDate("");
+    EXPECT_TRUE(back.IsEmpty());
+}
+
+TEST_F(DateTimeTest, Schedules) {
+    const LDateTime now(kMarch5);  // a Friday
+    const LWeekDay friday(LWeekDay::kFriday);
+    const LDayTime night(22, 0, 0), morning(6, 0, 0);
+    auto active = [&](LDayTime at, LDateTime start = 0, LDateTime end = 0,
+                      LWeekDay days = LWeekDay::kEveryDay) {
+        return LDateTime::TestScheduleDetails(now, at, friday, start, end, night, morning, days);
+    };
+    EXPECT_TRUE(active(LDayTime(23, 0, 0)));
+    EXPECT_TRUE(active(LDayTime(5, 0, 0)));
+    EXPECT_TRUE(active(LDayTime(22, 0, 0)));
+    EXPECT_FALSE(active(LDayTime(12, 0, 0)));
+    EXPECT_FALSE(active(LDayTime(6, 0, 0)));
+    EXPECT_FALSE(active(LDayTime(23, 0, 0), kMarch5 + 1));
+    EXPECT_TRUE(active(LDayTime(23, 0, 0), kMarch5));
+    EXPECT_FALSE(active(LDayTime(23, 0, 0), 0, kMarch5));
+    EXPECT_TRUE(active(LDayTime(23, 0, 0), 0, kMarch5 + 1));
+    EXPECT_TRUE(active(LDayTime(23, 0, 0), 0, -5));
+    EXPECT_FALSE(active(LDayTime(23, 0, 0), 0, 0, LWeekDay::kSaturday | LWeekDay::kSunday));
+    EXPECT_TRUE(active(LDayTime(23, 0, 0), 0, 0, LWeekDay::kFriday));
+    // A daytime period: from inclusive, to exclusive.
+    const LDayTime nine(9, 0, 0), five(17, 0, 0);
+    auto office = [&](LDayTime at) {
+        return LDateTime::TestScheduleDetails(now, at, friday, 0, 0, nine, five,
+                                              LWeekDay::kEveryDay);
+    };
+    EXPECT_TRUE(office(nine));
+    EXPECT_TRUE(office(LDayTime(16, 59, 59)));
+    EXPECT_FALSE(office(five));
+    EXPECT_FALSE(office(LDayTime(8, 59, 59)));
+}
+
+TEST_F(DateTimeTest, AdjustByMonths) {
+    // The day is cut to the month's length; across a daylight-saving change (+6) the local
+    // time of day stays.
+    const LDateTime jan31(Make(2021, 1, 31, 10, 20, 30));
+    const std::pair<int, const char*> cases[] = {
+        {1, "2021-02-28 10:20:30"},  {-13, "2019-12-31 10:20:30"}, {-1, "2020-12-31 10:20:30"},
+        {12, "2022-01-31 10:20:30"}, {3, "2021-04-30 10:20:30"},   {-24, "2019-01-31 10:20:30"},
+        {0, "2021-01-31 10:20:30"},  {6, "2021-07-31 10:20:30"}};
+    for (auto [months, text] : cases) {
+        EXPECT_EQ(Text(jan31.AdjustByMonths(months)), text) << months;
+    }
+    EXPECT_EQ(Text(jan31), "2021-01-31 10:20:30");  // unchanged
+    EXPECT_EQ(Text(LDateTime(Make(2024, 1, 31, 0, 0, 0)).AdjustByMonths(1)), "2024-02-29 00:00:00");
+    EXPECT_EQ(LDateTime().AdjustByMonths(5).GetValue(), 0);
+}
+
+TEST_F(DateTimeTest, BuildDate) {
+    EXPECT_EQ(Text(_LDateFromBuildText("Nov 27 2021")), "2021-11-27 00:00:00");
+    EXPECT_EQ(Text(_LDateFromBuildText("Mar  7 2021")), "2021-03-07 00:00:00");
+    EXPECT_EQ(Text(_LDateFromBuildText("Jan  1 2022")), "2022-01-01 00:00:00");
+    // An unknown month is month 0: December of the year before.
+    EXPECT_EQ(Text(_LDateFromBuildText("Foo 27 2021")), "2020-12-27 00:00:00");
+
+    const LDateTime built = LDateTime::GetBuildDate();
+    EXPECT_EQ(built.GetDayTime().GetSeconds(), 0);
+    EXPECT_LE(built.GetValue(), std::time(nullptr));
+    EXPECT_GT(built.GetValue(), std::time(nullptr) - 400L * 86400);
+    EXPECT_EQ(LDateTime::szMonths[10], std::string("Nov"));
+    EXPECT_EQ(LDateTime::szWeekDays[6], std::string("Sat"));
+    EXPECT_EQ(LDateTime::szWeekDays[7], nullptr);
+    EXPECT_EQ(LDateTime::szWeekDaysAbbreviated[0], std::string("Sun"));
+    EXPECT_EQ(LDateTime::szWeekDaysAbbreviated[7], nullptr);
+}
+
+TEST_F(DateTimeTest, OtherZoneShiftsTheText) {
+    ::setenv("TZ", "EST5EDT,M3.2.0,M11.1.0", 1);
+    ::tzset();
+    EXPECT_EQ(Text(LDateTime(kMarch5)), "2021-03-05 08:07:09");
+    EXPECT_EQ(Text(LDateTime(kJuly1Noon)), "2021-07-01 06:00:00");
+}
+
+}  // namespace

@@ -1,0 +1,427 @@
+// UTF converters checked against glibc iconv on generated texts (well-formed and ill-formed),
+// plus the cuts, result codes, index helpers, Latin-1 and byte-swapped forms and the
+// right-to-left table.
+#include "text/lunicode.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "iconv_reference.h"
+
+namespace {
+
+template <class Unit>
+std::basic_string<Unit> AsUnits(const std::string& bytes) {
+    std::basic_string<Unit> units(bytes.size() / sizeof(Unit), 0);
+    std::memcpy(units.data(), bytes.data(), units.size() * sizeof(Unit));
+    return units;
+}
+
+std::string Utf8Of(const std::u32string& text) {
+    IconvResult r = IconvRun("UTF-8", "UTF-32LE", text.data(), text.size() * 4);
+    EXPECT_TRUE(r.complete);
+    return r.bytes;
+}
+
+std::u16string Utf16Of(const std::u32string& text) {
+    return AsUnits<char16_t>(IconvRun("UTF-16LE", "UTF-32LE", text.data(), text.size() * 4).bytes);
+}
+
+// Faults are written as one text, separated by blanks, which none of them holds.
+std::vector<std::string> SplitAtBlanks(const std::string& text) {
+    std::vector<std::string> words(1);
+    for (char c : text) {
+        if (c == ' ') {
+            words.emplace_back();
+        } else {
+            words.back() += c;
+        }
+    }
+    return words;
+}
+
+// Random code points (never 0, never surrogates) with the encoding-length boundaries often.
+class TextGenerator {
+public:
+    explicit TextGenerator(unsigned seed) : rng_(seed) {}
+
+    char32_t CodePoint() {
+        // U+FEFF is here so that a byte-order mark is shown to decode as a plain character.
+        static constexpr char32_t kEdges[] = {0x01,   0x7F,    0x80,     0x7FF,    0x800,
+                                              0xD7FF, 0xE000,  0xFFFD,   0xFFFF,   0x10000,
+                                              0xFEFF, 0xFFFFF, 0x100000, 0x10FFFF, 0xFE0F};
+        switch (Pick(6)) {
+            case 0:
+                return kEdges[Pick(std::size(kEdges))];
+            case 1:
+            case 2:
+                return 1 + Pick(0x7F);
+            case 3:
+                return 0x80 + Pick(0x800 - 0x80);
+            case 4: {
+                char32_t c = 0x800 + Pick(0x10000 - 0x800 - 0x800);
+                return c >= 0xD800 ? c + 0x800 : c;  // skip the surrogate block
+            }
+            default:
+                return 0x10000 + Pick(0x100000);
+        }
+    }
+
+    std::u32string Valid(size_t maxLength) {
+        std::u32string text;
+        for (size_t n = Pick(maxLength + 1); n > 0; --n)
+            text += CodePoint();
+        return text;
+    }
+
+    // A well-formed text with one or more faults put in: stray continuation bytes, cut
+    // sequences, overlong forms, encoded surrogates, values above U+10FFFF, bytes F5 to FF.
+    std::string IllFormed(size_t maxLength) {
+        static const std::vector<std::string> kFaults = SplitAtBlanks(
+            "\x80 \xBF \xC0\x80 \xC1\xBF \xC2 \xE0\x80\x80 \xE0\x9F\xBF \xED\xA0\x80 \xED\xBF\xBF "
+            "\xE1\x80 \xF0\x80\x80\x80 \xF0\x8F\xBF\xBF \xF4\x90\x80\x80 \xF5\x80\x80\x80 "
+            "\xF8\x88\x80\x80\x80 \xFE \xFF \xF1\x80\x80 \xE2\x82 \xC3\x28");
+        std::string text = Utf8Of(Valid(maxLength));
+        for (size_t faults = 1 + Pick(3); faults > 0; --faults) {
+            const std::string fault = Pick(4) == 0 ? std::string(1, char(0x80 + Pick(0x80)))
+                                                   : kFaults[Pick(kFaults.size())];
+            text.insert(Pick(text.size() + 1), fault);
+        }
+        return text;
+    }
+
+    // Any bytes but NUL.
+    std::string RandomBytes(size_t maxLength) {
+        std::string bytes;
+        for (size_t n = Pick(maxLength + 1); n > 0; --n)
+            bytes += static_cast<char>(1 + Pick(255));
+        return bytes;
+    }
+
+    size_t Pick(size_t n) { return std::uniform_int_distribution<size_t>(0, n - 1)(rng_); }
+
+private:
+    std::mt19937 rng_;
+};
+
+std::u16string Cut16(const std::u32string& text) {
+    std::u16string out;
+    for (char32_t c : text)
+        out += static_cast<char16_t>(c);
+    return out;
+}
+
+// Both UTF-8 decoders give what iconv gives up to its first error, and say whether they
+// stopped there. Returns whether iconv took the whole text.
+bool ExpectDecodesAsIconv(const std::string& utf8) {
+    SCOPED_TRACE(testing::PrintToString(utf8));
+    const IconvResult ref = IconvRun("UTF-32LE", "UTF-8", utf8.data(), utf8.size());
+    const std::u32string prefix = AsUnits<char32_t>(ref.bytes);
+    std::vector<char32_t> out32(utf8.size() + 1, 0xAAAA);
+    const int r32 = LCopyUTF32FromUTF8Native(out32.data(), utf8.c_str(), out32.size());
+    EXPECT_EQ(r32, ref.complete ? 0 : 2);
+    EXPECT_EQ(std::u32string(out32.data()), prefix);
+    std::vector<char16_t> out16(utf8.size() + 1);
+    EXPECT_EQ(LCopyUnicodeFromUTF8(out16.data(), utf8.c_str(), out16.size()), r32);
+    // Astral characters cut to 16 bits may be 0 (U+10000), so compare by length.
+    EXPECT_EQ(std::u16string(out16.data(), prefix.size()), Cut16(prefix));
+    EXPECT_EQ(out16[prefix.size()], 0);
+    return ref.complete;
+}
+
+constexpr int kTexts = 1500;
+
+TEST(UnicodeAgainstIconv, WellFormedUtf8DecodesAsIconvDoes) {
+    TextGenerator gen(1);
+    for (int i = 0; i < kTexts; ++i) {
+        const std::u32string text = gen.Valid(64);
+        const std::string utf8 = Utf8Of(text);
+        ASSERT_TRUE(ExpectDecodesAsIconv(utf8));
+        std::vector<wchar_t> outW(utf8.size() + 1);
+        ASSERT_EQ(LCopyUTF32FromUTF8(outW.data(), utf8.c_str(), outW.size()), 0);
+        EXPECT_EQ(std::wstring(outW.data()), std::wstring(text.begin(), text.end()));
+    }
+}
+
+TEST(UnicodeAgainstIconv, IllFormedUtf8StopsWhereIconvStops) {
+    TextGenerator gen(2);
+    int stoppedEarly = 0;
+    for (int i = 0; i < kTexts; ++i) {
+        stoppedEarly += !ExpectDecodesAsIconv(gen.IllFormed(40));
+        ExpectDecodesAsIconv(gen.RandomBytes(24));
+    }
+    // The generator puts at least one fault in each text; nearly all must be seen as such.
+    EXPECT_GT(stoppedEarly, kTexts * 9 / 10);
+}
+
+TEST(UnicodeAgainstIconv, EncodersMatchIconv) {
+    TextGenerator gen(4);
+    for (int i = 0; i < kTexts; ++i) {
+        const std::u32string text = gen.Valid(64);
+        const std::string utf8 = Utf8Of(text);
+        const std::u16string utf16 = Utf16Of(text);
+
+        std::vector<char> out8(4 * text.size() + 1);
+        ASSERT_EQ(LCopyUTF8FromUTF32Native(out8.data(), text.c_str(), out8.size()), 0);
+        EXPECT_EQ(std::string(out8.data()), utf8);
+        const std::wstring wide(text.begin(), text.end());
+        ASSERT_EQ(LCopyUTF8FromUTF32(out8.data(), wide.c_str(), out8.size()), 0);
+        EXPECT_EQ(std::string(out8.data()), utf8);
+
+        // UTF-16 with surrogate pairs (from iconv) joins back into the same UTF-8 and UTF-32.
+        std::vector<char> from16(3 * utf16.size() + 1);
+        ASSERT_EQ(LCopyUTF8FromUnicode(from16.data(), utf16.c_str(), from16.size()), 0);
+        EXPECT_EQ(std::string(from16.data()), utf8);
+        std::vector<char32_t> to32(utf16.size() + 1);
+        ASSERT_EQ(LCopyUTF32FromUnicode(to32.data(), utf16.c_str(), to32.size()), 0);
+        EXPECT_EQ(std::u32string(to32.data()), text);
+
+        std::vector<char16_t> to16(text.size() + 1);
+        ASSERT_EQ(LCopyUnicodeFromUTF32(to16.data(), text.c_str(), to16.size()), 0);
+        EXPECT_EQ(std::u16string(to16.data(), text.size()), Cut16(text));
+        EXPECT_EQ(to16[text.size()], 0);
+    }
+}
+
+TEST(UnicodeAgainstIconv, LoneSurrogatesInUtf16BecomeReplacement) {
+    TextGenerator gen(5);
+    for (int i = 0; i < 300; ++i) {
+        std::u32string text = gen.Valid(16);
+        const char16_t lone = static_cast<char16_t>(gen.Pick(2) ? 0xD800 + gen.Pick(0x400)
+                                                                : 0xDC00 + gen.Pick(0x400));
+        // Put the lone surrogate between whole characters so that it cannot pair up.
+        const std::u16string bad = Utf16Of(text) + lone + u"x";
+        std::vector<char> out(3 * bad.size() + 1);
+        EXPECT_EQ(LCopyUTF8FromUnicode(out.data(), bad.c_str(), out.size()), 2);
+        EXPECT_EQ(std::string(out.data()), Utf8Of(text) + "\xEF\xBF\xBDx");
+        std::vector<char32_t> out32(bad.size() + 1);
+        EXPECT_EQ(LCopyUTF32FromUnicode(out32.data(), bad.c_str(), out32.size()), 2);
+        EXPECT_EQ(std::u32string(out32.data()), text + U"\uFFFDx");
+    }
+}
+
+// Every size from 1 up: nothing at or past out[size] is touched, the output is terminated,
+// it is a prefix of the full conversion, and the result says whether it was cut.
+TEST(UnicodeBounds, EveryOutputSizeStaysInsideTheBuffer) {
+    const std::string utf8 = "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80z";  // a é € 😀 z
+    const std::u32string full = U"a\u00E9\u20AC\U0001F600z";
+    for (unsigned long size = 1; size <= full.size() + 1; ++size) {
+        std::vector<char32_t> out(size + 2, 0x5A5A);
+        const int r = LCopyUTF32FromUTF8Native(out.data(), utf8.c_str(), size);
+        EXPECT_EQ(r, size == full.size() + 1 ? 0 : 1);
+        EXPECT_EQ(std::u32string(out.data()), full.substr(0, size - 1));
+        EXPECT_EQ(out[size], 0x5A5Au);
+        std::vector<char16_t> out16(size + 2, 0x5A5A);
+        EXPECT_EQ(LCopyUnicodeFromUTF8(out16.data(), utf8.c_str(), size), r);
+        EXPECT_EQ(out16[size], 0x5A5A);
+    }
+    for (unsigned long size = 1; size <= utf8.size() + 1; ++size) {
+        std::vector<char> out(size + 2, 'Z');
+        const int r = LCopyUTF8FromUTF32Native(out.data(), full.c_str(), size);
+        EXPECT_EQ(r, size == utf8.size() + 1 ? 0 : 1);
+        const std::string got(out.data());
+        EXPECT_EQ(utf8.compare(0, got.size(), got), 0);
+        EXPECT_EQ(utf8strlen(got.c_str()),
+                  LCharsetsUTF8ByteIndexToCharIndex(utf8.c_str(), got.size()))
+            << "a character was split at size " << size;
+        EXPECT_EQ(out[size], 'Z');
+    }
+    // A long ASCII run exercises the 8-byte path against small outputs.
+    const std::string ascii(100, 'q');
+    for (unsigned long size = 1; size < 30; ++size) {
+        std::vector<char16_t> out(size + 1, 0x5A5A);
+        EXPECT_EQ(LCopyUnicodeFromUTF8(out.data(), ascii.c_str(), size), 1);
+        EXPECT_EQ(std::u16string(out.data()).size(), size - 1);
+        EXPECT_EQ(out[size], 0x5A5A);
+    }
+    char32_t untouched = 7;
+    EXPECT_EQ(LCopyUTF32FromUTF8Native(&untouched, "abc", 0), 1);
+    EXPECT_EQ(untouched, 7u);
+}
+
+// The generated texts never hold values above U+10FFFF, so the encoders' answer to them is
+// shown here.
+TEST(UnicodeEdges, ValuesAboveTheLastCodePoint) {
+    char out[8];
+    const char32_t tooBig[] = {0x110000, 0};
+    EXPECT_EQ(LCopyUTF8FromUTF32Native(out, tooBig, sizeof out), 2);
+    EXPECT_STREQ(out, "\xEF\xBF\xBD");
+    // A bad value first, then a full output: the later result wins.
+    const char32_t both[] = {0x110000, 0x41, 0x42, 0};
+    EXPECT_EQ(LCopyUTF8FromUTF32Native(out, both, 5), 1);
+    EXPECT_STREQ(out, "\uFFFDA");
+    char16_t out16[4];
+    EXPECT_EQ(LCopyUnicodeFromUTF32(out16, tooBig, 4), 2);
+    EXPECT_EQ(out16[0], 0xFFFD);
+}
+
+TEST(UnicodeStrings, StringFormsSizeForTheWholeInput) {
+    LStringLongTemplate<char16_t> s16;
+    EXPECT_EQ(LCopyToUnicode(s16, "h\xC3\xA9llo \xE2\x82\xAC"), 0);
+    EXPECT_EQ(std::u16string(s16.GetText()), u"h\u00E9llo \u20AC");
+    EXPECT_EQ(s16.GetLength(), 7u);
+    LStringLongTemplate<char> s8;
+    EXPECT_EQ(LCopyUTF8FromUnicode(s8, u"\u20AC\u20AC\u20AC\U0001F600"), 0);
+    EXPECT_STREQ(s8.GetText(), "\xE2\x82\xAC\xE2\x82\xAC\xE2\x82\xAC\xF0\x9F\x98\x80");
+    EXPECT_EQ(s8.GetLength(), 13u);
+    LStringLongTemplate<wchar_t> sw;
+    EXPECT_EQ(LCopyUTF32FromUTF8(sw, "a\xF0\x9F\x98\x80"), 0);
+    EXPECT_EQ(std::wstring(sw.GetText()), L"a\U0001F600");
+    EXPECT_EQ(LCopyUTF8FromUTF32(s8, L"\U0010FFFF\U0010FFFF"), 0);
+    EXPECT_EQ(s8.GetLength(), 8u);
+    EXPECT_EQ(LCopyUTF32FromUnicode(sw, u"\U0001F600"), 0);
+    EXPECT_EQ(sw.GetLength(), 1u);
+    EXPECT_EQ(LCopyUnicodeFromUTF32(s16, L"ab"), 0);
+    EXPECT_EQ(std::u16string(s16.GetText()), u"ab");
+    LStringLongTemplate<char> in("x\xFFy");
+    EXPECT_EQ(LCopyToUnicode(s16, in), 2);
+    EXPECT_EQ(std::u16string(s16.GetText()), u"x");
+}
+
+TEST(Utf8Copy, CutsNeverSplitACharacter) {
+    const struct {
+        const char* in;
+        unsigned long size, result;
+        const char* out;
+    } cases[] = {
+        {"abc", 16, 3, "abc"},
+        {"abc", 4, 3, "abc"},
+        {"abcdef", 4, 3, "ab"},      // the deliberate extra cut after plain ASCII
+        {"ab\u20ACcd", 5, 3, "ab"},  // a character straddling the limit goes whole
+        {"ab\u20ACcd", 4, 3, "ab"},
+        {"ab\u00E9cd", 5, 5, "ab\xC3\xA9"},  // ending exactly at the limit keeps it
+        {"ab\u20ACcd", 6, 6, "ab\xE2\x82\xAC"},
+        {"\xF0\x9F\x98\x80!", 5, 5, "\xF0\x9F\x98\x80"},
+        {"\x80\x80\x80\x80", 3, 0, ""},  // only continuation bytes before the cut
+        {"abc", 1, 0, ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << testing::PrintToString(c.in) << " size " << c.size);
+        char out[16];
+        EXPECT_EQ(utf8strlcpy(out, c.in, c.size), c.result);
+        EXPECT_STREQ(out, c.out);
+    }
+    char untouched = 'u';
+    EXPECT_EQ(utf8strlcpy(&untouched, "abc", 0), 0u);
+    EXPECT_EQ(untouched, 'u');
+}
+
+TEST(Utf8Index, LeadBytesAndIndexes) {
+    const std::pair<unsigned char, int> leads[] = {{0x41, 1}, {0xBF, 1}, {0xC0, 2}, {0xDF, 2},
+                                                   {0xE0, 3}, {0xEF, 3}, {0xF0, 4}, {0xF7, 4},
+                                                   {0xF8, 5}, {0xFB, 5}, {0xFC, 6}, {0xFF, 6}};
+    for (auto [lead, count] : leads) {
+        EXPECT_EQ(LGetUTF8CharacterByteCount(lead), count) << std::hex << int(lead);
+    }
+
+    const char* text = "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80z";  // byte offsets 0 1 3 6 10
+    EXPECT_EQ(utf8strlen(text), 5u);
+    EXPECT_EQ(utf8strlen(""), 0u);
+    const unsigned long starts[] = {0, 1, 3, 6, 10, 11};
+    for (unsigned long i = 0; i < 6; ++i) {
+        EXPECT_EQ(LCharsetsUTF8CharIndexToByteIndex(text, i), starts[i]);
+        EXPECT_EQ(LCharsetsUTF8ByteIndexToCharIndex(text, starts[i]), i);
+    }
+    EXPECT_EQ(LCharsetsUTF8CharIndexToByteIndex(text, 99), 11u);
+    EXPECT_EQ(LCharsetsUTF8ByteIndexToCharIndex(text, 4), 2u);  // inside the euro sign
+    EXPECT_EQ(LGetUTF8CharacterByteIndex(text), 10u);
+    EXPECT_EQ(LGetUTF8CharacterByteIndex("\xF0\x9F\x98\x80"), 0u);
+    EXPECT_EQ(LGetUTF8CharacterByteIndex(""), 0u);
+    // Continuation bytes are not checked, but a lead byte cut by the terminator never carries
+    // the walk past the end.
+    EXPECT_EQ(utf8strlen("x\xF0"), 2u);
+    EXPECT_EQ(LCharsetsUTF8CharIndexToByteIndex("x\xF0", 5), 2u);
+
+    LStringLongTemplate<char> s(text);
+    LUTF8StringLongRef ref(s);
+    EXPECT_EQ(ref.GetCharacterCount(), 5u);
+    EXPECT_EQ(ref.GetByteLength(), 11u);
+    EXPECT_EQ(ref.CharIndexToByteIndex(3), 6u);
+    EXPECT_EQ(static_cast<const char*>(ref), s.GetText());
+    EXPECT_FALSE(ref.IsValidASCII());
+}
+
+TEST(Ansi, LatinOneConversions) {
+    char out[16];
+    EXPECT_TRUE(LCopyAnsiFromUTF8(out, "caf\xC3\xA9 \xC3\xBF", sizeof out));
+    EXPECT_STREQ(out, "caf\xE9 \xFF");
+    EXPECT_FALSE(LCopyAnsiFromUTF8(out, "price \xE2\x82\xAC", sizeof out));
+    EXPECT_STREQ(out, "");
+    EXPECT_TRUE(LCopyUTF8FromAnsi(out, "caf\xE9", sizeof out));
+    EXPECT_STREQ(out, "caf\xC3\xA9");
+    EXPECT_TRUE(LCopyUTF8FromAnsi(out, "\xE9\xE9\xE9", 5));  // cut at a whole character
+    EXPECT_STREQ(out, "\xC3\xA9\xC3\xA9");
+    char16_t out16[8];
+    EXPECT_TRUE(LCopyUnicodeFromAnsi(out16, "\xE9z", 8));
+    EXPECT_EQ(std::u16string(out16), u"\u00E9z");
+    EXPECT_FALSE(LCopyAnsiFromUnicode(out, u"\u0100", sizeof out));
+    // A large size goes through the heap staging area.
+    std::string big(10000, 'x');
+    big += "\xC3\xA9";
+    std::vector<char> large(big.size() + 1);
+    EXPECT_TRUE(LCopyAnsiFromUTF8(large.data(), big.c_str(), large.size()));
+    EXPECT_EQ(std::string(large.data()), std::string(10000, 'x') + "\xE9");
+}
+
+TEST(BigEndian, SwapsAndPads) {
+    char16_t out[6];
+    std::memset(out, 0x77, sizeof out);
+    EXPECT_EQ(LCopyToBigEndianUnicode(out, u"AB", 4, false), 4u);
+    const unsigned char expected[] = {0x00, 0x41, 0x00, 0x42, 0x00, 0x20, 0x00, 0x20};
+    EXPECT_EQ(std::memcmp(out, expected, sizeof expected), 0);
+    EXPECT_EQ(out[4], 0x7777);  // nothing past count
+    EXPECT_EQ(LCopyToBigEndianUnicode(out, u"AB", 4, true), 2u);
+    EXPECT_EQ(std::memcmp(out, expected, 4), 0);
+    EXPECT_EQ(out[2], 0);
+    EXPECT_EQ(LCopyToBigEndianUnicode(out, u"ABCDEF", 3, true), 3u);
+    EXPECT_EQ(out[3], 0);
+    EXPECT_EQ(out[2], 0x4300);
+}
+
+TEST(CharacterTests, AsciiAndVariationSelectors) {
+    EXPECT_TRUE(LCharsetsIsValidASCII(""));
+    EXPECT_TRUE(LCharsetsIsValidASCII("plain text\x7F"));
+    EXPECT_FALSE(LCharsetsIsValidASCII("caf\xC3\xA9"));
+    EXPECT_FALSE(LCharsetsIsValidASCII("\x80"));
+
+    LStringLongTemplate<char16_t> text(u"\uFE00a\uFE0F\u263A\uFE0Fb\uFDFF\uFE10");
+    LRemoveVarSelectorFromUnicode(text);
+    EXPECT_EQ(std::u16string(text.GetText()), u"a\u263Ab\uFDFF\uFE10");
+    EXPECT_EQ(text.GetLength(), 5u);
+    LStringLongTemplate<char16_t> empty;
+    LRemoveVarSelectorFromUnicode(empty);
+    EXPECT_TRUE(empty.IsEmpty());
+}
+
+// The right-to-left table, written out as listed and checked over the whole code space, which
+// takes in both sides of every range edge.
+TEST(LeftToRight, EveryRangeEdge) {
+    const std::vector<std::pair<char32_t, char32_t>> rtl = {
+        {0x05BE, 0x05BE}, {0x05C0, 0x05C0}, {0x05C3, 0x05C3}, {0x061B, 0x061B}, {0x061F, 0x061F},
+        {0x06DD, 0x06DD}, {0x0710, 0x0710}, {0x07B1, 0x07B1}, {0x200F, 0x200F}, {0xFB1D, 0xFB1D},
+        {0xFB3E, 0xFB3E}, {0xFB40, 0xFB40}, {0xFB41, 0xFB41}, {0x05D0, 0x05EA}, {0x05F0, 0x05F4},
+        {0x0621, 0x063A}, {0x0640, 0x064A}, {0x066D, 0x066F}, {0x0671, 0x06D5}, {0x06E5, 0x06E6},
+        {0x06FA, 0x06FE}, {0x0700, 0x070D}, {0x0712, 0x072C}, {0x0780, 0x07A5}, {0xFB1F, 0xFB28},
+        {0xFB2A, 0xFB36}, {0xFB38, 0xFB3C}, {0xFB43, 0xFB44}, {0xFB46, 0xFBB1}, {0xFBD3, 0xFD3D},
+        {0xFD50, 0xFD8F}, {0xFD92, 0xFDC7}, {0xFDF0, 0xFDFC}, {0xFE70, 0xFE74}, {0xFE76, 0xFEFC}};
+    std::set<char32_t> isRtl;
+    for (auto [first, last] : rtl) {
+        for (char32_t c = first; c <= last; ++c)
+            isRtl.insert(c);
+    }
+    int wrong = 0;
+    for (char32_t c = 0; c <= 0x110000; ++c) {
+        if (LCharsetsIsLeftToRight(static_cast<wchar_t>(c)) == !!isRtl.count(c) && ++wrong <= 5) {
+            ADD_FAILURE() << std::hex << "U+" << static_cast<unsigned>(c);
+        }
+    }
+    EXPECT_EQ(wrong, 0);
+    EXPECT_TRUE(LCharsetsIsLeftToRight(-1));
+}
+
+}  // namespace
