@@ -201,14 +201,18 @@ TEST(XpcConnection, RequestAndReplyOverANamedServiceWithPeerPids) {
 TEST(XpcConnection, ManyRequestsInFlightGetTheirOwnReplies) {
     ServiceDir dir;
     constexpr int kCount = 64;
-    std::mutex held_mutex;
-    std::vector<xpc_object_t> held;
-    // The service answers only once all requests are in, and in reverse order.
-    Service service("t.routing", [&](xpc_connection_t peer, xpc_object_t m) {
-        std::lock_guard lock(held_mutex);
-        held.push_back(xpc_retain(m));
-        if (held.size() == kCount) {
-            for (auto it = held.rbegin(); it != held.rend(); ++it) {
+    // The service answers only once all requests are in, and in reverse order. Its state
+    // is shared: the handler may still be finishing its loop when the test ends.
+    struct Held {
+        std::mutex mutex;
+        std::vector<xpc_object_t> messages;
+    };
+    auto held = std::make_shared<Held>();
+    Service service("t.routing", [held](xpc_connection_t peer, xpc_object_t m) {
+        std::lock_guard lock(held->mutex);
+        held->messages.push_back(xpc_retain(m));
+        if (held->messages.size() == kCount) {
+            for (auto it = held->messages.rbegin(); it != held->messages.rend(); ++it) {
                 Reply(peer, *it, xpc_dictionary_get_int64(*it, "v") + 1000);
                 xpc_release(*it);
             }
@@ -658,6 +662,43 @@ TEST(XpcConnection, ListenerTakesTheSocketFromSocketActivation) {
     xpc_object_t m = Message(0);
     xpc_object_t r = xpc_connection_send_message_with_reply_sync(c, m);
     EXPECT_EQ(xpc_dictionary_get_int64(r, "v"), 3);
+    xpc_release(r);
+    xpc_release(m);
+    Close(c);
+    kill(child, SIGKILL);
+    ExitCode(child);
+}
+
+// A service run by xpc_main: its peers' events arrive on the main thread.
+TEST(XpcChild, Main) {
+    if (ChildRole() == nullptr) {
+        GTEST_SKIP() << "runs as a child process only";
+    }
+    setenv("LXPC_SERVICE_NAME", "t.main", 1);
+    xpc_main([](xpc_connection_t peer) {
+        xpc_connection_set_event_handler(peer, [peer](xpc_object_t m) {
+            if (xpc_get_type(m) == XPC_TYPE_DICTIONARY) {
+                Reply(peer, m, gettid() == getpid() ? 1 : 0);
+            }
+        });
+        xpc_connection_resume(peer);
+    });
+}
+
+TEST(XpcConnection, XpcMainServesTheNamedServiceOnTheMainThread) {
+    ServiceDir dir;
+    int ready = -1;
+    const pid_t child = SpawnChild("Main", ready);
+    ASSERT_GT(child, 0);
+    close(ready);
+    for (int i = 0; i < 2000 && !std::filesystem::exists(dir.Path("t.main")); ++i) {
+        std::this_thread::sleep_for(5ms);
+    }
+    xpc_connection_t c = Client("t.main", nullptr);
+    xpc_object_t m = Message(0);
+    xpc_object_t r = xpc_connection_send_message_with_reply_sync(c, m);
+    EXPECT_EQ(xpc_get_type(r), XPC_TYPE_DICTIONARY);
+    EXPECT_EQ(xpc_dictionary_get_int64(r, "v"), 1);
     xpc_release(r);
     xpc_release(m);
     Close(c);

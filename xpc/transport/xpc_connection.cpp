@@ -189,10 +189,12 @@ void DeliverEvent(Connection* c, xpc_object_t event, bool final, bool inlineAllo
 
 void DeliverReply(Connection* c, Pending p, xpc_object_t reply, bool inlineAllowed) {
     if (p.sync) {
-        std::lock_guard lock(p.sync->mutex);
-        p.sync->result = reply;
-        p.sync->done = true;
-        p.sync->done_cv.notify_all();
+        {
+            std::lock_guard lock(p.sync->mutex);
+            p.sync->result = reply;
+            p.sync->done = true;
+        }
+        p.sync->done_cv.notify_all();  // outside the lock: the waiter runs at once
         return;
     }
     xpc_queue_t queue = p.queue != nullptr ? p.queue : c->target;
