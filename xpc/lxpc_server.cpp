@@ -26,6 +26,15 @@ xpc_object_t AsObject(long handle) {
     return reinterpret_cast<xpc_object_t>(static_cast<intptr_t>(handle));
 }
 
+long AsHandle(xpc_object_t object) {
+    return static_cast<long>(reinterpret_cast<intptr_t>(object));
+}
+
+bool IsClientConnection(long handle) {
+    return handle != 0 && handle != kLXPCNoConnection &&
+           xpc_get_type(AsObject(handle)) == XPC_TYPE_CONNECTION;
+}
+
 pid_t ReadPidMax() {
     FILE* file = std::fopen("/proc/sys/kernel/pid_max", "re");
     if (file == nullptr) {
@@ -78,7 +87,9 @@ void LXPCServerBase::SetProcessIdSource(ProcessIdSource source) {
 }
 
 void LXPCServerBase::NewConnectionHandler(long connection) {
-    if (connection == 0 || connection == kLXPCNoConnection) {
+    // A listener also delivers its own errors (its last event may come after the server it
+    // fed is gone); only connections are clients.
+    if (!IsClientConnection(connection)) {
         return;
     }
     // Through the gate, whoever calls: a server being destroyed waits for an accept already
@@ -89,10 +100,6 @@ void LXPCServerBase::NewConnectionHandler(long connection) {
 }
 
 void LXPCServerBase::Accept(long connection) {
-    // The listener also delivers its own errors; only connections are clients.
-    if (xpc_get_type(AsObject(connection)) != XPC_TYPE_CONNECTION) {
-        return;
-    }
     if (bCheckClientProcess) {
         const pid_t pid = processIdSource_ ? processIdSource_(connection)
                                            : xpc_connection_get_pid(AsObject(connection));
@@ -121,8 +128,12 @@ void LXPCServerBase::Disconnect(long connection) {
 }
 
 void LXPCServerBase::StaticNewConnectionHandler(xpc_object_t connection) {
+    // Checked before pServer is read: the error that ends a listener is no client.
+    if (!IsClientConnection(AsHandle(connection))) {
+        return;
+    }
     if (LXPCServerBase* server = pServer) {
-        server->NewConnectionHandler(static_cast<long>(reinterpret_cast<intptr_t>(connection)));
+        server->NewConnectionHandler(AsHandle(connection));
     }
 }
 
@@ -167,8 +178,7 @@ void LXPCMachServer::Start(char const* serviceName, unsigned long long flags) {
             return;
         }
         RunIfAlive(gate, [event](LXPCBase& base) {
-            static_cast<LXPCServerBase&>(base).NewConnectionHandler(
-                static_cast<long>(reinterpret_cast<intptr_t>(event)));
+            static_cast<LXPCServerBase&>(base).NewConnectionHandler(AsHandle(event));
         });
     });
     xpc_connection_resume(listener);

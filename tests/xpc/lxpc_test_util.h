@@ -193,12 +193,12 @@ public:
     int invalidAttempts = 0;
 
 private:
+    // Notifies under the lock: a test that saw the change may destroy the recorder at once,
+    // and must not find a callback still inside it.
     template <class F>
     void Add(F&& add) {
-        {
-            std::lock_guard lock(mutex);
-            add();
-        }
+        std::lock_guard lock(mutex);
+        add();
         changed.notify_all();
     }
 };
