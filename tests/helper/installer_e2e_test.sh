@@ -11,6 +11,8 @@ source "$here/e2e_lib.sh"
 if [ "${1:-}" != --inside ]; then
     need_built
     need_tool unshare util-linux
+    need_tool flock util-linux
+    need_tool mount mount
     [ "$(id -u)" -eq 0 ] || skip "needs root to mount a tmpfs over /Library"
     # Root alone is not enough inside some containers: a private mount namespace with a tmpfs
     # mounted in it must actually work.
