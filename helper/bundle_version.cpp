@@ -1,0 +1,122 @@
+// Bundle version reading through libplist and the digit-run ordering of versions.
+#include "helper/bundle_version.h"
+
+#include <plist/plist.h>
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+
+namespace {
+
+// Information dictionaries are a few kilobytes; anything far larger is not a bundle's.
+constexpr size_t kMaxInfoPlistBytes = 1 << 20;
+
+constexpr char kInfoPlistInBundle[] = "/Contents/Info.plist";
+constexpr char kVersionKey[] = "CFBundleVersion";
+constexpr char kNoVersion[] = "0";
+
+void SetVersion(char* version, std::string_view text) {
+    size_t n = text.size() < kLVADHelperTextSize - 1 ? text.size() : kLVADHelperTextSize - 1;
+    std::memcpy(version, text.data(), n);
+    version[n] = '\0';
+}
+
+struct PlistDeleter {
+    void operator()(plist_t node) const { plist_free(node); }
+};
+using PlistPtr = std::unique_ptr<std::remove_pointer_t<plist_t>, PlistDeleter>;
+
+struct FileCloser {
+    void operator()(FILE* file) const { std::fclose(file); }
+};
+
+bool ReadSmallFile(std::string const& path, std::string& bytes) {
+    std::unique_ptr<FILE, FileCloser> file(std::fopen(path.c_str(), "rb"));
+    if (!file)
+        return false;
+    char chunk[4096];
+    size_t got;
+    while ((got = std::fread(chunk, 1, sizeof chunk, file.get())) > 0) {
+        if (bytes.size() + got > kMaxInfoPlistBytes)
+            return false;
+        bytes.append(chunk, got);
+    }
+    return !std::ferror(file.get());
+}
+
+bool IsDigit(unsigned char c) {
+    return c >= '0' && c <= '9';
+}
+
+}  // namespace
+
+bool LVADHelperVersionFromInfoPlist(std::string_view plistBytes, char* version) {
+    SetVersion(version, kNoVersion);
+    if (plistBytes.empty() || plistBytes.size() > kMaxInfoPlistBytes)
+        return false;
+    plist_t parsed = nullptr;
+    plist_from_memory(plistBytes.data(), static_cast<uint32_t>(plistBytes.size()), &parsed);
+    PlistPtr root(parsed);
+    if (!root || plist_get_node_type(root.get()) != PLIST_DICT)
+        return false;
+    plist_t item = plist_dict_get_item(root.get(), kVersionKey);
+    if (!item || plist_get_node_type(item) != PLIST_STRING)
+        return false;
+    uint64_t length = 0;
+    char const* text = plist_get_string_ptr(item, &length);
+    if (!text)
+        return false;
+    // The version is text: it ends at its first NUL even when the list stores more.
+    SetVersion(version, std::string_view(text, strnlen(text, length)));
+    return true;
+}
+
+bool LVADHelperReadBundleVersion(char const* bundlePath, char* version) {
+    SetVersion(version, kNoVersion);
+    if (!bundlePath || !*bundlePath)
+        return false;
+    std::string bytes;
+    if (!ReadSmallFile(std::string(bundlePath) + kInfoPlistInBundle, bytes))
+        return false;
+    return LVADHelperVersionFromInfoPlist(bytes, version);
+}
+
+int LVADHelperCompareVersions(std::string_view a, std::string_view b) {
+    size_t i = 0, j = 0;
+    while (i < a.size() && j < b.size()) {
+        unsigned char ca = a[i], cb = b[j];
+        if (IsDigit(ca) && IsDigit(cb)) {
+            size_t ea = i, eb = j;
+            while (ea < a.size() && IsDigit(a[ea]))
+                ++ea;
+            while (eb < b.size() && IsDigit(b[eb]))
+                ++eb;
+            // Compare the runs by value without converting: strip leading zeros, then the
+            // longer run is the larger number, and equal lengths compare digit by digit.
+            size_t za = i, zb = j;
+            while (za + 1 < ea && a[za] == '0')
+                ++za;
+            while (zb + 1 < eb && b[zb] == '0')
+                ++zb;
+            if (ea - za != eb - zb)
+                return ea - za < eb - zb ? -1 : 1;
+            int c = a.substr(za, ea - za).compare(b.substr(zb, eb - zb));
+            if (c != 0)
+                return c < 0 ? -1 : 1;
+            i = ea;
+            j = eb;
+            continue;
+        }
+        if (ca != cb)
+            return ca < cb ? -1 : 1;
+        ++i;
+        ++j;
+    }
+    if (i < a.size())
+        return 1;
+    if (j < b.size())
+        return -1;
+    return 0;
+}

@@ -1,0 +1,60 @@
+// The process's one static initialiser. It runs the start-up pieces in their fixed order;
+// the message key tables come last. Keeping a single initialiser in this file (which main
+// always links, since it names the tables) gives that order regardless of the link order of
+// the other objects.
+#include "helper/vadhelper_startup.h"
+
+#include <iterator>
+
+LXPCDictionaryKey arVADHelperTxKeys[kLVADHelperKeyTableSize];
+LXPCDictionaryKey arVADHelperRxKeys[kLVADHelperKeyTableSize];
+
+namespace {
+
+struct KeySpec {
+    char const* name;
+    LXPCDataType type;
+};
+
+// Clients transmit these; the service acts on NEW_ENDPOINT, REQUEST_ENDPOINT and LOAD_DRIVER.
+constexpr KeySpec kTxKeys[] = {
+    {"NEW_ENDPOINT", LXPCDataTypeObject},   {"CLOSE_ENDPOINT", LXPCDataTypeBool},
+    {"REQUEST_ENDPOINT", LXPCDataTypeBool}, {"AUDIO_DATA", LXPCDataTypeData},
+    {"LOAD_DRIVER", LXPCDataTypeString},    {"START_RECORDING", LXPCDataTypeBool},
+    {"STOP_RECORDING", LXPCDataTypeBool},   {"VOLUME_CHANGED", LXPCDataTypeDouble},
+};
+
+// Clients receive these; the service sends NEW_ENDPOINT_REPLY, SEND_ENDPOINT and
+// LOAD_DRIVER_REPLY.
+constexpr KeySpec kRxKeys[] = {
+    {"NEW_ENDPOINT_REPLY", LXPCDataTypeBool}, {"CLOSE_ENDPOINT_REPLY", LXPCDataTypeBool},
+    {"SEND_ENDPOINT", LXPCDataTypeObject},    {"AUDIO_DATA", LXPCDataTypeData},
+    {"LOAD_DRIVER_REPLY", LXPCDataTypeBool},  {"START_RECORDING", LXPCDataTypeBool},
+    {"STOP_RECORDING", LXPCDataTypeBool},     {"VOLUME_CHANGED", LXPCDataTypeDouble},
+};
+
+static_assert(std::size(kTxKeys) + 1 == kLVADHelperKeyTableSize);
+static_assert(std::size(kRxKeys) + 1 == kLVADHelperKeyTableSize);
+
+template <size_t N>
+void FillKeyTable(LXPCDictionaryKey (&table)[kLVADHelperKeyTableSize], KeySpec const (&keys)[N]) {
+    for (size_t i = 0; i < N; ++i) {
+        LXPCCopyName(table[i].szName, keys[i].name);
+        table[i].type = keys[i].type;
+    }
+    LXPCCopyName(table[N].szName, "");
+    table[N].type = LXPCDataTypeNone;
+}
+
+// Further start-up pieces (hang detector, thread-registry lock, crash handler, data-file
+// lock) take their places before the key tables as their subsystems provide them.
+struct Startup {
+    Startup() {
+        FillKeyTable(arVADHelperTxKeys, kTxKeys);
+        FillKeyTable(arVADHelperRxKeys, kRxKeys);
+    }
+};
+
+Startup const gStartup;
+
+}  // namespace

@@ -1,0 +1,278 @@
+// The endpoint broker of the real service, driven by clients over the transport: a device
+// that publishes an anonymous listener's endpoint and applications that ask for it.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+
+#include "helper/vadhelper_startup.h"
+#include "service_process.h"
+#include "tools/vadctl_messages.h"
+
+using namespace std::chrono_literals;
+using helper_test::ServiceProcess;
+using vadctl::Event;
+using vadctl::EventQueue;
+using vadctl::Inbox;
+using vadctl::Value;
+
+namespace {
+
+long AsValue(void const* pointer) {
+    return static_cast<long>(reinterpret_cast<intptr_t>(pointer));
+}
+
+// A client of the service as the application or the device sees it.
+class Client {
+public:
+    Client() : inbox_(std::make_shared<Inbox>(arVADHelperTxKeys, arVADHelperRxKeys)) {
+        connection_ = vadctl::ConnectToService(inbox_);
+    }
+    ~Client() {
+        if (connection_) {
+            lxpc::xpc_connection_cancel(connection_);
+            lxpc::xpc_release(connection_);
+        }
+    }
+
+    // Sends the values and returns the raw reply (caller releases), or null on an error.
+    lxpc::xpc_object_t SendRaw(std::initializer_list<std::pair<char const*, long>> values) {
+        lxpc::xpc_object_t message = inbox_->keys.Encode(values);
+        lxpc::xpc_object_t reply =
+            lxpc::xpc_connection_send_message_with_reply_sync(connection_, message);
+        lxpc::xpc_release(message);
+        if (reply && lxpc::xpc_get_type(reply) != lxpc::XPC_TYPE_DICTIONARY) {
+            lxpc::xpc_release(reply);
+            return nullptr;
+        }
+        return reply;
+    }
+
+    std::optional<std::vector<Value>> Send(
+        std::initializer_list<std::pair<char const*, long>> values) {
+        lxpc::xpc_object_t reply = SendRaw(values);
+        if (!reply)
+            return std::nullopt;
+        std::vector<Value> decoded = vadctl::Decode(reply, inbox_->keys.receive);
+        lxpc::xpc_release(reply);
+        return decoded;
+    }
+
+    // The next message the service pushed, within `timeout`.
+    std::optional<Event> Pushed(std::chrono::milliseconds timeout) {
+        return inbox_->events.Pop(timeout);
+    }
+
+    bool Connected() const { return connection_ != nullptr; }
+
+private:
+    std::shared_ptr<Inbox> inbox_;
+    lxpc::xpc_connection_t connection_ = nullptr;
+};
+
+// The device's side: an anonymous listener whose endpoint is published, counting the
+// connections that reach it through that endpoint.
+class Listener {
+public:
+    Listener() {
+        listener_ = lxpc::xpc_connection_create(nullptr, nullptr);
+        // The handler shares the queue: it may still run after this listener is gone.
+        lxpc::xpc_connection_set_event_handler(
+            listener_, [accepted = accepted_](lxpc::xpc_object_t peer) {
+                if (lxpc::xpc_get_type(peer) != lxpc::XPC_TYPE_CONNECTION)
+                    return;
+                lxpc::xpc_connection_set_event_handler(peer, [](lxpc::xpc_object_t) {});
+                lxpc::xpc_connection_resume(peer);
+                lxpc::xpc_connection_cancel(peer);
+                accepted->Push(Event{});
+            });
+        lxpc::xpc_connection_resume(listener_);
+        endpoint_ = lxpc::xpc_endpoint_create(listener_);
+    }
+    ~Listener() {
+        lxpc::xpc_release(endpoint_);
+        lxpc::xpc_connection_cancel(listener_);
+        lxpc::xpc_release(listener_);
+    }
+
+    lxpc::xpc_endpoint_t Endpoint() const { return endpoint_; }
+    bool Accepted(std::chrono::milliseconds timeout) { return accepted_->Pop(timeout).has_value(); }
+
+private:
+    lxpc::xpc_connection_t listener_;
+    lxpc::xpc_endpoint_t endpoint_;
+    std::shared_ptr<EventQueue> accepted_ = std::make_shared<EventQueue>();
+};
+
+// Connects to `endpoint` and says something, so its listener sees the connection.
+void ConnectTo(lxpc::xpc_object_t endpoint) {
+    lxpc::xpc_connection_t direct = lxpc::xpc_connection_create_from_endpoint(endpoint);
+    ASSERT_NE(direct, nullptr);
+    lxpc::xpc_connection_set_event_handler(direct, [](lxpc::xpc_object_t) {});
+    lxpc::xpc_connection_resume(direct);
+    lxpc::xpc_object_t hello = lxpc::xpc_dictionary_create(nullptr, nullptr, 0);
+    lxpc::xpc_dictionary_set_bool(hello, "START_RECORDING", true);
+    lxpc::xpc_connection_send_message(direct, hello);
+    lxpc::xpc_release(hello);
+    lxpc::xpc_connection_cancel(direct);
+    lxpc::xpc_release(direct);
+}
+
+// The endpoint of a pushed "SEND_ENDPOINT", retained, or null.
+lxpc::xpc_object_t PushedEndpoint(std::optional<Event> const& event) {
+    if (!event || event->error)
+        return nullptr;
+    Value const* sent = vadctl::Find(event->values, "SEND_ENDPOINT");
+    return sent && sent->object ? lxpc::xpc_retain(sent->object) : nullptr;
+}
+
+class Broker : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(service_.Ready()) << "service did not start"; }
+    void TearDown() override { EXPECT_TRUE(service_.Running()) << "service ended during the test"; }
+
+    ServiceProcess service_;
+};
+
+}  // namespace
+
+TEST_F(Broker, RequestBeforePublishGetsEmptyReply) {
+    Client app;
+    ASSERT_TRUE(app.Connected());
+    lxpc::xpc_object_t reply = app.SendRaw({{"REQUEST_ENDPOINT", 1}});
+    ASSERT_NE(reply, nullptr);
+    EXPECT_EQ(lxpc::xpc_dictionary_get_count(reply), 0u);
+    lxpc::xpc_release(reply);
+    EXPECT_FALSE(app.Pushed(100ms).has_value());
+}
+
+TEST_F(Broker, PublishRepliesAndPushesToTheLastRequesterOnly) {
+    Client first, last;
+    ASSERT_TRUE(first.Send({{"REQUEST_ENDPOINT", 1}}));
+    ASSERT_TRUE(last.Send({{"REQUEST_ENDPOINT", 0}}));  // presence counts, not the value
+
+    Listener device;
+    Client publisher;
+    auto reply = publisher.Send({{"NEW_ENDPOINT", AsValue(device.Endpoint())}});
+    ASSERT_TRUE(reply);
+    Value const* published = vadctl::Find(*reply, "NEW_ENDPOINT_REPLY");
+    ASSERT_NE(published, nullptr);
+    EXPECT_EQ(published->number, 1);
+
+    lxpc::xpc_object_t endpoint = PushedEndpoint(last.Pushed(5000ms));
+    ASSERT_NE(endpoint, nullptr) << "no SEND_ENDPOINT pushed to the last requester";
+    EXPECT_FALSE(first.Pushed(200ms).has_value());
+    EXPECT_FALSE(publisher.Pushed(0ms).has_value());
+
+    // The pushed endpoint is the device's own: connecting through it reaches its listener.
+    ConnectTo(endpoint);
+    lxpc::xpc_release(endpoint);
+    EXPECT_TRUE(device.Accepted(5000ms));
+
+    // A later request gets the stored endpoint in its reply.
+    Client late;
+    auto answer = late.Send({{"REQUEST_ENDPOINT", 1}});
+    ASSERT_TRUE(answer);
+    Value const* sent = vadctl::Find(*answer, "SEND_ENDPOINT");
+    ASSERT_TRUE(sent && sent->object);
+    ConnectTo(sent->object);
+    EXPECT_TRUE(device.Accepted(5000ms));
+}
+
+TEST_F(Broker, ANewEndpointReplacesTheStoredOne) {
+    Listener older, newer;
+    Client publisher;
+    ASSERT_TRUE(publisher.Send({{"NEW_ENDPOINT", AsValue(older.Endpoint())}}));
+    ASSERT_TRUE(publisher.Send({{"NEW_ENDPOINT", AsValue(newer.Endpoint())}}));
+    Client app;
+    auto answer = app.Send({{"REQUEST_ENDPOINT", 1}});
+    ASSERT_TRUE(answer);
+    Value const* sent = vadctl::Find(*answer, "SEND_ENDPOINT");
+    ASSERT_TRUE(sent && sent->object);
+    ConnectTo(sent->object);
+    EXPECT_TRUE(newer.Accepted(5000ms));
+    EXPECT_FALSE(older.Accepted(200ms));
+}
+
+TEST_F(Broker, AMessageWithBothKeysPublishesFirst) {
+    Client waiting;
+    ASSERT_TRUE(waiting.Send({{"REQUEST_ENDPOINT", 1}}));
+
+    // Publication first: the push goes to the requester stored before this message, and
+    // the reply to the message itself is the publication's.
+    Listener device;
+    Client both;
+    auto reply = both.Send({{"NEW_ENDPOINT", AsValue(device.Endpoint())}, {"REQUEST_ENDPOINT", 1}});
+    ASSERT_TRUE(reply);
+    EXPECT_NE(vadctl::Find(*reply, "NEW_ENDPOINT_REPLY"), nullptr);
+    lxpc::xpc_object_t endpoint = PushedEndpoint(waiting.Pushed(5000ms));
+    ASSERT_NE(endpoint, nullptr) << "the earlier requester got no push";
+    lxpc::xpc_release(endpoint);
+
+    // ... and then the request: the sender of both keys is now the requester.
+    Listener second;
+    Client publisher;
+    ASSERT_TRUE(publisher.Send({{"NEW_ENDPOINT", AsValue(second.Endpoint())}}));
+    // The message holding both keys also got a second reply (the request's); whatever the
+    // transport makes of it, the push of the new endpoint must follow.
+    bool reachedSecond = false;
+    while (!reachedSecond) {
+        std::optional<Event> event = both.Pushed(5000ms);
+        if (!event)
+            break;
+        if (lxpc::xpc_object_t endpoint = PushedEndpoint(event)) {
+            ConnectTo(endpoint);
+            lxpc::xpc_release(endpoint);
+            reachedSecond = second.Accepted(1000ms);
+        }
+    }
+    EXPECT_TRUE(reachedSecond) << "the sender of both keys did not become the requester";
+    EXPECT_FALSE(waiting.Pushed(200ms).has_value());
+}
+
+TEST_F(Broker, AClientDyingMidExchangeLeavesTheServiceServing) {
+    std::string const tool = helper_test::ClientToolExecutable();
+    ASSERT_FALSE(tool.empty());
+    posix_spawn_file_actions_t quiet;
+    posix_spawn_file_actions_init(&quiet);
+    posix_spawn_file_actions_addopen(&quiet, 1, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&quiet, 2, "/dev/null", O_WRONLY, 0);
+
+    // An application that asked, got the endpoint pushed and is connecting to the device
+    // when it is killed.
+    pid_t app = helper_test::Spawn({tool, "request", "--wait", "20000"}, {}, &quiet);
+    ASSERT_GT(app, 0);
+    Listener device;
+    Client publisher;
+    bool reached = false;
+    for (int i = 0; i < 100 && !reached; ++i) {
+        ASSERT_TRUE(publisher.Send({{"NEW_ENDPOINT", AsValue(device.Endpoint())}}));
+        reached = device.Accepted(100ms);
+    }
+    ASSERT_TRUE(reached) << "the application never reached the device";
+    kill(app, SIGKILL);
+    waitpid(app, nullptr, 0);
+
+    // The dead client was the last requester: publishing again must not hurt the service.
+    ASSERT_TRUE(publisher.Send({{"NEW_ENDPOINT", AsValue(device.Endpoint())}}));
+
+    // A client killed right after it connected, maybe before it said anything.
+    pid_t early = helper_test::Spawn({tool, "request", "--wait", "20000"}, {}, &quiet);
+    ASSERT_GT(early, 0);
+    kill(early, SIGKILL);
+    waitpid(early, nullptr, 0);
+    posix_spawn_file_actions_destroy(&quiet);
+
+    Client other;
+    auto answer = other.Send({{"REQUEST_ENDPOINT", 1}});
+    ASSERT_TRUE(answer) << "the service stopped answering";
+    Value const* sent = vadctl::Find(*answer, "SEND_ENDPOINT");
+    ASSERT_TRUE(sent && sent->object);
+    ConnectTo(sent->object);
+    EXPECT_TRUE(device.Accepted(5000ms));
+    Listener next;
+    ASSERT_TRUE(publisher.Send({{"NEW_ENDPOINT", AsValue(next.Endpoint())}}));
+    lxpc::xpc_object_t endpoint = PushedEndpoint(other.Pushed(5000ms));
+    ASSERT_NE(endpoint, nullptr);
+    lxpc::xpc_release(endpoint);
+}

@@ -1,0 +1,208 @@
+#!/usr/bin/env bash
+# The driver installer end to end: the real service executable, inside a private mount
+# namespace whose /Library is an empty tmpfs, receives "LOAD_DRIVER" offers from the client
+# tool. Driver bundles are made here. A recording launchctl stands first on the service's
+# PATH, and rm/cp/mkdir wrappers there record their command lines before running the real
+# tools, so the log holds every command text the service ran, in order.
+set -euo pipefail
+here=$(cd "$(dirname "$0")" && pwd)
+source "$here/e2e_lib.sh"
+
+if [ "${1:-}" != --inside ]; then
+    need_built
+    need_tool unshare util-linux
+    need_tool flock util-linux
+    need_tool mount mount
+    [ "$(id -u)" -eq 0 ] || skip "needs root to mount a tmpfs over /Library"
+    # Root alone is not enough inside some containers: a private mount namespace with a tmpfs
+    # mounted in it must actually work.
+    probe=$(mktemp -d /tmp/vadhelper_e2e_probe.XXXXXX)
+    probe_ok=0
+    unshare --mount --propagation private mount -t tmpfs tmpfs "$probe" 2>/dev/null && probe_ok=1
+    rmdir "$probe"
+    [ "$probe_ok" -eq 1 ] || skip "unshare --mount with a tmpfs is not permitted here"
+    # /Library must exist as a mount point. When it does not, it is made here and removed
+    # afterwards; the lock keeps concurrent runs from removing it under each other.
+    exec 9>/tmp/.kavelpl-vadhelper-e2e.lock
+    flock 9
+    made_library=0
+    if [ ! -e /Library ]; then
+        mkdir /Library
+        made_library=1
+    fi
+    rc=0
+    unshare --mount --propagation private bash "$0" --inside || rc=$?
+    if [ "$made_library" -eq 1 ]; then
+        rmdir /Library
+    fi
+    [ "$rc" -eq 0 ] || fail "unshare --mount failed or a check failed inside it (status $rc)"
+    echo "PASS"
+    exit 0
+fi
+
+mount -t tmpfs -o mode=0755 tmpfs /Library || fail "cannot mount a tmpfs over /Library"
+work=$(mktemp -d /tmp/vadhelper_e2e.XXXXXX)
+helper_pid=
+cleanup() {
+    [ -n "$helper_pid" ] && stop_pid "$helper_pid"
+    rm -rf "$work"
+}
+trap cleanup EXIT
+
+log=$work/commands.log
+bin=$work/bin
+mkdir -p "$bin" "$work/run"
+: >"$log"
+cat >"$bin/launchctl" <<LAUNCHCTL
+#!/bin/sh
+echo "launchctl \$*" >>"$log"
+LAUNCHCTL
+for tool in rm cp mkdir; do
+    cat >"$bin/$tool" <<WRAP
+#!/bin/sh
+echo "$tool \$*" >>"$log"
+exec /bin/$tool "\$@"
+WRAP
+done
+chmod +x "$bin"/*
+
+HAL=/Library/Audio/Plug-Ins/HAL
+DRIVER=$HAL/KavelPLVirtualAudioDevice.driver
+RESTART=$'launchctl stop com.apple.audio.coreaudiod\nlaunchctl start com.apple.audio.coreaudiod'
+
+# make_bundle FOLDER VERSION: a driver bundle whose Info.plist carries VERSION and whose
+# binary names it, so an installed copy can be told apart.
+make_bundle() {
+    mkdir -p "$1/Contents/MacOS"
+    cat >"$1/Contents/Info.plist" <<PLIST
+<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
+<plist version="1.0">
+<dict>
+	<key>CFBundleIdentifier</key>
+	<string>com.tessalysoftware.KavelPLVirtualAudioDevice</string>
+	<key>CFBundleVersion</key>
+	<string>$2</string>
+</dict>
+</plist>
+PLIST
+    echo "driver $2" >"$1/Contents/MacOS/KavelPLVirtualAudioDevice"
+}
+
+start_helper() {
+    # Working folder / as under systemd: the older helper's relative path resolves there.
+    (cd / && PATH="$bin:$PATH" LXPC_SERVICE_DIR="$work/run" exec "$HELPER_EXE") &
+    helper_pid=$!
+    wait_for_socket "$work/run"
+}
+
+stop_helper() {
+    stop_pid "$helper_pid"
+    helper_pid=
+    rm -f "$work/run/$SERVICE_NAME.sock"
+}
+
+# offer PATH EXPECTED_COMMANDS: offers PATH and checks the reply and the exact command texts.
+offer() {
+    local path=$1 expected=$2 reply
+    : >"$log"
+    reply=$(LXPC_SERVICE_DIR="$work/run" "$VADCTL" load-driver "$path") ||
+        fail "load-driver $path: tool failed"
+    [ "$reply" = "LOAD_DRIVER_REPLY = true" ] || fail "load-driver $path: reply '$reply'"
+    if [ "$(cat "$log")" != "$expected" ]; then
+        echo "--- expected commands for $path:" >&2
+        echo "$expected" >&2
+        echo "--- ran:" >&2
+        cat "$log" >&2
+        fail "command texts differ for offer $path"
+    fi
+}
+
+installed_is() {
+    grep -qx "driver $1" "$DRIVER/Contents/MacOS/KavelPLVirtualAudioDevice" ||
+        fail "installed driver is not $1"
+    grep -q "<string>$1</string>" "$DRIVER/Contents/Info.plist" ||
+        fail "installed Info.plist is not $1"
+}
+
+for v in 1.1 1.2 1.9 1.10 9.9; do
+    make_bundle "$work/v$v/KavelPLVirtualAudioDevice.driver" "$v"
+done
+
+# 1. No HAL folder yet: the first offer makes it, installs, restarts the audio daemon. An
+#    upgrade leaves the first-request flag set, so the next up-to-date offer restarts once
+#    more; after that up-to-date and older offers run nothing.
+mkdir -p /Library/Audio/Plug-Ins
+start_helper
+offer "$work/v1.9/KavelPLVirtualAudioDevice.driver" "mkdir $HAL
+rm -fr $DRIVER
+cp -fr $work/v1.9/KavelPLVirtualAudioDevice.driver $DRIVER
+$RESTART"
+installed_is 1.9
+offer "$work/v1.10/KavelPLVirtualAudioDevice.driver" "rm -fr $DRIVER
+cp -fr $work/v1.10/KavelPLVirtualAudioDevice.driver $DRIVER
+$RESTART"
+installed_is 1.10
+offer "$work/v1.10/KavelPLVirtualAudioDevice.driver" "$RESTART"
+offer "$work/v1.10/KavelPLVirtualAudioDevice.driver" ""
+offer "$work/v1.9/KavelPLVirtualAudioDevice.driver" ""
+installed_is 1.10
+
+# Offered paths that would change a shell command never reach one, although each is an
+#    existing folder holding a newer bundle; the reply is still true.
+evil_semicolon="$work/x;touch $work/pwned1"
+evil_blank="$work/with blank/KavelPLVirtualAudioDevice.driver"
+evil_subst="$work/a\$(touch $work/pwned2)"
+for evil in "$evil_semicolon" "$work/semi;id" "$evil_blank" "$evil_subst"; do
+    make_bundle "$evil" 9.9
+    offer "$evil" ""
+done
+[ ! -e "$work/pwned1" ] && [ ! -e "$work/pwned2" ] || fail "an offered path reached a shell"
+offer "KavelPLVirtualAudioDevice.driver" ""
+installed_is 1.10
+stop_helper
+
+# 2. A fresh process with 1.1 installed and the older edition present: offering 1.1 again
+#    reinstalls nothing but restarts the audio daemon exactly once; the older edition stays.
+rm -rf /Library/*
+mkdir -p "$HAL" /Library/PrivilegedHelperTools /Library/LaunchDaemons
+cp -r "$work/v1.1/KavelPLVirtualAudioDevice.driver" "$DRIVER"
+make_bundle "$HAL/TessalyVirtualAudioDevice.driver" 3.0
+echo helper >/Library/PrivilegedHelperTools/com.tessalysoftware.vadhelper
+echo plist >/Library/LaunchDaemons/com.tessalysoftware.vadhelper.plist
+start_helper
+offer "$work/v1.1/KavelPLVirtualAudioDevice.driver" "$RESTART"
+offer "$work/v1.1/KavelPLVirtualAudioDevice.driver" ""
+installed_is 1.1
+[ -e "$HAL/TessalyVirtualAudioDevice.driver" ] || fail "older driver removed without an upgrade"
+
+# An upgrade removes the older edition's driver, helper and launchd list and stops it.
+offer "$work/v1.2/KavelPLVirtualAudioDevice.driver" "rm -fr $HAL/TessalyVirtualAudioDevice.driver
+rm -fr Library/PrivilegedHelperTools/com.tessalysoftware.vadhelper
+rm -fr /Library/LaunchDaemons/com.tessalysoftware.vadhelper.plist
+launchctl stop com.tessalysoftware.vadhelper
+rm -fr $DRIVER
+cp -fr $work/v1.2/KavelPLVirtualAudioDevice.driver $DRIVER
+$RESTART"
+installed_is 1.2
+for gone in "$HAL/TessalyVirtualAudioDevice.driver" \
+    /Library/PrivilegedHelperTools/com.tessalysoftware.vadhelper \
+    /Library/LaunchDaemons/com.tessalysoftware.vadhelper.plist; do
+    [ ! -e "$gone" ] || fail "$gone was not removed"
+done
+offer "$work/v1.2/KavelPLVirtualAudioDevice.driver" ""
+stop_helper
+
+# 3. An empty HAL folder: installed without making the folder; a bundle whose version
+#    cannot be read is never installed.
+rm -rf /Library/*
+mkdir -p "$HAL"
+mkdir -p "$work/noversion/KavelPLVirtualAudioDevice.driver"
+start_helper
+offer "$work/noversion/KavelPLVirtualAudioDevice.driver" "$RESTART"
+[ ! -e "$DRIVER" ] || fail "a bundle without a version was installed"
+offer "$work/v1.1/KavelPLVirtualAudioDevice.driver" "rm -fr $DRIVER
+cp -fr $work/v1.1/KavelPLVirtualAudioDevice.driver $DRIVER
+$RESTART"
+installed_is 1.1
+stop_helper

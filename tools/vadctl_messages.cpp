@@ -1,0 +1,204 @@
+// Message plumbing of the client tool.
+#include "tools/vadctl_messages.h"
+
+#include <unistd.h>
+
+#include <cstring>
+#include <iterator>
+#include <utility>
+
+#include "helper/vadhelper_startup.h"
+
+namespace vadctl {
+
+namespace {
+
+void AddTable(LList<LXPCDictionaryKeyListable>& list, LXPCDictionaryKey const* table) {
+    for (; table->szName[0] != '\0'; ++table) {
+        auto* key = new LXPCDictionaryKeyListable;
+        LXPCCopyName(key->szName, table->szName);
+        key->type = table->type;
+        list.PushFront(key);
+    }
+}
+
+LXPCDictionaryKeyListable const* FindKey(LList<LXPCDictionaryKeyListable> const& list,
+                                         char const* name) {
+    return list.FindFirst([name](LXPCDictionaryKeyListable const& key) {
+        return std::strcmp(key.szName, name) == 0;
+    });
+}
+
+}  // namespace
+
+KeyLists::KeyLists(LXPCDictionaryKey const* sendTable, LXPCDictionaryKey const* receiveTable) {
+    AddTable(send, sendTable);
+    AddTable(receive, receiveTable);
+}
+
+void KeyLists::Fill(lxpc::xpc_object_t dictionary,
+                    std::initializer_list<std::pair<char const*, long>> values) {
+    LList<LXPCDataListable> list;
+    // Pushed in reverse so the list reads in the order given.
+    for (auto it = std::rbegin(values); it != std::rend(values); ++it) {
+        if (auto const* key = FindKey(send, it->first))
+            list.PushFront(CreateXPCData(*key, it->second, 0));
+    }
+    SetXPCDictionary(dictionary, send, list);
+}
+
+lxpc::xpc_object_t KeyLists::Encode(std::initializer_list<std::pair<char const*, long>> values) {
+    lxpc::xpc_object_t dictionary = lxpc::xpc_dictionary_create(nullptr, nullptr, 0);
+    Fill(dictionary, values);
+    return dictionary;
+}
+
+lxpc::xpc_object_t KeyLists::EncodeDouble(char const* name, double value) {
+    LList<LXPCDataListable> list;
+    if (auto const* key = FindKey(send, name))
+        list.PushFront(CreateXPCDataDouble(*key, value));
+    lxpc::xpc_object_t dictionary = lxpc::xpc_dictionary_create(nullptr, nullptr, 0);
+    SetXPCDictionary(dictionary, send, list);
+    return dictionary;
+}
+
+lxpc::xpc_object_t KeyLists::EncodeData(char const* name, void const* bytes, size_t length) {
+    LList<LXPCDataListable> list;
+    if (auto const* key = FindKey(send, name))
+        list.PushFront(
+            CreateXPCData(*key, static_cast<long>(reinterpret_cast<intptr_t>(bytes)), length));
+    lxpc::xpc_object_t dictionary = lxpc::xpc_dictionary_create(nullptr, nullptr, 0);
+    SetXPCDictionary(dictionary, send, list);
+    return dictionary;
+}
+
+Value::Value(Value&& other) noexcept
+    : name(std::move(other.name)),
+      type(other.type),
+      number(other.number),
+      floating(other.floating),
+      bytes(std::move(other.bytes)),
+      object(std::exchange(other.object, nullptr)) {}
+
+Value& Value::operator=(Value&& other) noexcept {
+    if (this != &other) {
+        if (object)
+            lxpc::xpc_release(object);
+        name = std::move(other.name);
+        type = other.type;
+        number = other.number;
+        floating = other.floating;
+        bytes = std::move(other.bytes);
+        object = std::exchange(other.object, nullptr);
+    }
+    return *this;
+}
+
+Value::~Value() {
+    if (object)
+        lxpc::xpc_release(object);
+}
+
+std::vector<Value> Decode(lxpc::xpc_object_t dictionary,
+                          LList<LXPCDictionaryKeyListable>& receive) {
+    LList<LXPCDataListable> list;
+    GetXPCDictionary(dictionary, receive, list);
+    std::vector<Value> values;
+    for (LXPCDataListable const& data : list) {
+        Value value;
+        value.name = data.szName;
+        value.type = data.type;
+        value.number = data.nValue;
+        value.floating = data.fValue;
+        auto const* pointer = reinterpret_cast<uint8_t const*>(static_cast<intptr_t>(data.nValue));
+        switch (data.type) {
+            case LXPCDataTypeData:
+                if (pointer && data.nValue != -1)
+                    value.bytes.assign(pointer, pointer + data.nLength);
+                break;
+            case LXPCDataTypeString:
+                if (pointer && data.nValue != -1)
+                    value.bytes.assign(
+                        pointer, pointer + std::strlen(reinterpret_cast<char const*>(pointer)));
+                break;
+            case LXPCDataTypeObject:
+                if (data.nValue != 0 && data.nValue != -1)
+                    value.object = lxpc::xpc_retain(
+                        reinterpret_cast<lxpc::xpc_object_t>(static_cast<intptr_t>(data.nValue)));
+                break;
+            case LXPCDataTypeFD:
+                // A decoded descriptor is the receiver's; the tool has no use for one.
+                if (data.nValue >= 0)
+                    ::close(static_cast<int>(data.nValue));
+                break;
+            default:
+                break;
+        }
+        values.push_back(std::move(value));
+    }
+    return values;
+}
+
+Value const* Find(std::vector<Value> const& values, char const* name) {
+    for (Value const& value : values) {
+        if (value.name == name)
+            return &value;
+    }
+    return nullptr;
+}
+
+void EventQueue::Push(Event event) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        events_.push_back(std::move(event));
+    }
+    ready_.notify_one();
+}
+
+std::optional<Event> EventQueue::Pop(std::chrono::milliseconds timeout) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (!ready_.wait_for(lock, timeout, [this] { return !events_.empty(); }))
+        return std::nullopt;
+    Event event = std::move(events_.front());
+    events_.pop_front();
+    return event;
+}
+
+void Watch(lxpc::xpc_connection_t connection, std::shared_ptr<Inbox> inbox) {
+    // The connection is captured as an id only: a retained reference in its own handler
+    // would keep it alive for ever.
+    lxpc::xpc_connection_set_event_handler(
+        connection, [connection, inbox = std::move(inbox)](lxpc::xpc_object_t event) {
+            Event e;
+            e.connection = connection;
+            if (lxpc::xpc_get_type(event) == lxpc::XPC_TYPE_DICTIONARY)
+                e.values = Decode(event, inbox->keys.receive);
+            else
+                e.error = true;
+            inbox->events.Push(std::move(e));
+        });
+    lxpc::xpc_connection_resume(connection);
+}
+
+lxpc::xpc_connection_t ConnectToService(std::shared_ptr<Inbox> inbox) {
+    lxpc::xpc_connection_t connection =
+        lxpc::xpc_connection_create_mach_service(kLVADHelperServiceName, nullptr, 0);
+    if (connection)
+        Watch(connection, std::move(inbox));
+    return connection;
+}
+
+std::optional<std::vector<Value>> SendAndWait(lxpc::xpc_connection_t connection,
+                                              lxpc::xpc_object_t message, KeyLists& keys) {
+    lxpc::xpc_object_t reply =
+        lxpc::xpc_connection_send_message_with_reply_sync(connection, message);
+    if (!reply)
+        return std::nullopt;
+    std::optional<std::vector<Value>> values;
+    if (lxpc::xpc_get_type(reply) == lxpc::XPC_TYPE_DICTIONARY)
+        values = Decode(reply, keys.receive);
+    lxpc::xpc_release(reply);
+    return values;
+}
+
+}  // namespace vadctl
