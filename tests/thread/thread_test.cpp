@@ -1,3 +1,5 @@
+// LThread: start/stop/wait results and destructor semantics, detached threads with their
+// owner, and commands run on their own thread (ProcessRunData).
 #include "thread/lthread.h"
 
 #include <gtest/gtest.h>
