@@ -1,10 +1,13 @@
-// Composition, splitting, relative/absolute forms and display forms of LFile paths. Every
-// destination is an exact 260-byte heap buffer so that a write past it trips ASan.
+// Composition, splitting, relative/absolute and display forms of LFile paths, name validation
+// with both message tables, MIME types and the small name predicates. Every destination is an
+// exact 260-byte heap buffer so that a write past it trips ASan.
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <initializer_list>
 #include <memory>
 #include <string>
+#include <type_traits>
 
 #include "file/lfile.h"
 
@@ -23,33 +26,71 @@ private:
     std::unique_ptr<char[]> data_;
 };
 
+// Calls fn(dst, args...) on a fresh buffer and returns what it left there, behind
+// "<result>:" when fn returns something.
+template <typename Fn, typename... Args>
+std::string Into(Fn fn, Args... args) {
+    PathBuf dst;
+    if constexpr (std::is_void_v<decltype(fn(dst, args...))>) {
+        fn(dst, args...);
+        return dst.str();
+    } else {
+        auto result = fn(dst, args...);
+        return std::to_string(result) + ":" + dst.str();
+    }
+}
+
+struct Case {
+    std::string in, out;
+};
+struct Case2 {
+    std::string a, b, out;
+};
+
+// Checks each case: fn is either a plain function of the inputs giving the answer, or an
+// LFile path operation whose answer is what Into() reports.
+template <typename Fn, typename... In>
+std::string Answer(Fn fn, In... in) {
+    if constexpr (std::is_invocable_v<Fn, In...>) {
+        return fn(in...);
+    } else {
+        return Into(fn, in...);
+    }
+}
+
+template <typename Fn>
+void ExpectEach(Fn fn, std::initializer_list<Case> cases) {
+    for (Case const& c : cases) {
+        EXPECT_EQ(Answer(fn, c.in.c_str()), c.out) << "input: " << c.in;
+    }
+}
+
+template <typename Fn>
+void ExpectEach2(Fn fn, std::initializer_list<Case2> cases) {
+    for (Case2 const& c : cases) {
+        EXPECT_EQ(Answer(fn, c.a.c_str(), c.b.c_str()), c.out) << "input: " << c.a << " | " << c.b;
+    }
+}
+
 std::string Repeat(char c, size_t n) {
     return std::string(n, c);
 }
 
-std::string Join(char const* folder, char const* name, char const* ext) {
-    PathBuf dst;
-    LFile::_MakeFilePath(dst, folder, name, ext);
-    return dst.str();
+std::string JoinWav(char const* folder, char const* name) {
+    return Into(LFile::_MakeFilePath, folder, name, ".wav");
 }
 
 TEST(MakeFilePath, JoinsWithOneSlash) {
-    EXPECT_EQ(Join("/a", "b", ".wav"), "/a/b.wav");
-    EXPECT_EQ(Join("/a/", "b", ".wav"), "/a/b.wav");
-    EXPECT_EQ(Join("C:\\x\\", "b", ""), "C:\\x\\b");  // a backslash already separates
-    EXPECT_EQ(Join("", "b", ".wav"), "b.wav");
-    EXPECT_EQ(Join("/a", nullptr, nullptr), "/a/");
-    EXPECT_EQ(Join(nullptr, "b", nullptr), "b");
+    ExpectEach2(JoinWav, {{"/a", "b", "/a/b.wav"}, {"/a/", "b", "/a/b.wav"}, {"", "b", "b.wav"}});
+    EXPECT_EQ(Into(LFile::_MakeFilePath, "C:\\x\\", "b", ""), "C:\\x\\b");  // "\" separates
+    EXPECT_EQ(Into(LFile::_MakeFilePath, "/a", nullptr, nullptr), "/a/");
+    EXPECT_EQ(Into(LFile::_MakeFilePath, nullptr, "b", nullptr), "b");
 }
 
 TEST(MakeFilePath, CutsFolderAt258AndWholeAt259) {
-    std::string folder = Repeat('f', 300);
-    std::string joined = Join(folder.c_str(), "name", ".wav");
-    EXPECT_EQ(joined, Repeat('f', 258) + "/");
-    std::string longName = Repeat('n', 400);
-    joined = Join("/a", longName.c_str(), ".wav");
-    EXPECT_EQ(joined, "/a/" + Repeat('n', 256));
-    joined = Join("/a", Repeat('n', 250).c_str(), ".wav.longer");
+    ExpectEach2(JoinWav, {{Repeat('f', 300), "name", Repeat('f', 258) + "/"},
+                          {"/a", Repeat('n', 400), "/a/" + Repeat('n', 256)}});
+    std::string joined = Into(LFile::_MakeFilePath, "/a", Repeat('n', 250).c_str(), ".wav.longer");
     EXPECT_EQ(joined.size(), 259u);
     EXPECT_EQ(joined.substr(253), ".wav.l");
 }
@@ -67,47 +108,31 @@ TEST(MakeFilePath, FolderMayBeTheDestination) {
 }
 
 TEST(MakeFilePath, FormattedName) {
-    PathBuf dst;
-    LFile::MakeFilePathF(dst, "/rec", "take_%d_%s", 7, "left");
-    EXPECT_EQ(dst.str(), "/rec/take_7_left");
-    LFile::MakeFilePathF(dst, "", "%s", Repeat('z', 300).c_str());
-    EXPECT_EQ(dst.str(), Repeat('z', 259));
+    EXPECT_EQ(Into(LFile::MakeFilePathF, "/rec", "take_%d_%s", 7, "left"), "/rec/take_7_left");
+    EXPECT_EQ(Into(LFile::MakeFilePathF, "", "%s", Repeat('z', 300).c_str()), Repeat('z', 259));
 }
 
 TEST(MakeFilePathSecure, NeutralisesEveryPiece) {
-    PathBuf dst;
-    LFile::_MakeFilePathSecure(dst, "/x/../etc", "../../passwd", "/.sh");
-    EXPECT_EQ(dst.str(), "etc/passwd.sh");
-    LFile::_MakeFilePathSecure(dst, "/srv/data", "sub/take", ".wav");
-    EXPECT_EQ(dst.str(), "/srv/data/take.wav");
+    EXPECT_EQ(Into(LFile::_MakeFilePathSecure, "/x/../etc", "../../passwd", "/.sh"),
+              "etc/passwd.sh");
+    EXPECT_EQ(Into(LFile::_MakeFilePathSecure, "/srv/data", "sub/take", ".wav"),
+              "/srv/data/take.wav");
     // Any period cuts the folder, even one inside a folder name.
-    LFile::_MakeFilePathSecure(dst, "/home/my.docs/x", "a", "b\\wav");
-    EXPECT_EQ(dst.str(), "docs/x/awav");
-    LFile::_MakeFilePathSecure(dst, "/a.", "b", "wav");
-    EXPECT_EQ(dst.str(), "bwav");
-}
-
-std::string NewExtension(char const* path, char const* ext) {
-    PathBuf dst;
-    LFile::_ApplyNewFileExtension(dst, path, ext);
-    return dst.str();
+    EXPECT_EQ(Into(LFile::_MakeFilePathSecure, "/home/my.docs/x", "a", "b\\wav"), "docs/x/awav");
+    EXPECT_EQ(Into(LFile::_MakeFilePathSecure, "/a.", "b", "wav"), "bwav");
 }
 
 TEST(ApplyNewFileExtension, ReplacesOrAppends) {
-    EXPECT_EQ(NewExtension("/a/b.txt", ".wav"), "/a/b.wav");
-    EXPECT_EQ(NewExtension("/a.d/b", ".wav"), "/a.d/b.wav");
-    EXPECT_EQ(NewExtension(".txt", ".wav"), ".txt.wav");
-    EXPECT_EQ(NewExtension("/a/.profile", ".wav"), "/a/.wav");
-    EXPECT_EQ(NewExtension("a\\b.c.d", ""), "a\\b.c");
-}
-
-TEST(ApplyNewFileExtension, Cuts) {
-    std::string full = Repeat('p', 259);
-    EXPECT_EQ(NewExtension(full.c_str(), ".wav"), full);  // position 259: nothing applied
-    std::string near = Repeat('p', 257);
-    EXPECT_EQ(NewExtension(near.c_str(), ".wav"), near + ".w");
-    std::string longer = Repeat('p', 300);
-    EXPECT_EQ(NewExtension(longer.c_str(), ".wav"), Repeat('p', 259));
+    ExpectEach2(LFile::_ApplyNewFileExtension,
+                {{"/a/b.txt", ".wav", "/a/b.wav"},
+                 {"/a.d/b", ".wav", "/a.d/b.wav"},
+                 {".txt", ".wav", ".txt.wav"},
+                 {"/a/.profile", ".wav", "/a/.wav"},
+                 {"a\\b.c.d", "", "a\\b.c"},
+                 // A period at position 259 leaves no room: nothing is applied.
+                 {Repeat('p', 259), ".wav", Repeat('p', 259)},
+                 {Repeat('p', 257), ".wav", Repeat('p', 257) + ".w"},
+                 {Repeat('p', 300), ".wav", Repeat('p', 259)}});
     PathBuf dst;
     strcpy(dst, "/x/take.aiff");
     LFile::_ApplyNewFileExtension(dst, dst, ".lck");
@@ -115,205 +140,282 @@ TEST(ApplyNewFileExtension, Cuts) {
 }
 
 TEST(SplitPath, Folder) {
-    PathBuf dst;
-    EXPECT_EQ(LFile::_GetFolderFromPath(dst, "file"), 0u);
-    EXPECT_EQ(dst.str(), "");
-    EXPECT_EQ(LFile::_GetFolderFromPath(dst, "/file"), 1u);
-    EXPECT_EQ(dst.str(), "/");
-    EXPECT_EQ(LFile::_GetFolderFromPath(dst, "\\file"), 0u);
-    EXPECT_EQ(LFile::_GetFolderFromPath(dst, "/a/b/"), 4u);
-    EXPECT_EQ(dst.str(), "/a/b");
-    EXPECT_EQ(LFile::_GetFolderFromPath(dst, "C:\\x\\y.txt"), 4u);
-    EXPECT_EQ(dst.str(), "C:\\x");
     // Only the first 260 characters are searched for the separator.
     std::string deep = "/" + Repeat('a', 258) + "/" + Repeat('b', 10) + "/c";
-    EXPECT_EQ(LFile::_GetFolderFromPath(dst, deep.c_str()), 259u);
-    EXPECT_EQ(dst.str(), deep.substr(0, 259));
+    ExpectEach(LFile::_GetFolderFromPath, {{"file", "0:"},
+                                           {"/file", "1:/"},
+                                           {"\\file", "0:"},
+                                           {"/a/b/", "4:/a/b"},
+                                           {"C:\\x\\y.txt", "4:C:\\x"},
+                                           {deep, "259:" + deep.substr(0, 259)}});
 }
 
 TEST(SplitPath, FileNameAndExtension) {
-    PathBuf dst;
-    LFile::_GetFileFromPath(dst, "/a\\b/c.tar.gz");
-    EXPECT_EQ(dst.str(), "c.tar.gz");
-    LFile::_GetFileFromPath(dst, "plain");
-    EXPECT_EQ(dst.str(), "plain");
-    LFile::_GetFileFromPath(dst, ("/" + Repeat('f', 300)).c_str());
-    EXPECT_EQ(dst.str(), Repeat('f', 259));
-
-    LFile::_GetFileExtensionFromPath(dst, "/a/c.tar.gz");
-    EXPECT_EQ(dst.str(), ".gz");
-    LFile::_GetFileExtensionFromPath(dst, "/a.d/c");
-    EXPECT_EQ(dst.str(), "");
-    LFile::_GetFileExtensionFromPath(dst, "/home/.profile");
-    EXPECT_EQ(dst.str(), ".profile");
-
-    EXPECT_EQ(LFile::_GetFileNameFromPath(dst, "/a/take.01.wav"), 7u);
-    EXPECT_EQ(dst.str(), "take.01");
-    EXPECT_EQ(LFile::_GetFileNameFromPath(dst, "/a/.profile"), 0u);
-    EXPECT_EQ(dst.str(), ".profile");
-    EXPECT_EQ(LFile::_GetFileNameFromPath(dst, "x.d\\noext"), 0u);
-    EXPECT_EQ(dst.str(), "noext");
+    ExpectEach(LFile::_GetFileFromPath, {{"/a\\b/c.tar.gz", "c.tar.gz"},
+                                         {"plain", "plain"},
+                                         {"/" + Repeat('f', 300), Repeat('f', 259)}});
+    ExpectEach(LFile::_GetFileExtensionFromPath,
+               {{"/a/c.tar.gz", ".gz"}, {"/a.d/c", ""}, {"/home/.profile", ".profile"}});
+    ExpectEach(LFile::_GetFileNameFromPath, {{"/a/take.01.wav", "7:take.01"},
+                                             {"/a/.profile", "0:.profile"},
+                                             {"x.d\\noext", "0:noext"}});
 }
 
 TEST(SplitPath, BaseFolder) {
-    PathBuf dst;
-    LFile::_GetBaseFolderFromPath(dst, "/Users/a/b");
-    EXPECT_EQ(dst.str(), "/Users");
-    LFile::_GetBaseFolderFromPath(dst, "D:\\x");
-    EXPECT_EQ(dst.str(), "D:");
-    LFile::_GetBaseFolderFromPath(dst, "/Users");
-    EXPECT_EQ(dst.str(), "/Users");
-    LFile::_GetBaseFolderFromPath(dst, "a/");
-    EXPECT_EQ(dst.str(), "a");
-    LFile::_GetBaseFolderFromPath(dst, "/");
-    EXPECT_EQ(dst.str(), "/");
+    ExpectEach(
+        LFile::_GetBaseFolderFromPath,
+        {{"/Users/a/b", "/Users"}, {"D:\\x", "D:"}, {"/Users", "/Users"}, {"a/", "a"}, {"/", "/"}});
 }
 
-std::string Absolute(char const* base, char const* path, char const* ext = "") {
-    PathBuf dst;
-    LFile::MakeAbsoluteFilePath(dst, base, path, ext);
-    return dst.str();
+std::string Absolute(char const* base, char const* path) {
+    return Into(LFile::MakeAbsoluteFilePath, base, path, "");
 }
 
 TEST(MakeAbsoluteFilePath, AbsoluteAndPlainPaths) {
-    EXPECT_EQ(Absolute("/base", "/x/y", ".wav"), "/x/y.wav");
-    EXPECT_EQ(Absolute("/base", "\\x"), "\\x");
-    EXPECT_EQ(Absolute("/base", "C:\\x"), "C:\\x");
-    EXPECT_EQ(Absolute("/base", "c:x"), "c:x");
-    EXPECT_EQ(Absolute("/base", "x/a:b"), "/base/x/a:b");  // the colon is behind a separator
-    EXPECT_EQ(Absolute("/base", "x/y", ".txt"), "/base/x/y.txt");
+    EXPECT_EQ(Into(LFile::MakeAbsoluteFilePath, "/base", "/x/y", ".wav"), "/x/y.wav");
+    EXPECT_EQ(Into(LFile::MakeAbsoluteFilePath, "/base", "x/y", ".txt"), "/base/x/y.txt");
+    ExpectEach2(Absolute, {{"/base", "\\x", "\\x"},
+                           {"/base", "C:\\x", "C:\\x"},
+                           {"/base", "c:x", "c:x"},
+                           // The colon is behind a separator: not a drive.
+                           {"/base", "x/a:b", "/base/x/a:b"}});
 }
 
 TEST(MakeAbsoluteFilePath, ConsumesDotSteps) {
-    EXPECT_EQ(Absolute("/a/b", "./x"), "/a/b/x");
-    EXPECT_EQ(Absolute("/a/b/", "../x"), "/a/x");
-    EXPECT_EQ(Absolute("/a/bb", "../x"), "/a/x");
-    EXPECT_EQ(Absolute("/aa/bb/cc/", ".\\..\\../x"), "/aa/x");
-    EXPECT_EQ(Absolute("/a/b", ".hidden"), "/a/b/.hidden");
-    EXPECT_EQ(Absolute("/a/b/", "../.x"), "/a/.x");
-    EXPECT_EQ(Absolute("/a/b/", "...x"), "/a/b/...x");
+    ExpectEach2(Absolute, {{"/a/b", "./x", "/a/b/x"},
+                           {"/a/b/", "../x", "/a/x"},
+                           {"/a/bb", "../x", "/a/x"},
+                           {"/aa/bb/cc/", ".\\..\\../x", "/aa/x"},
+                           {"/a/b", ".hidden", "/a/b/.hidden"},
+                           {"/a/b/", "../.x", "/a/.x"},
+                           {"/a/b/", "...x", "/a/b/...x"}});
 }
 
 TEST(MakeAbsoluteFilePath, DeliberateQuirks) {
-    // The scan starts at the third-to-last character: a one-letter last component without a
-    // trailing separator takes the component before it along.
-    EXPECT_EQ(Absolute("/a/b", "../x"), "x");
-    EXPECT_EQ(Absolute("/abc/d", "../x"), "x");
-    // A base of exactly two characters is left uncut; a shorter one stops the consumption.
-    EXPECT_EQ(Absolute("ab", "../x"), "ab/x");
-    EXPECT_EQ(Absolute("a", "../x"), "a/../x");
-    EXPECT_EQ(Absolute("", "./../x"), "../x");
-    // Climbing above the top leaves the remaining steps as they are.
-    EXPECT_EQ(Absolute("/a/", "../../../x"), "../../x");
-    // After one step the base has lost its trailing separator, so the quirk above applies
-    // to the next step.
-    EXPECT_EQ(Absolute("/a/b/c/", "../../x"), "x");
+    ExpectEach2(Absolute, {
+                              // The scan starts at the third-to-last character: a one-letter
+                              // last component without a trailing separator takes the component
+                              // before it along.
+                              {"/a/b", "../x", "x"},
+                              {"/abc/d", "../x", "x"},
+                              // A base of exactly two characters is left uncut; a shorter one
+                              // stops the consumption.
+                              {"ab", "../x", "ab/x"},
+                              {"a", "../x", "a/../x"},
+                              {"", "./../x", "../x"},
+                              // Climbing above the top leaves the remaining steps as they are.
+                              {"/a/", "../../../x", "../../x"},
+                              // After one step the base has lost its trailing separator, so the
+                              // first quirk applies to the next step.
+                              {"/a/b/c/", "../../x", "x"},
+                          });
 }
 
 TEST(GetRelativePathFromAbsolutePath, InsideAndOutside) {
-    PathBuf dst;
-    EXPECT_TRUE(LFile::GetRelativePathFromAbsolutePath(dst, "/a/b", "/a/b/c/d"));
-    EXPECT_EQ(dst.str(), "c/d");
-    EXPECT_TRUE(LFile::GetRelativePathFromAbsolutePath(dst, "/a/b/", "/a/b/c"));
-    EXPECT_EQ(dst.str(), "c");
-    EXPECT_TRUE(LFile::GetRelativePathFromAbsolutePath(dst, "/a/b/", "/a/b"));
-    EXPECT_EQ(dst.str(), "");
-    EXPECT_TRUE(LFile::GetRelativePathFromAbsolutePath(dst, "/a/b", "/a/b"));
-    EXPECT_EQ(dst.str(), "");
-    EXPECT_TRUE(LFile::GetRelativePathFromAbsolutePath(dst, "\\a\\b", "/a/b/c"));
-    EXPECT_EQ(dst.str(), "c");
-    EXPECT_FALSE(LFile::GetRelativePathFromAbsolutePath(dst, "/a/b", "/a/bc"));
-    EXPECT_EQ(dst.str(), "");
-    EXPECT_FALSE(LFile::GetRelativePathFromAbsolutePath(dst, "/A/b", "/a/b/c"));
-    EXPECT_FALSE(LFile::GetRelativePathFromAbsolutePath(dst, "/a/b/c", "/a/b"));
-    EXPECT_FALSE(LFile::GetRelativePathFromAbsolutePath(dst, "/a/b/", "/a/bx"));
+    ExpectEach2(LFile::GetRelativePathFromAbsolutePath, {{"/a/b", "/a/b/c/d", "1:c/d"},
+                                                         {"/a/b/", "/a/b/c", "1:c"},
+                                                         {"/a/b/", "/a/b", "1:"},
+                                                         {"/a/b", "/a/b", "1:"},
+                                                         {"\\a\\b", "/a/b/c", "1:c"},
+                                                         {"/a/b", "/a/bc", "0:"},
+                                                         {"/A/b", "/a/b/c", "0:"},
+                                                         {"/a/b/c", "/a/b", "0:"},
+                                                         {"/a/b/", "/a/bx", "0:"}});
 }
 
 TEST(MakeRelative, FilePathSharesWholeComponents) {
-    PathBuf dst;
-    EXPECT_TRUE(LFile::MakeRelativeFilePath(dst, "/a/b", "/a/c/d.txt"));
-    EXPECT_EQ(dst.str(), "../c/d.txt");
-    EXPECT_TRUE(LFile::MakeRelativeFilePath(dst, "/a/bc", "/a/bd/x"));
-    EXPECT_EQ(dst.str(), "../bd/x");
-    EXPECT_TRUE(LFile::MakeRelativeFilePath(dst, "/a/b/", "/a/b/c/d"));
-    EXPECT_EQ(dst.str(), "c/d");
-    EXPECT_TRUE(LFile::MakeRelativeFilePath(dst, "/x/y/z", "/a"));
-    EXPECT_EQ(dst.str(), "../../../a");
+    ExpectEach2(LFile::MakeRelativeFilePath, {{"/a/b", "/a/c/d.txt", "1:../c/d.txt"},
+                                              {"/a/bc", "/a/bd/x", "1:../bd/x"},
+                                              {"/a/b/", "/a/b/c/d", "1:c/d"},
+                                              {"/x/y/z", "/a", "1:../../../a"}});
 }
 
 TEST(MakeRelative, FolderSharesCharacters) {
-    PathBuf dst;
-    EXPECT_TRUE(LFile::MakeRelativeFolder(dst, "/a/bc", "/a/bd/x"));
-    EXPECT_EQ(dst.str(), "../d/x");  // the shared "b" counts as common, deliberately
-    EXPECT_TRUE(LFile::MakeRelativeFolder(dst, "/a/b", "/a/c/d.txt"));
-    EXPECT_EQ(dst.str(), "../c/d.txt");
-    EXPECT_TRUE(LFile::MakeRelativeFolder(dst, "/a/b", "/a/b/c"));
-    EXPECT_EQ(dst.str(), "c");
-    // Only "/" separates here.
-    EXPECT_TRUE(LFile::MakeRelativeFolder(dst, "\\a\\b", "/a/b"));
-    EXPECT_EQ(dst.str(), "../a/b");
-}
-
-TEST(MakeRelative, CutsAt259) {
+    ExpectEach2(LFile::MakeRelativeFolder, {// The shared "b" counts as common, deliberately.
+                                            {"/a/bc", "/a/bd/x", "1:../d/x"},
+                                            {"/a/b", "/a/c/d.txt", "1:../c/d.txt"},
+                                            {"/a/b", "/a/b/c", "1:c"},
+                                            // Only "/" separates here.
+                                            {"\\a\\b", "/a/b", "1:../a/b"}});
     std::string from;
     for (int i = 0; i < 120; ++i) {
         from += "/d";
     }
-    PathBuf dst;
-    EXPECT_TRUE(LFile::MakeRelativeFolder(dst, from.c_str(), "/target"));
-    std::string out = dst.str();
-    ASSERT_EQ(out.size(), 259u);
-    EXPECT_EQ(out.substr(0, 9), "../../../");
-}
-
-std::string Compact(char const* path, size_t size) {
-    PathBuf dst;
-    LFile::CompactFilePath(dst, path, size);
-    return dst.str();
+    std::string out = Into(LFile::MakeRelativeFolder, from.c_str(), "/target");
+    EXPECT_EQ(out.size(), 2u + 259u);
+    EXPECT_EQ(out.substr(0, 11), "1:../../../");
 }
 
 TEST(CompactFilePath, MiddleEllipsis) {
-    char const* path = "/0123456789abcdefgh";  // 19 characters
-    EXPECT_EQ(Compact("/abcdefghijklmnopqrs", 11), "/abc...qrs");
-    EXPECT_EQ(Compact(path, 12), "/012...efgh");
-    EXPECT_EQ(Compact(path, 20), path);
-    EXPECT_EQ(Compact(path, 19), "/0123456...bcdefgh");
-    EXPECT_EQ(Compact(path, 5), "/...");
-    EXPECT_EQ(Compact(path, 4), "...");
-    EXPECT_EQ(Compact(path, 3), "..");
-    EXPECT_EQ(Compact(path, 1), "");
+    auto compact = [](char const* size) {
+        return Into(LFile::CompactFilePath, "/0123456789abcdefgh", std::stoul(size));
+    };
+    ExpectEach(compact, {{"12", "/012...efgh"},
+                         {"20", "/0123456789abcdefgh"},
+                         {"19", "/0123456...bcdefgh"},
+                         {"5", "/..."},
+                         {"4", "..."},
+                         {"3", ".."},
+                         {"1", ""}});
+    EXPECT_EQ(Into(LFile::CompactFilePath, "/abcdefghijklmnopqrs", 11), "/abc...qrs");
 }
 
 TEST(EscapeFilePath, EscapesQuotesAndBackquotes) {
-    PathBuf dst;
-    EXPECT_EQ(LFile::EscapeFilePath("/a \"b\" `c`\\d", dst), 16u);
-    EXPECT_EQ(dst.str(), "/a \\\"b\\\" \\`c\\`\\d");
-    // At 258 characters an escape no longer fits: the quote is dropped, the 'b' still goes.
-    std::string edge = Repeat('a', 258) + "\"b";
-    EXPECT_EQ(LFile::EscapeFilePath(edge.c_str(), dst), 259u);
-    EXPECT_EQ(dst.str(), Repeat('a', 258) + "b");
-    std::string many(200, '`');
-    EXPECT_EQ(LFile::EscapeFilePath(many.c_str(), dst), 258u);
+    auto escape = [](char const* path) {
+        PathBuf dst;
+        size_t length = LFile::EscapeFilePath(path, dst);
+        return std::to_string(length) + ":" + dst.str();
+    };
+    ExpectEach(escape, {{"/a \"b\" `c`\\d", "16:/a \\\"b\\\" \\`c\\`\\d"},
+                        // At 258 characters an escape no longer fits: the quote is dropped,
+                        // the 'b' still goes.
+                        {Repeat('a', 258) + "\"b", "259:" + Repeat('a', 258) + "b"}});
+    EXPECT_EQ(escape(Repeat('`', 200).c_str()).substr(0, 4), "258:");
 }
 
 TEST(PreprocessName, CleansUserText) {
-    PathBuf dst;
-    EXPECT_TRUE(LFile::PreprocessName("..\x01my:take/\\.v2\t", dst));
-    EXPECT_EQ(dst.str(), "mytake.v2");
-    EXPECT_FALSE(LFile::PreprocessName("...:/", dst));
-    EXPECT_EQ(dst.str(), "");
-    EXPECT_TRUE(LFile::PreprocessName(Repeat('n', 300).c_str(), dst));
-    EXPECT_EQ(dst.str(), Repeat('n', 259));
-    EXPECT_TRUE(LFile::PreprocessName("Gr\xc3\xbc\xc3\x9f", dst));  // UTF-8 passes
-    EXPECT_EQ(dst.str(), "Gr\xc3\xbc\xc3\x9f");
+    auto clean = [](char const* name) {
+        PathBuf dst;
+        bool kept = LFile::PreprocessName(name, dst);
+        return std::to_string(kept) + ":" + dst.str();
+    };
+    ExpectEach(clean, {{"..\x01my:take/\\.v2\t", "1:mytake.v2"},
+                       {"...:/", "0:"},
+                       {Repeat('n', 300), "1:" + Repeat('n', 259)},
+                       {"Gr\xc3\xbc\xc3\x9f", "1:Gr\xc3\xbc\xc3\x9f"}});  // UTF-8 passes
 }
 
 TEST(LetterOrNumber, AsciiOnly) {
-    EXPECT_TRUE(LFileIsLetterOrNumber('0'));
-    EXPECT_TRUE(LFileIsLetterOrNumber('Z'));
-    EXPECT_TRUE(LFileIsLetterOrNumber('q'));
+    for (char c : {'0', 'Z', 'q'}) {
+        EXPECT_TRUE(LFileIsLetterOrNumber(c)) << c;
+    }
     EXPECT_FALSE(LFileIsLetterOrNumber('_'));
     EXPECT_FALSE(LFileIsLetterOrNumber('\xe9'));
+}
+
+TEST(NameValidate, CodesInOrder) {
+    auto code = [](char const* name) { return std::to_string(LFileOrFolderNameValidate(name)); };
+    ExpectEach(code, {{"", "1"},
+                      {Repeat('a', 259), "0"},
+                      {Repeat('a', 260), "2"},
+                      {".x", "4"},
+                      {".x\t:", "4"},  // the period is decided first
+                      {"a:b", "6"},
+                      {"a/b", "6"},
+                      {"a\\b", "6"},
+                      {"a\tb", "5"},
+                      {"a\t:", "5"},
+                      {"a:\t", "6"},
+                      {"a\x7f", "0"},
+                      {"Gr\xc3\xbc\xc3\x9f", "0"}});
+}
+
+TEST(NameValidate, ReservedCodesNeverProduced) {
+    // A trailing space or period (3) and reserved names (7) are accepted on this platform.
+    for (char const* name : {"name.", "name ", "CON", "nul", "COM1", "LPT9", "aux", "PRN"}) {
+        EXPECT_FALSE(LFileNameIsReserved(name)) << name;
+        EXPECT_EQ(LFileOrFolderNameValidate(name), 0) << name;
+    }
+}
+
+// The message a validator leaves, checked against its result (valid exactly when empty).
+template <bool (*validate)(char const*, char*)>
+std::string Message(char const* name) {
+    char message[kLPathSize];
+    strcpy(message, "stale");
+    bool valid = validate(name, message);
+    EXPECT_EQ(valid, message[0] == 0) << name;
+    return message;
+}
+
+TEST(IsFileValid, EveryMessage) {
+    ExpectEach(Message<LFile::IsFileValid>,
+               {{"take.wav", ""},
+                {"", "File name is blank. Please provide a file name."},
+                {Repeat('a', 300), "File name may not be more than 260 characters long"},
+                {".hidden", "File name may not start with a period"},
+                {"a\x1f", "File name may not contain control characters"},
+                {"a:b", "File name may not contain characters : / \\"}});
+    // The reserved codes keep their places in the table.
+    EXPECT_STREQ(LFile::_GetFileNameMessage(3), "File name may not end with a space or period");
+    EXPECT_STREQ(LFile::_GetFileNameMessage(7),
+                 "File name is reserved for use by the operating system");
+    for (int code : {0, 8, -1}) {
+        EXPECT_STREQ(LFile::_GetFileNameMessage(code), "Invalid file name") << code;
+    }
+    EXPECT_TRUE(LFile::IsFileValid("ok", nullptr));
+    EXPECT_FALSE(LFile::IsFileValid("a/b", nullptr));
+}
+
+TEST(IsFolderValid, WholePathRules) {
+    ExpectEach(Message<LFile::IsFolderValid>,
+               {{"/", ""},
+                {"/Users/me/", ""},
+                {"/Users\\me", ""},
+                {"/Users/me/take. ", ""},
+                {"", "Folder must not be empty"},
+                {"/" + Repeat('a', 259), "Folder must be less than 260 character long"},
+                {"/" + Repeat('a', 258), ""},
+                {"Users", "Folder must begin with /"},
+                {"\\Users", "Folder must begin with /"}});
+}
+
+TEST(IsFolderValid, ComponentMessages) {
+    ExpectEach(Message<LFile::IsFolderValid>,
+               {{"/Users//me", "Folder name must not be empty"},
+                {"/a//", "Folder name must not be empty"},
+                {"/a/.b", "Folder name must not start with a period"},
+                {"/a/b\x01/c", "Folder name must not contain control characters"},
+                {"/a:b", "Folder component must not contain character :"}});
+    EXPECT_TRUE(LFile::IsFolderValid("/a/b", nullptr));
+    EXPECT_FALSE(LFile::IsFolderValid("/a/.b", nullptr));
+
+    // Messages of the codes a component cannot produce here.
+    auto message = [](int code, char const* component) {
+        return Into(LFile::_GetFolderNameMessage, code, component);
+    };
+    EXPECT_EQ(message(2, "x"), "Invalid folder");
+    EXPECT_EQ(message(3, "x"), "Folder name must not end with a space or period");
+    EXPECT_EQ(message(7, "CON"), "'CON' is reserved for use by the operating system");
+    EXPECT_EQ(message(7, Repeat('r', 300).c_str()).size(), 259u);
+    EXPECT_EQ(message(42, "x"), "Invalid folder");
+}
+
+TEST(MimeType, TableIgnoringCase) {
+    auto mime = [](char const* ext) { return LFile::GetMimeTypeFromFileExtension(ext); };
+    ExpectEach(mime, {{".txt", "text/plain"},
+                      {".PDF", "application/pdf"},
+                      {".jpeg", "image/jpeg"},
+                      {".JPG", "image/jpg"},
+                      {".bmp", "image/bmp"},
+                      {".Gif", "image/gif"},
+                      {".png", "image/png"},
+                      {".mid", "audio/mid"},
+                      {".mp3", "audio/mpeg"},
+                      {".WAV", "audio/vnd.wav"},
+                      {".mp4", "video/mp4"},
+                      {".aiff", "application/octet-stream"},
+                      {"txt", "application/octet-stream"},
+                      {"", "application/octet-stream"}});
+    EXPECT_STREQ(mime(nullptr), "application/octet-stream");
+}
+
+TEST(ExtensionList, IgnoresCaseUntilNull) {
+    char const* const list[] = {".wav", ".AIFF", ".mp3", nullptr, ".flac"};
+    EXPECT_TRUE(LIsFileExtensionInList(list, ".WAV"));
+    EXPECT_TRUE(LIsFileExtensionInList(list, ".aiff"));
+    EXPECT_FALSE(LIsFileExtensionInList(list, ".flac"));  // behind the terminator
+    EXPECT_FALSE(LIsFileExtensionInList(list, "wav"));
+    EXPECT_FALSE(LIsFileExtensionInList(nullptr, ".wav"));
+}
+
+TEST(CompareEnd, EndsWith) {
+    EXPECT_EQ(tstrcmpend("take.wav", ".wav"), 0);
+    EXPECT_EQ(tstrcmpend("take.wav", ""), 0);
+    EXPECT_EQ(tstrcmpend("wav", ".wav"), -1);
+    EXPECT_NE(tstrcmpend("take.WAV", ".wav"), 0);
+    EXPECT_LT(tstrcmpend("take.waa", ".wav"), 0);
+    EXPECT_GT(tstrcmpend("take.waz", ".wav"), 0);
 }
 
 }  // namespace

@@ -26,10 +26,6 @@ using ltest::TempTree;
 
 namespace fs = std::filesystem;
 
-bool IsFolder(std::string const& path) {
-    return fs::is_directory(path);
-}
-
 unsigned int ModeOf(std::string const& path) {
     struct stat st;
     return stat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
@@ -63,38 +59,44 @@ TEST(StandardFolders, FallbacksUnderHomeAreCreated) {
     for (Case const& c : cases) {
         std::string expected = h.home() + "/" + c.fallback;
         EXPECT_EQ(Get(c.getter), expected);
-        EXPECT_TRUE(IsFolder(expected)) << expected;
+        EXPECT_TRUE(fs::is_directory(expected)) << expected;
     }
     EXPECT_EQ(Get(LFile::GetUserFolder), h.home());
+    EXPECT_EQ(Get(LFile::GetApplicationsFolder), "/Applications");
+    EXPECT_EQ(Get(LFile::GetMountedDrivesFolder), "/Volumes");
 }
 
 TEST(StandardFolders, XdgBaseDirectories) {
     IsolatedHome h;
+    {
+        // Relative settings are not usable and fall back under home.
+        EnvOverride d("XDG_DATA_HOME", "relative/data");
+        EnvOverride c("XDG_CACHE_HOME", "");
+        EXPECT_EQ(Get(LFile::GetUserDataFolder), h.home() + "/Library/Application Support");
+        EXPECT_EQ(Get(LFile::GetTempFolder), h.home() + "/Library/Caches");
+    }
     std::string cache = h.tree().Path("xdg/cache");
     std::string data = h.tree().Path("xdg/data");
     EnvOverride c("XDG_CACHE_HOME", cache);
     EnvOverride d("XDG_DATA_HOME", data);
     // The caches folder is created either way; application support is only found.
     EXPECT_EQ(Get(LFile::GetTempFolder), cache);
-    EXPECT_TRUE(IsFolder(cache));
+    EXPECT_TRUE(fs::is_directory(cache));
     EXPECT_EQ(Get(LFile::GetUserDataFolder), data);
-    EXPECT_FALSE(IsFolder(data));
+    EXPECT_FALSE(fs::is_directory(data));
     char dst[kLPathSize];
     GetUserSpecialFolder(dst, kLFolderApplicationSupport, "ignored");
     EXPECT_EQ(std::string(dst), data);
     EXPECT_FALSE(fs::exists(h.tree().Path("ignored")));
 }
 
-TEST(StandardFolders, RelativeXdgSettingsAreIgnored) {
-    IsolatedHome h;
-    EnvOverride d("XDG_DATA_HOME", "relative/data");
-    EnvOverride c("XDG_CACHE_HOME", "");
-    EXPECT_EQ(Get(LFile::GetUserDataFolder), h.home() + "/Library/Application Support");
-    EXPECT_EQ(Get(LFile::GetTempFolder), h.home() + "/Library/Caches");
-}
-
 TEST(StandardFolders, XdgUserDirectories) {
     IsolatedHome h;
+    // Without XDG_CONFIG_HOME the file is looked for under home.
+    std::ofstream(h.tree().MakeFolder(".config") + "/user-dirs.dirs")
+        << "XDG_MUSIC_DIR=\"${HOME}/Sound\"\n";
+    EXPECT_EQ(Get(LFile::GetUserMusicFolder), h.home() + "/Sound");
+
     std::string config = h.tree().MakeFolder("conf");
     EnvOverride x("XDG_CONFIG_HOME", config);
     std::ofstream(config + "/user-dirs.dirs") << "# written by a user-dirs tool\n"
@@ -114,14 +116,7 @@ TEST(StandardFolders, XdgUserDirectories) {
     // Unusable settings fall back (and the fallback is created).
     EXPECT_EQ(Get(LFile::GetUserVideoFolder), h.home() + "/Movies");
     EXPECT_EQ(Get(LFile::GetUserDocumentsFolder), h.home() + "/Documents");
-    EXPECT_TRUE(IsFolder(h.home() + "/Documents"));
-}
-
-TEST(StandardFolders, UserDirsFileUnderHomeConfig) {
-    IsolatedHome h;
-    std::string config = h.tree().MakeFolder(".config");
-    std::ofstream(config + "/user-dirs.dirs") << "XDG_MUSIC_DIR=\"${HOME}/Sound\"\n";
-    EXPECT_EQ(Get(LFile::GetUserMusicFolder), h.home() + "/Sound");
+    EXPECT_TRUE(fs::is_directory(h.home() + "/Documents"));
 }
 
 TEST(UserDirsLine, Forms) {
@@ -138,11 +133,6 @@ TEST(UserDirsLine, Forms) {
     std::string longLine = "XDG_MUSIC_DIR=\"/" + std::string(400, 'm') + "\"";
     EXPECT_TRUE(_LParseUserDirsLine(longLine, "XDG_MUSIC_DIR", "/h", dst));
     EXPECT_EQ(strlen(dst), 259u);
-}
-
-TEST(StandardFolders, FixedAnswers) {
-    EXPECT_EQ(Get(LFile::GetApplicationsFolder), "/Applications");
-    EXPECT_EQ(Get(LFile::GetMountedDrivesFolder), "/Volumes");
 }
 
 TEST(NonSandboxed, FromTheUserDatabaseNotHome) {
@@ -167,7 +157,7 @@ TEST(ProgramFolders, DataFolders) {
     std::string support = h.home() + "/Library/Application Support";
     std::string app = support + "/KavelPLVadHelper";
     EXPECT_EQ(Get(static_cast<void (*)(char*)>(LFile::GetUserDataFolderApp)), app);
-    EXPECT_TRUE(IsFolder(app));
+    EXPECT_TRUE(fs::is_directory(app));
 
     char dst[kLPathSize];
     LFile::GetUserDataFolderApp(dst, "SomeOtherName");  // the name is fixed
@@ -175,7 +165,7 @@ TEST(ProgramFolders, DataFolders) {
 
     LFile::GetUserDataFolderAppSubFolder("Logs", dst);
     EXPECT_EQ(std::string(dst), app + "/Logs");
-    EXPECT_TRUE(IsFolder(app + "/Logs"));
+    EXPECT_TRUE(fs::is_directory(app + "/Logs"));
 
     EXPECT_EQ(Get(LFile::GetSharedDataFolderApp), app + "/Shared");
     EXPECT_FALSE(fs::exists(app + "/Shared"));
@@ -192,7 +182,7 @@ TEST(ProgramFolders, SharedSubFolderIsOpenedToEverybody) {
 
     fs::create_directories(shared);
     LFile::GetSharedDataFolderAppSubFolder("Presets", dst);
-    EXPECT_TRUE(IsFolder(dst));
+    EXPECT_TRUE(fs::is_directory(dst));
     EXPECT_EQ(ModeOf(dst), 0777u);
 
     // An existing folder is left as it is.

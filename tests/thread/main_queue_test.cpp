@@ -1,3 +1,4 @@
+// The main queue (order, stop, cross-thread posts, bounded drain) and the dispatch group.
 #include "thread/main_queue.h"
 
 #include <gtest/gtest.h>

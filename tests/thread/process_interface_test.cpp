@@ -1,3 +1,5 @@
+// The process interface: slot defaults, formatted-report cuts, and the void, nested and
+// sub-process forms.
 #include "thread/lprocess_interface.h"
 
 #include <gtest/gtest.h>

@@ -1,19 +1,22 @@
+// Signal objects, groups, and named events over Unix-domain sockets in a private data folder
+// (HOME and XDG_DATA_HOME pointed at a temporary tree), across threads and processes.
 #include "thread/lsignal_object.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <iterator>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "child_process.h"
+#include "tests/file/temp_tree.h"
 
 namespace {
 
@@ -34,8 +37,7 @@ TEST(SignalObject, DescriptorsAreNonBlockingAndCloseOnExec) {
     ASSERT_GE(fd, 0);
     EXPECT_TRUE(fcntl(fd, F_GETFL) & O_NONBLOCK);
     EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
-    // Resetting an empty event must not block.
-    event.Reset();
+    event.Reset();  // resetting an empty event must not block
 }
 
 TEST(SignalObject, SignalFromAnotherThreadEndsAnEndlessWait) {
@@ -61,16 +63,12 @@ TEST(SignalObject, DualAndTripleWaitsSeeAnyOfTheirEvents) {
     EXPECT_TRUE(a.GetRef().WaitSignalDual(b, 0));
 }
 
-TEST(SignalObjectGroup, EmptyGroupNeverSelects) {
-    LSignalObjectGroup group;
-    EXPECT_FALSE(group.Select(0));
-    EXPECT_FALSE(group.IsSignaled());
-}
-
 TEST(SignalObjectGroup, The257thEntryIsIgnored) {
     LSignalObject quiet, loud;
     loud.Signal();
     LSignalObjectGroup group;
+    EXPECT_FALSE(group.Select(0));  // an empty group never selects
+    EXPECT_FALSE(group.IsSignaled());
     for (int i = 0; i < 256; ++i) {
         group.Add(quiet.GetRef());
     }
@@ -83,11 +81,10 @@ TEST(SignalObjectGroup, The257thEntryIsIgnored) {
 TEST(SignalObjectGroup, AddingAGroupTakesWhatFitsAndReportsReadyEntries) {
     LSignalObject quiet, loud;
     loud.Signal();
-    LSignalObjectGroup big;
+    LSignalObjectGroup big, other;
     for (int i = 0; i < 250; ++i) {
         big.Add(quiet.GetRef());
     }
-    LSignalObjectGroup other;
     for (int i = 0; i < 10; ++i) {
         other.Add(i == 5 ? loud.GetRef() : quiet.GetRef());
     }
@@ -99,60 +96,33 @@ TEST(SignalObjectGroup, AddingAGroupTakesWhatFitsAndReportsReadyEntries) {
     EXPECT_FALSE(big.IsEntryReady(256));
 }
 
-// Points the user's data folder at a private temporary folder for the test's life.
+// The user's data folder is a private temporary folder for the test's life.
 class NamedSignal : public ::testing::Test {
 protected:
-    void SetUp() override {
-        for (char const* name : {"HOME", "XDG_DATA_HOME"}) {
-            char const* v = getenv(name);
-            saved_.emplace_back(name, v != nullptr ? std::optional<std::string>(v) : std::nullopt);
-        }
-        char pattern[] = "/tmp/lsignal_XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        root_ = pattern;
-        std::filesystem::create_directories(root_ / ".local/share");
-        setenv("HOME", root_.c_str(), 1);
-        setenv("XDG_DATA_HOME", (root_ / ".local/share").c_str(), 1);
-        name_ = "ev" + std::to_string(getpid());
-    }
-    void TearDown() override {
-        for (auto& [name, value] : saved_) {
-            if (value) {
-                setenv(name.c_str(), value->c_str(), 1);
-            } else {
-                unsetenv(name.c_str());
-            }
-        }
-        std::filesystem::remove_all(root_);
-    }
-
-    std::vector<std::pair<std::string, std::optional<std::string>>> saved_;
-    std::filesystem::path root_;
-    std::string name_;
+    ltest::IsolatedHome home_;
+    std::string data_ = home_.tree().MakeFolder(".local/share");
+    ltest::EnvOverride dataHome_{"XDG_DATA_HOME", data_};
+    std::string name_ = "ev" + std::to_string(getpid());
 };
 
-TEST_F(NamedSignal, PathLiesInTheUsersDataFolder) {
-    LSignalObjectNamedSignaller signaller(name_.c_str());
-    EXPECT_EQ(std::string(signaller.GetPath()), (root_ / ".local/share" / name_).string());
+TEST_F(NamedSignal, LongPathsAreCutToTheAddress) {
+    EXPECT_EQ(std::string(LSignalObjectNamedSignaller(name_.c_str()).GetPath()),
+              data_ + "/" + name_);
+    std::string longName(200, 'n');
+    EXPECT_EQ(std::string(LSignalObjectNamedSignaller(longName.c_str()).GetPath()),
+              (data_ + "/" + longName).substr(0, 103));
 }
 
 TEST_F(NamedSignal, WithoutADataFolderSettingThePathLiesUnderHome) {
     unsetenv("XDG_DATA_HOME");
-    std::filesystem::path folder = root_ / "Library/Application Support";
+    std::string folder = home_.home() + "/Library/Application Support";
     LSignalObjectNamedWaiter waiter(name_.c_str());
-    EXPECT_EQ(std::string(waiter.GetPath()), (folder / name_).string());
+    EXPECT_EQ(std::string(waiter.GetPath()), folder + "/" + name_);
     // The folder is made on the way, so the waiter could bind and a signal gets through.
     EXPECT_TRUE(std::filesystem::is_directory(folder));
     LSignalObjectNamedSignaller(name_.c_str()).Signal();
     EXPECT_TRUE(waiter.WaitSignal(LSignalInfinite));
     EXPECT_GE(waiter.GetAcceptedDescriptor(), 0);
-}
-
-TEST_F(NamedSignal, LongPathsAreCutToTheAddress) {
-    std::string longName(200, 'n');
-    LSignalObjectNamedSignaller signaller(longName.c_str());
-    std::string expected = (root_ / ".local/share" / longName).string().substr(0, 103);
-    EXPECT_EQ(std::string(signaller.GetPath()), expected);
 }
 
 // The descriptors this process holds, by number.
@@ -178,12 +148,17 @@ TEST_F(NamedSignal, SignalWithNobodyListeningReturnsAndKeepsItsSocket) {
 }
 
 TEST_F(NamedSignal, WaitEndsWithTrueAfterTheTimeoutWhenNobodySignals) {
-    LSignalObjectNamedWaiter waiter(name_.c_str());
-    struct stat st;
-    ASSERT_EQ(stat(waiter.GetPath(), &st), 0);
-    EXPECT_TRUE(S_ISSOCK(st.st_mode));
-    EXPECT_TRUE(waiter.WaitSignal(10));
-    EXPECT_EQ(waiter.GetAcceptedDescriptor(), -1);
+    std::string path;
+    {
+        LSignalObjectNamedWaiter waiter(name_.c_str());
+        path = waiter.GetPath();
+        struct stat st;
+        ASSERT_EQ(stat(path.c_str(), &st), 0);
+        EXPECT_TRUE(S_ISSOCK(st.st_mode));
+        EXPECT_TRUE(waiter.WaitSignal(10));
+        EXPECT_EQ(waiter.GetAcceptedDescriptor(), -1);
+    }
+    EXPECT_FALSE(std::filesystem::exists(path));  // the waiter removes its socket file
 }
 
 TEST_F(NamedSignal, SignalFromAnotherThreadIsAccepted) {
@@ -200,12 +175,11 @@ TEST_F(NamedSignal, SignalFromAnotherThreadIsAccepted) {
 
 TEST_F(NamedSignal, SignalCrossesProcesses) {
     LSignalObjectNamedWaiter waiter(name_.c_str());
-    pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
+    pid_t child = ltest::ForkChild([&] {
         LSignalObjectNamed(name_.c_str()).Signal();
-        _exit(0);
-    }
+        return 0;
+    });
+    ASSERT_GE(child, 0);
     EXPECT_TRUE(waiter.WaitSignal(LSignalInfinite));
     int fd = waiter.GetAcceptedDescriptor();
     ASSERT_GE(fd, 0);
@@ -214,9 +188,7 @@ TEST_F(NamedSignal, SignalCrossesProcesses) {
     unsigned char byte = 0;
     EXPECT_EQ(read(fd, &byte, 1), 1);
     EXPECT_EQ(byte, 1);
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(ltest::WaitChild(child), 0);
 }
 
 TEST_F(NamedSignal, WaiterWhoseBindFailedNeverSeesASignal) {
@@ -225,16 +197,6 @@ TEST_F(NamedSignal, WaiterWhoseBindFailedNeverSeesASignal) {
     LSignalObjectNamedSignaller(missing.c_str()).Signal();
     waiter.WaitSignal(0);
     EXPECT_EQ(waiter.GetAcceptedDescriptor(), -1);
-}
-
-TEST_F(NamedSignal, WaiterRemovesItsSocketFile) {
-    std::string path;
-    {
-        LSignalObjectNamedWaiter waiter(name_.c_str());
-        path = waiter.GetPath();
-        EXPECT_TRUE(std::filesystem::exists(path));
-    }
-    EXPECT_FALSE(std::filesystem::exists(path));
 }
 
 }  // namespace

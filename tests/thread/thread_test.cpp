@@ -1,3 +1,5 @@
+// LThread: start/stop/wait results and destructor semantics, detached threads with their
+// owner, and commands run on their own thread (ProcessRunData).
 #include "thread/lthread.h"
 
 #include <gtest/gtest.h>
@@ -7,8 +9,6 @@
 #include <atomic>
 #include <functional>
 #include <string>
-#include <thread>
-#include <vector>
 
 namespace {
 
@@ -183,14 +183,19 @@ TEST(DetachedThread, DestroysItselfWhenItsBodyEnds) {
     EXPECT_EQ(owner.GetThreadCount(), 0u);
 }
 
+// Starts count detached threads that wait for the stop request.
+void StartWaiters(LDetachedThreadsOwner& owner, std::atomic<int>& destroyed, int count) {
+    for (int i = 0; i < count; ++i) {
+        (new CountingDetached(destroyed, [](LThread& self) {
+            self.ProcessWaitUntilStopped();
+        }))->StartDetached(owner, 0);
+    }
+}
+
 TEST(DetachedThread, StopThreadsNowStopsAndDestroysEveryThread) {
     LDetachedThreadsOwner owner;
     std::atomic<int> destroyed{0};
-    for (int i = 0; i < 8; ++i) {
-        auto* t =
-            new CountingDetached(destroyed, [](LThread& self) { self.ProcessWaitUntilStopped(); });
-        t->StartDetached(owner, 0);
-    }
+    StartWaiters(owner, destroyed, 8);
     EXPECT_EQ(owner.GetThreadCount(), 8u);
     owner.StopThreadsNow();
     EXPECT_EQ(owner.GetThreadCount(), 0u);
@@ -201,11 +206,7 @@ TEST(DetachedThread, StopThreadsNowStopsAndDestroysEveryThread) {
 TEST(DetachedThread, StopThreadsSoonLetsThemEndOnTheirOwn) {
     LDetachedThreadsOwner owner;
     std::atomic<int> destroyed{0};
-    for (int i = 0; i < 4; ++i) {
-        (new CountingDetached(destroyed, [](LThread& self) {
-            self.ProcessWaitUntilStopped();
-        }))->StartDetached(owner, 0);
-    }
+    StartWaiters(owner, destroyed, 4);
     owner.StopThreadsSoon();
     ASSERT_TRUE(WaitForCount(destroyed, 4));
     EXPECT_EQ(owner.GetThreadCount(), 0u);
@@ -256,36 +257,23 @@ TEST(DetachedThread, StopThreadsNowWaitsForTheBodyBeforeDestroying) {
     EXPECT_EQ(owner.GetThreadCount(), 0u);
 }
 
-ProcessRunData* RunCommand(char const* command) {
-    auto* run = new ProcessRunData(command);
-    EXPECT_EQ(run->state, 1);
-    pthread_t thread;
-    EXPECT_EQ(pthread_create(&thread, nullptr, ProcessRunThreadCallback, run), 0);
-    pthread_detach(thread);
-    run->finishedEvent.WaitSignal(LSignalInfinite);
-    return run;
-}
-
 TEST(ProcessRun, ReportsTheExitCode) {
-    ProcessRunData* run = RunCommand("exit 3");
-    EXPECT_EQ(run->state, 0);
-    EXPECT_EQ(run->exitCode, 3);
-    run->releaseEvent.Signal();
-
-    run = RunCommand(nullptr);
-    EXPECT_EQ(run->state, 0);
-    EXPECT_EQ(run->exitCode, 0);
-    run->releaseEvent.Signal();
-}
-
-TEST(ProcessRun, ACommandEndedBySignalHasNoExitCode) {
-    ProcessRunData* run = RunCommand("kill -9 $$");
-    EXPECT_EQ(run->state, 0);
-    EXPECT_EQ(run->exitCode, -1);
-    run->releaseEvent.Signal();
-}
-
-TEST(ProcessRun, NullDataReturnsAtOnce) {
+    struct Case {
+        char const* command;
+        int exitCode;  // -1: ended by a signal, so there is none
+    } const cases[] = {{"exit 3", 3}, {nullptr, 0}, {"kill -9 $$", -1}};
+    for (Case const& c : cases) {
+        SCOPED_TRACE(c.command != nullptr ? c.command : "null");
+        auto* run = new ProcessRunData(c.command);
+        EXPECT_EQ(run->state, 1);
+        pthread_t thread;
+        ASSERT_EQ(pthread_create(&thread, nullptr, ProcessRunThreadCallback, run), 0);
+        pthread_detach(thread);
+        run->finishedEvent.WaitSignal(LSignalInfinite);
+        EXPECT_EQ(run->state, 0);
+        EXPECT_EQ(run->exitCode, c.exitCode);
+        run->releaseEvent.Signal();  // the thread deletes the data
+    }
     EXPECT_EQ(ProcessRunThreadCallback(nullptr), nullptr);
 }
 

@@ -1,0 +1,360 @@
+// Queries that touch the disk, on real temporary trees: existence and share-lock tests, unique
+// names, error predicates, the working directory, the drive of a path, the mount table,
+// block-device flags read from a sysfs-shaped tree, the size-limit classes, immutable files
+// and byte counts.
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/file.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <climits>
+#include <filesystem>
+#include <string>
+
+#include "file/lfile.h"
+#include "file/lfile_platform.h"
+#include "file/lspecial_folders.h"
+#include "temp_tree.h"
+
+namespace {
+
+using ltest::TempTree;
+namespace fs = std::filesystem;
+
+TEST(Exists, AnyKindOfEntry) {
+    TempTree tree;
+    std::string file = tree.MakeFile("a/take.wav");
+    std::string folder = tree.Path("a");
+    // Neither test checks the kind of the entry.
+    for (std::string const& path : {file, folder, folder + "/"}) {
+        EXPECT_TRUE(LFile::TestFileExists(path.c_str())) << path;
+        EXPECT_TRUE(LFile::TestFolderExists(path.c_str())) << path;
+    }
+    EXPECT_FALSE(LFile::TestFileExists(tree.Path("a/missing").c_str()));
+    EXPECT_FALSE(LFile::TestFolderExists(tree.Path("missing/x").c_str()));
+    EXPECT_FALSE(LFile::TestFileExists(""));
+    EXPECT_FALSE(LFile::TestFolderExists(""));
+    EXPECT_FALSE(LFile::TestFileExists(nullptr));
+    // A path through a file is refused by both the access test and the lookup.
+    EXPECT_FALSE(LFile::TestFileExists((file + "/x").c_str()));
+}
+
+TEST(Exists, LinkThatLeadsNowhereIsStillAnEntry) {
+    TempTree tree;
+    std::string link = tree.Path("dangling");
+    ASSERT_EQ(symlink(tree.Path("nowhere").c_str(), link.c_str()), 0);
+    EXPECT_TRUE(LFile::TestFileExists(link.c_str()));
+    EXPECT_TRUE(LFile::TestFolderExists(link.c_str()));
+}
+
+TEST(ShareBlocked, OnlyWhenAnotherHolderHasALock) {
+    TempTree tree;
+    std::string file = tree.MakeFile("locked.dat");
+    EXPECT_FALSE(LFile::TestFileShareWriteBlocked(file.c_str()));
+    EXPECT_FALSE(LFile::TestFileShareReadBlocked(file.c_str()));
+    int holder = open(file.c_str(), O_RDONLY);
+    ASSERT_GE(holder, 0);
+    ASSERT_EQ(flock(holder, LOCK_SH), 0);
+    // A shared lock blocks the exclusive request of both tests.
+    EXPECT_TRUE(LFile::TestFileShareWriteBlocked(file.c_str()));
+    EXPECT_TRUE(LFile::TestFileShareReadBlocked(file.c_str()));
+    ASSERT_EQ(flock(holder, LOCK_UN), 0);
+    EXPECT_FALSE(LFile::TestFileShareWriteBlocked(file.c_str()));
+    // The probes themselves leave no lock behind.
+    EXPECT_EQ(flock(holder, LOCK_EX | LOCK_NB), 0);
+    close(holder);
+    EXPECT_FALSE(LFile::TestFileShareWriteBlocked(tree.Path("missing").c_str()));
+}
+
+TEST(UniqueOrderedFilePath, CountsFromZero) {
+    TempTree tree;
+    char dst[kLPathSize];
+    auto unique = [&] {
+        EXPECT_EQ(LFile::MakeUniqueOrderedFilePath(dst, tree.root().c_str(), "take", ".wav"), dst);
+        return std::string(dst);
+    };
+    EXPECT_EQ(unique(), tree.Path("take.wav"));
+    tree.MakeFile("take.wav");
+    EXPECT_EQ(unique(), tree.Path("take_0.wav"));
+    for (char const* taken : {"take_0.wav", "take_1.wav", "take_3.wav"}) {
+        tree.MakeFile(taken);
+    }
+    EXPECT_EQ(unique(), tree.Path("take_2.wav"));
+}
+
+TEST(ErrorPredicates, ClassifyErrno) {
+    struct Case {
+        int error;
+        bool notFound, exists, denied, sharing;
+    } const cases[] = {{ENOENT, true, false, false, false},
+                       {EEXIST, false, true, false, false},
+                       {EACCES, false, false, true, true},
+                       {EWOULDBLOCK, false, false, false, true},
+                       {EPERM, false, false, false, false}};
+    for (Case const& c : cases) {
+        SCOPED_TRACE(c.error);
+        errno = c.error;
+        EXPECT_EQ(LFile::IsErrorFileNotFound(), c.notFound);
+        EXPECT_EQ(LFile::IsErrorAlreadyExists(), c.exists);
+        EXPECT_EQ(LFile::IsErrorPermissionDenied(), c.denied);
+        EXPECT_EQ(LFile::IsErrorSharingViolation(), c.sharing);
+    }
+    // The predicates read what a failed call really left behind.
+    TempTree tree;
+    std::string file = tree.MakeFile("x");
+    EXPECT_NE(mkdir(file.c_str(), 0777), 0);
+    EXPECT_TRUE(LFile::IsErrorAlreadyExists());
+    EXPECT_LT(open(tree.Path("none").c_str(), O_RDONLY), 0);
+    EXPECT_TRUE(LFile::IsErrorFileNotFound());
+}
+
+TEST(CurrentDirectory, RoundTrip) {
+    char original[kLPathSize];
+    ASSERT_NE(LFile::GetCurrentDirectory(original), nullptr);
+    TempTree tree;
+    char resolved[PATH_MAX];
+    ASSERT_NE(realpath(tree.root().c_str(), resolved), nullptr);
+    EXPECT_EQ(LFile::SetCurrentDirectory(tree.root().c_str()), 0);
+    char now[kLPathSize];
+    EXPECT_EQ(LFile::GetCurrentDirectory(now), now);
+    EXPECT_STREQ(now, resolved);
+    EXPECT_NE(LFile::SetCurrentDirectory(tree.Path("missing").c_str()), 0);
+
+    // A working directory deeper than a path buffer cannot be read into one.
+    std::string deep = tree.root();
+    while (deep.size() < 300) {
+        deep += "/" + std::string(40, 'd');
+    }
+    fs::create_directories(deep);
+    ASSERT_EQ(chdir(deep.c_str()), 0);
+    EXPECT_EQ(LFile::GetCurrentDirectory(now), nullptr);
+    ASSERT_EQ(LFile::SetCurrentDirectory(original), 0);
+}
+
+std::string Drive(char const* path) {
+    char drive[kLPathSize];
+    LFile::GetHumanReadableDriveFromPath(drive, path);
+    return drive;
+}
+
+TEST(HumanReadableDrive, MountPointOrTextForm) {
+    TempTree tree;
+    std::string file = tree.MakeFile("d/x");
+    // The answer is a folder above the file on the same device.
+    std::string mount = Drive(file.c_str());
+    char resolved[PATH_MAX];
+    ASSERT_NE(realpath(file.c_str(), resolved), nullptr);
+    ASSERT_FALSE(mount.empty());
+    EXPECT_EQ(std::string(resolved).rfind(mount == "/" ? "/" : mount + "/", 0), 0u) << mount;
+    struct stat a, b;
+    ASSERT_EQ(stat(mount.c_str(), &a), 0);
+    ASSERT_EQ(stat(file.c_str(), &b), 0);
+    EXPECT_EQ(a.st_dev, b.st_dev);
+
+    EXPECT_EQ(Drive("/proc/self/status"), "/proc");
+    EXPECT_EQ(Drive("C:\\Music\\x.wav"), "C:\\");
+    EXPECT_EQ(Drive("Disk2:\\x"), "Disk2:\\");
+    EXPECT_EQ(Drive("/no/such/volume"), "/");
+    EXPECT_EQ(Drive("C:/x"), "");
+    EXPECT_EQ(Drive("relative/x"), "");
+}
+
+TEST(SizeFormattedBytes, LargestUnitTruncated) {
+    struct Case {
+        unsigned long long bytes;
+        char const* text;
+    } const cases[] = {{0, "0 Bytes"},
+                       {1023, "1023 Bytes"},
+                       {1024, "1 KB"},
+                       {1536, "1 KB"},
+                       {(1ULL << 20) - 1, "1023 KB"},
+                       {5ULL << 20, "5 MB"},
+                       {(3ULL << 30) + (1ULL << 29), "3 GB"},
+                       {1ULL << 40, "1 TB"},
+                       {~0ULL, "16777215 TB"}};
+    for (Case const& c : cases) {
+        char dst[kLPathSize];
+        LFile::GetSizeFormattedBytes(c.bytes, dst);
+        EXPECT_STREQ(dst, c.text) << c.bytes;
+    }
+}
+
+TEST(VolumeFileSizeLimit, TypeNameClasses) {
+    for (char const* name : {"fat32", "FAT32", "fat16b"}) {
+        EXPECT_EQ(LFile::_GetVolumeFileSizeLimitFromTypeName(name), 1) << name;
+    }
+    for (char const* name : {"FAT16", "fat12", "Fat"}) {
+        EXPECT_EQ(LFile::_GetVolumeFileSizeLimitFromTypeName(name), 0) << name;
+    }
+    // "msdos" is unlimited by name alone; only the mapping below makes it FAT32.
+    for (char const* name : {"NTFS", "exfat", "msdos", "FAT32X", "ext4", ""}) {
+        EXPECT_EQ(LFile::_GetVolumeFileSizeLimitFromTypeName(name), 2) << name;
+    }
+    EXPECT_EQ(LFile::_GetVolumeFileSizeLimitFromTypeName(nullptr), 2);
+}
+
+TEST(VolumeFileSizeLimit, KernelNamesMapped) {
+    char const* const mapped[][2] = {{"vfat", "FAT32"}, {"msdos", "FAT32"}, {"exfat", "exFAT"},
+                                     {"ntfs3", "NTFS"}, {"ntfs", "NTFS"},   {"ext4", "ext4"}};
+    for (auto const& [kernel, name] : mapped) {
+        EXPECT_STREQ(_LMapFileSystemTypeName(kernel), name);
+    }
+    EXPECT_EQ(LFile::_GetVolumeFileSizeLimitFromTypeName(_LMapFileSystemTypeName("msdos")), 1);
+}
+
+TEST(VolumeFileSizeLimit, RealPaths) {
+    TempTree tree;
+    LMountInfo mount;
+    ASSERT_TRUE(_LFindMountForPath(tree.root().c_str(), mount));
+    int expected =
+        LFile::_GetVolumeFileSizeLimitFromTypeName(_LMapFileSystemTypeName(mount.fsType.c_str()));
+    EXPECT_EQ(LFile::GetVolumeFileSizeLimit(tree.root().c_str()), expected);
+    char name[kLPathSize];
+    EXPECT_TRUE(_LGetFileSystemTypeName("/proc", name, sizeof(name)));
+    EXPECT_STREQ(name, "proc");
+    EXPECT_FALSE(_LGetFileSystemTypeName(tree.Path("missing").c_str(), name, sizeof(name)));
+    EXPECT_STREQ(name, "");
+    EXPECT_EQ(LFile::GetVolumeFileSizeLimit(tree.Path("missing").c_str()), 2);
+    EXPECT_EQ(LFile::GetVolumeFileSizeLimit(nullptr), 2);
+}
+
+TEST(MountTable, ParsesLines) {
+    LMountInfo m;
+    ASSERT_TRUE(_LParseMountInfoLine(
+        "36 35 98:0 /mnt1 /media/my\\040disk rw,noatime master:1 shared:2 - vfat /dev/sdb1 rw", m));
+    EXPECT_EQ(m.major, 98u);
+    EXPECT_EQ(m.minor, 0u);
+    EXPECT_EQ(m.mountPoint, "/media/my disk");
+    EXPECT_EQ(m.fsType, "vfat");
+    EXPECT_EQ(m.source, "/dev/sdb1");
+    ASSERT_TRUE(_LParseMountInfoLine("21 26 0:20 / /proc rw,relatime - proc proc rw", m));
+    EXPECT_EQ(m.mountPoint, "/proc");
+    EXPECT_EQ(m.fsType, "proc");
+    EXPECT_FALSE(_LParseMountInfoLine("21 26 0:20 / /proc rw,relatime proc proc rw", m));
+    EXPECT_FALSE(_LParseMountInfoLine("21 26 020 / /proc rw - proc proc rw", m));
+    EXPECT_FALSE(_LParseMountInfoLine("", m));
+    EXPECT_FALSE(_LReadMountTable().empty());
+}
+
+TEST(MountTable, DeepestMountAbovePath) {
+    LMountInfo m;
+    ASSERT_TRUE(_LFindMountForPath("/proc/self/status", m));
+    EXPECT_EQ(m.mountPoint, "/proc");
+    ASSERT_TRUE(_LFindMountForPath("/", m));
+    EXPECT_EQ(m.mountPoint, "/");
+    EXPECT_FALSE(_LFindMountForPath("/no/such/path", m));
+}
+
+TEST(BlockDeviceFlags, FromSysfsTree) {
+    // A sysfs-shaped tree: dev/block/M:m links into devices/..., as the kernel lays it out;
+    // a partition is a folder with a "partition" file inside its disk's folder.
+    TempTree sys;
+    auto add = [&](std::string const& device, char const* dev, char const* removable) {
+        if (removable != nullptr) {
+            sys.MakeFile(device + "/removable", std::string(removable) + "\n");
+        } else {
+            sys.MakeFile(device + "/partition", "1\n");
+        }
+        fs::create_directories(sys.Path("dev/block"));
+        fs::create_symlink("../../" + device, sys.Path(std::string("dev/block/") + dev));
+    };
+    std::string pci = "devices/pci0000:00/";
+    std::string usbStick = pci + "0000:00:14.0/usb2/2-1/2-1:1.0/host6/block/sdb";
+    std::string nvme = pci + "0000:00:1d.0/nvme/nvme0/nvme0n1";
+    add(usbStick, "8:16", "1");
+    add(usbStick + "/sdb1", "8:17", nullptr);
+    add(pci + "0000:00:14.0/usb2/2-2/2-2:1.0/host7/block/sdc", "8:32", "0");
+    add(nvme, "259:0", "0");
+    add(nvme + "/nvme0n1p2", "259:2", nullptr);
+    add(pci + "0000:00:1c.0/mmc_host/mmc0/block/mmcblk0", "179:0", "1");
+
+    struct Case {
+        unsigned int major, minor;
+        bool removable, internal;
+    } const cases[] = {{8, 17, true, false},  // a partition answers for its USB disk
+                       {8, 32, false, false},
+                       {259, 2, false, true},
+                       {179, 0, true, true}};
+    for (Case const& c : cases) {
+        SCOPED_TRACE(std::to_string(c.major) + ":" + std::to_string(c.minor));
+        bool removable = !c.removable;
+        bool internal = !c.internal;
+        ASSERT_TRUE(
+            _LReadBlockDeviceFlags(sys.root().c_str(), c.major, c.minor, &removable, &internal));
+        EXPECT_EQ(removable, c.removable);
+        EXPECT_EQ(internal, c.internal);
+    }
+    bool removable, internal;
+    EXPECT_FALSE(_LReadBlockDeviceFlags(sys.root().c_str(), 8, 48, &removable, &internal));
+}
+
+TEST(VolumeTests, LocalTreeAndUnreadablePaths) {
+    TempTree tree;
+    char const* root = tree.root().c_str();
+    bool local = false;
+    ASSERT_TRUE(LGetNSURLResourceValue(root, LURLResourceKey::VolumeIsLocal, &local));
+    EXPECT_EQ(LFile::IsNetworkPath(root), !local);
+    EXPECT_EQ(LFile::IsOnLocalDrive(root), local);
+
+    // /proc has no block device: the device values cannot be read and the tests say no.
+    bool value = false;
+    EXPECT_TRUE(LGetNSURLResourceValue("/proc", LURLResourceKey::VolumeIsLocal, &value));
+    EXPECT_TRUE(value);
+    EXPECT_FALSE(LGetNSURLResourceValue("/proc", LURLResourceKey::VolumeIsInternal, &value));
+    EXPECT_FALSE(LGetNSURLResourceValue("/proc", LURLResourceKey::VolumeIsRemovable, &value));
+    EXPECT_FALSE(LFile::IsOnExternalDrive("/proc"));
+    EXPECT_FALSE(LFile::IsOnRemovableMedia("/proc"));
+
+    std::string missing = tree.Path("missing");
+    EXPECT_FALSE(LGetNSURLResourceValue(missing.c_str(), LURLResourceKey::VolumeIsLocal, &value));
+    EXPECT_FALSE(LFile::IsNetworkPath(missing.c_str()));
+    EXPECT_TRUE(LFile::IsOnLocalDrive(missing.c_str()));
+    EXPECT_FALSE(LFile::IsOnExternalDrive(missing.c_str()));
+    EXPECT_FALSE(LFile::IsOnRemovableMedia(missing.c_str()));
+    EXPECT_FALSE(LFile::IsNetworkPath(nullptr));
+}
+
+TEST(VolumeTests, NetworkTypes) {
+    for (char const* type : {"nfs4", "cifs", "fuse.sshfs"}) {
+        EXPECT_TRUE(_LIsNetworkFileSystemType(type)) << type;
+    }
+    EXPECT_FALSE(_LIsNetworkFileSystemType("ext4"));
+    EXPECT_FALSE(_LIsNetworkFileSystemType("fuse"));
+    EXPECT_TRUE(_LIsNetworkFileSystemMagic(0x6969));
+    EXPECT_TRUE(_LIsNetworkFileSystemMagic(0xff534d42));
+    EXPECT_FALSE(_LIsNetworkFileSystemMagic(0xef53));  // ext4
+}
+
+TEST(VolumeTests, WritableDrives) {
+    int count = LFile::GetNumberOfWritableDrives();
+    EXPECT_GE(count, 1);  // the folder the tests write into is on one
+    EXPECT_LE(static_cast<size_t>(count), _LReadMountTable().size());
+}
+
+TEST(FileLocked, ImmutableFlag) {
+    TempTree tree;
+    std::string file = tree.MakeFile("take.wav");
+    EXPECT_FALSE(LFile::TestFileLocked(file.c_str()));
+    EXPECT_FALSE(LFile::TestFileLocked(tree.Path("missing").c_str()));
+
+    int fd = open(file.c_str(), O_RDONLY);
+    ASSERT_GE(fd, 0);
+    int flags = 0;
+    bool haveFlags = ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
+    int locked = flags | FS_IMMUTABLE_FL;
+    if (!haveFlags || ioctl(fd, FS_IOC_SETFLAGS, &locked) != 0) {
+        close(fd);
+        GTEST_SKIP() << "no inode flags here, or no right to set the immutable one";
+    }
+    EXPECT_TRUE(LFile::TestFileLocked(file.c_str()));
+    ioctl(fd, FS_IOC_SETFLAGS, &flags);  // so that the tree can be removed
+    close(fd);
+    EXPECT_FALSE(LFile::TestFileLocked(file.c_str()));
+}
+
+}  // namespace
