@@ -36,6 +36,21 @@ void StoreLE(unsigned char* p, uint32_t v) {
     }
 }
 
+// Runs `cipher` over each 8-byte block in place, halves read and written little-endian. A
+// length that is not a whole number of blocks still takes its last block whole, as callers
+// have always sized their buffers for.
+template <typename Cipher>
+void CipherBlocks(void* data, unsigned long length, Cipher cipher) {
+    auto* p = static_cast<unsigned char*>(data);
+    for (unsigned long offset = 0; offset < length; offset += 8) {
+        uint32_t l = LoadLE(p + offset);
+        uint32_t r = LoadLE(p + offset + 4);
+        cipher(l, r);
+        StoreLE(p + offset, l);
+        StoreLE(p + offset + 4, r);
+    }
+}
+
 unsigned long RoundUpToBlock(unsigned long n) {
     return (n + 7) & ~7UL;
 }
@@ -141,25 +156,11 @@ void LBlowFish::Blowfish_decipher(unsigned& left, unsigned& right) const {
 }
 
 void LBlowFish::Encode(void* data, unsigned long length) {
-    auto* p = static_cast<unsigned char*>(data);
-    for (unsigned long offset = 0; offset < length; offset += 8) {
-        uint32_t l = LoadLE(p + offset);
-        uint32_t r = LoadLE(p + offset + 4);
-        EncipherWords(l, r);
-        StoreLE(p + offset, l);
-        StoreLE(p + offset + 4, r);
-    }
+    CipherBlocks(data, length, [this](uint32_t& l, uint32_t& r) { EncipherWords(l, r); });
 }
 
 void LBlowFish::Decode(void* data, unsigned long length) const {
-    auto* p = static_cast<unsigned char*>(data);
-    for (unsigned long offset = 0; offset < length; offset += 8) {
-        uint32_t l = LoadLE(p + offset);
-        uint32_t r = LoadLE(p + offset + 4);
-        DecipherWords(l, r);
-        StoreLE(p + offset, l);
-        StoreLE(p + offset + 4, r);
-    }
+    CipherBlocks(data, length, [this](uint32_t& l, uint32_t& r) { DecipherWords(l, r); });
 }
 
 void LBlowFish::StringEncodeBase64(LStringLongTemplate<char>& out, const char* text) {

@@ -124,8 +124,12 @@ private:
         }
     }
 
-    void RotateLeft(Node* x);
-    void RotateRight(Node* x);
+    // The child of x on one side. Rotations and the rebalancing cases come in mirror-image
+    // pairs; each is written once for a side and its opposite (!side).
+    static Node*& Child(Node* x, bool right) { return right ? x->m_pRight : x->m_pLeft; }
+    // Lifts x's child on the side opposite `right` into x's place; x becomes that node's child
+    // on `right`. Rotate(x, false) is a left rotation.
+    void Rotate(Node* x, bool right);
     // Puts v (possibly null) where u hangs from u's parent.
     void Transplant(Node* u, Node* v);
     void InsertFixup(Node* z);
@@ -135,26 +139,14 @@ private:
 };
 
 template <typename K, typename V, typename Traits>
-void LRBTree<K, V, Traits>::RotateLeft(Node* x) {
-    Node* y = x->m_pRight;
-    x->m_pRight = y->m_pLeft;
-    if (y->m_pLeft != nullptr) {
-        y->m_pLeft->m_pParent = x;
+void LRBTree<K, V, Traits>::Rotate(Node* x, bool right) {
+    Node* y = Child(x, !right);
+    Child(x, !right) = Child(y, right);
+    if (Child(y, right) != nullptr) {
+        Child(y, right)->m_pParent = x;
     }
     Transplant(x, y);
-    y->m_pLeft = x;
-    x->m_pParent = y;
-}
-
-template <typename K, typename V, typename Traits>
-void LRBTree<K, V, Traits>::RotateRight(Node* x) {
-    Node* y = x->m_pLeft;
-    x->m_pLeft = y->m_pRight;
-    if (y->m_pRight != nullptr) {
-        y->m_pRight->m_pParent = x;
-    }
-    Transplant(x, y);
-    y->m_pRight = x;
+    Child(y, right) = x;
     x->m_pParent = y;
 }
 
@@ -181,7 +173,7 @@ void LRBTree<K, V, Traits>::Insert(Node* z) {
         parent = x;
         // An existing key less than or equal to the new one sends the new node right.
         right = Traits::Compare(x->m_key, z->m_key) < 1;
-        x = right ? x->m_pRight : x->m_pLeft;
+        x = Child(x, right);
     }
     z->m_pParent = parent;
     z->m_pLeft = nullptr;
@@ -189,10 +181,8 @@ void LRBTree<K, V, Traits>::Insert(Node* z) {
     z->m_nColour = Node::kRed;
     if (parent == nullptr) {
         m_pRoot = z;
-    } else if (right) {
-        parent->m_pRight = z;
     } else {
-        parent->m_pLeft = z;
+        Child(parent, right) = z;
     }
     InsertFixup(z);
 }
@@ -201,42 +191,24 @@ template <typename K, typename V, typename Traits>
 void LRBTree<K, V, Traits>::InsertFixup(Node* z) {
     while (IsRed(z->m_pParent)) {
         Node* p = z->m_pParent;
-        Node* g = p->m_pParent;  // exists: a red node is never the root
-        if (p == g->m_pLeft) {
-            Node* uncle = g->m_pRight;
-            if (IsRed(uncle)) {
-                p->m_nColour = Node::kBlack;
-                uncle->m_nColour = Node::kBlack;
-                g->m_nColour = Node::kRed;
-                z = g;
-                continue;
-            }
-            if (z == p->m_pRight) {
-                z = p;
-                RotateLeft(z);
-                p = z->m_pParent;
-            }
+        Node* g = p->m_pParent;             // exists: a red node is never the root
+        const bool side = p != g->m_pLeft;  // the side of g that p hangs on
+        Node* uncle = Child(g, !side);
+        if (IsRed(uncle)) {
             p->m_nColour = Node::kBlack;
+            uncle->m_nColour = Node::kBlack;
             g->m_nColour = Node::kRed;
-            RotateRight(g);
-        } else {
-            Node* uncle = g->m_pLeft;
-            if (IsRed(uncle)) {
-                p->m_nColour = Node::kBlack;
-                uncle->m_nColour = Node::kBlack;
-                g->m_nColour = Node::kRed;
-                z = g;
-                continue;
-            }
-            if (z == p->m_pLeft) {
-                z = p;
-                RotateRight(z);
-                p = z->m_pParent;
-            }
-            p->m_nColour = Node::kBlack;
-            g->m_nColour = Node::kRed;
-            RotateLeft(g);
+            z = g;
+            continue;
         }
+        if (z == Child(p, !side)) {
+            z = p;
+            Rotate(z, side);
+            p = z->m_pParent;
+        }
+        p->m_nColour = Node::kBlack;
+        g->m_nColour = Node::kRed;
+        Rotate(g, !side);
     }
     m_pRoot->m_nColour = Node::kBlack;
 }
@@ -285,57 +257,32 @@ void LRBTree<K, V, Traits>::RemoveFixup(Node* x, Node* parent) {
     // x carries an extra black. Its sibling always exists: the sibling's side has at least
     // one more black node than x's side has now.
     while (x != m_pRoot && !IsRed(x)) {
-        if (x == parent->m_pLeft) {
-            Node* w = parent->m_pRight;
-            if (IsRed(w)) {
-                w->m_nColour = Node::kBlack;
-                parent->m_nColour = Node::kRed;
-                RotateLeft(parent);
-                w = parent->m_pRight;
-            }
-            if (!IsRed(w->m_pLeft) && !IsRed(w->m_pRight)) {
-                w->m_nColour = Node::kRed;
-                x = parent;
-                parent = x->m_pParent;
-                continue;
-            }
-            if (!IsRed(w->m_pRight)) {
-                w->m_pLeft->m_nColour = Node::kBlack;
-                w->m_nColour = Node::kRed;
-                RotateRight(w);
-                w = parent->m_pRight;
-            }
-            w->m_nColour = parent->m_nColour;
-            parent->m_nColour = Node::kBlack;
-            w->m_pRight->m_nColour = Node::kBlack;
-            RotateLeft(parent);
-            x = m_pRoot;
-        } else {
-            Node* w = parent->m_pLeft;
-            if (IsRed(w)) {
-                w->m_nColour = Node::kBlack;
-                parent->m_nColour = Node::kRed;
-                RotateRight(parent);
-                w = parent->m_pLeft;
-            }
-            if (!IsRed(w->m_pLeft) && !IsRed(w->m_pRight)) {
-                w->m_nColour = Node::kRed;
-                x = parent;
-                parent = x->m_pParent;
-                continue;
-            }
-            if (!IsRed(w->m_pLeft)) {
-                w->m_pRight->m_nColour = Node::kBlack;
-                w->m_nColour = Node::kRed;
-                RotateLeft(w);
-                w = parent->m_pLeft;
-            }
-            w->m_nColour = parent->m_nColour;
-            parent->m_nColour = Node::kBlack;
-            w->m_pLeft->m_nColour = Node::kBlack;
-            RotateRight(parent);
-            x = m_pRoot;
+        // x may be null, so its side is told by the left link alone.
+        const bool side = x != parent->m_pLeft;
+        Node* w = Child(parent, !side);
+        if (IsRed(w)) {
+            w->m_nColour = Node::kBlack;
+            parent->m_nColour = Node::kRed;
+            Rotate(parent, side);
+            w = Child(parent, !side);
         }
+        if (!IsRed(w->m_pLeft) && !IsRed(w->m_pRight)) {
+            w->m_nColour = Node::kRed;
+            x = parent;
+            parent = x->m_pParent;
+            continue;
+        }
+        if (!IsRed(Child(w, !side))) {
+            Child(w, side)->m_nColour = Node::kBlack;
+            w->m_nColour = Node::kRed;
+            Rotate(w, !side);
+            w = Child(parent, !side);
+        }
+        w->m_nColour = parent->m_nColour;
+        parent->m_nColour = Node::kBlack;
+        Child(w, !side)->m_nColour = Node::kBlack;
+        Rotate(parent, side);
+        x = m_pRoot;
     }
     if (x != nullptr) {
         x->m_nColour = Node::kBlack;

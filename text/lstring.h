@@ -216,8 +216,6 @@ public:
     static constexpr unsigned long kInitialSize = 260;
 
 private:
-    friend class LStringLongTemplateWriter<T>;
-    friend class LStringLongTemplateAppender<T>;
     friend struct ldetail::LStringWriteRule<T>;
 
     static constexpr T kEmpty[1] = {0};
@@ -280,6 +278,16 @@ namespace ldetail {
 // string stays terminated after every write.
 template <typename T>
 struct LStringWriteRule {
+    // A string without a buffer is first given LStringLongTemplate<T>::kInitialSize characters.
+    static void Open(LStringLongTemplate<T>& s) {
+        if (s.m_nCapacity == 0) {
+            s.GrowToSize(LStringLongTemplate<T>::kInitialSize);
+        }
+    }
+    static void Clear(LStringLongTemplate<T>& s) {
+        s.m_nLength = 0;
+        s.m_pData[0] = 0;
+    }
     static void Put(LStringLongTemplate<T>& s, T c) {
         s.m_pData[s.m_nLength++] = c;
         if (s.m_nLength >= s.m_nCapacity) {
@@ -304,47 +312,45 @@ struct LStringWriteRule {
         s.m_pData[s.m_nLength] = 0;
     }
 };
+
+// What the two long-string writers share: every write goes through the rule above, after the
+// string has been given a buffer.
+template <typename T>
+class LStringLongSink {
+public:
+    void Write(T c) { Rule::Put(m_rString, c); }
+    void Write(const T* text, unsigned long count) { Rule::PutRun(m_rString, text, count); }
+    unsigned long GetLength() const { return m_rString.GetLength(); }
+    LStringLongTemplate<T>& GetString() const { return m_rString; }
+
+protected:
+    using Rule = LStringWriteRule<T>;
+    explicit LStringLongSink(LStringLongTemplate<T>& string) : m_rString(string) {
+        Rule::Open(m_rString);
+    }
+
+private:
+    LStringLongTemplate<T>& m_rString;
+};
 }  // namespace ldetail
 
 // Writes into a string from position 0 (the constructor empties it). A string without a buffer
 // is first given LStringLongTemplate<T>::kInitialSize characters.
 template <typename T>
-class LStringLongTemplateWriter {
+class LStringLongTemplateWriter : public ldetail::LStringLongSink<T> {
 public:
-    explicit LStringLongTemplateWriter(LStringLongTemplate<T>& string) : m_rString(string) {
-        if (m_rString.m_nCapacity == 0) {
-            m_rString.GrowToSize(LStringLongTemplate<T>::kInitialSize);
-        }
-        m_rString.m_nLength = 0;
-        m_rString.m_pData[0] = 0;
+    explicit LStringLongTemplateWriter(LStringLongTemplate<T>& string)
+        : ldetail::LStringLongSink<T>(string) {
+        ldetail::LStringWriteRule<T>::Clear(string);
     }
-    void Write(T c) { Rule::Put(m_rString, c); }
-    void Write(const T* text, unsigned long count) { Rule::PutRun(m_rString, text, count); }
-    unsigned long GetLength() const { return m_rString.m_nLength; }
-    LStringLongTemplate<T>& GetString() const { return m_rString; }
-
-private:
-    using Rule = ldetail::LStringWriteRule<T>;
-    LStringLongTemplate<T>& m_rString;
 };
 
 // Writes after the string's current length.
 template <typename T>
-class LStringLongTemplateAppender {
+class LStringLongTemplateAppender : public ldetail::LStringLongSink<T> {
 public:
-    explicit LStringLongTemplateAppender(LStringLongTemplate<T>& string) : m_rString(string) {
-        if (m_rString.m_nCapacity == 0) {
-            m_rString.GrowToSize(LStringLongTemplate<T>::kInitialSize);
-        }
-    }
-    void Write(T c) { Rule::Put(m_rString, c); }
-    void Write(const T* text, unsigned long count) { Rule::PutRun(m_rString, text, count); }
-    unsigned long GetLength() const { return m_rString.m_nLength; }
-    LStringLongTemplate<T>& GetString() const { return m_rString; }
-
-private:
-    using Rule = ldetail::LStringWriteRule<T>;
-    LStringLongTemplate<T>& m_rString;
+    explicit LStringLongTemplateAppender(LStringLongTemplate<T>& string)
+        : ldetail::LStringLongSink<T>(string) {}
 };
 
 // ---- The formatting engine ----

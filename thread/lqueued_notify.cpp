@@ -7,6 +7,33 @@
 
 #include "thread/lthread_platform.h"
 
+namespace {
+
+// The Impl and dispatcher links are read, or taken, under their mutex; what they point to is
+// then used, and a taken one released, outside the lock.
+template <typename T>
+std::shared_ptr<T> CopyLocked(std::mutex& mutex, std::shared_ptr<T> const& link) {
+    std::lock_guard guard(mutex);
+    return link;
+}
+
+template <typename T>
+std::shared_ptr<T> TakeLocked(std::mutex& mutex, std::shared_ptr<T>& link) {
+    std::lock_guard guard(mutex);
+    return std::move(link);
+}
+
+// A dispatcher taken from its Impl: deliveries already queued run out first, and then the
+// receiver is dropped so that nothing reaches it afterwards.
+void Retire(std::shared_ptr<LNotifyMessageDispatcher> const& dispatcher) {
+    if (dispatcher) {
+        dispatcher->DrainMessages();
+        dispatcher->SetReceiver(nullptr);
+    }
+}
+
+}  // namespace
+
 LNotifyDataObject::LNotifyDataObject(unsigned int code, void const* bytes,
                                      unsigned long lengthOrIntData)
     : code(code), lengthOrIntData(lengthOrIntData) {
@@ -66,12 +93,7 @@ std::shared_ptr<LQueuedNotifyDataHandlerImpl> LQueuedNotifyDataHandlerImpl::Init
 }
 
 void LQueuedNotifyDataHandlerImpl::PostNotifyData(std::shared_ptr<LNotifyDataObject> object) {
-    std::shared_ptr<LNotifyMessageDispatcher> d;
-    {
-        std::lock_guard guard(dispatcherMutex);
-        d = dispatcher;
-    }
-    if (d) {
+    if (auto d = CopyLocked(dispatcherMutex, dispatcher)) {
         d->DispatchData(std::move(object), [](LObject& receiver, LObject* o) {
             static_cast<LQueuedNotifyDataHandlerImpl&>(receiver).InvokeEvNotify(
                 *static_cast<LNotifyDataObject*>(o));
@@ -92,15 +114,8 @@ void LQueuedNotifyDataHandlerImpl::InvokeEvNotify(LNotifyDataObject const& objec
 }
 
 void LQueuedNotifyDataHandlerImpl::DestroyNotify() {
-    std::shared_ptr<LNotifyMessageDispatcher> d;
-    {
-        std::lock_guard guard(dispatcherMutex);
-        d = std::move(dispatcher);
-    }
-    if (d) {
-        d->DrainMessages();
-        d->SetReceiver(nullptr);
-    }
+    const auto d = TakeLocked(dispatcherMutex, dispatcher);
+    Retire(d);
     interface = nullptr;
 }
 
@@ -112,19 +127,13 @@ LQueuedNotifyDataHandler::~LQueuedNotifyDataHandler() {
 }
 
 void LQueuedNotifyDataHandler::QueuedNotifyDataHandlerDestroy() {
-    std::shared_ptr<LQueuedNotifyDataHandlerImpl> old;
-    {
-        std::lock_guard guard(implMutex);
-        old = std::move(impl);
-    }
-    if (old) {
+    if (auto old = TakeLocked(implMutex, impl)) {
         old->DestroyNotify();
     }
 }
 
 std::shared_ptr<LQueuedNotifyDataHandlerImpl> LQueuedNotifyDataHandler::_GetImpl() {
-    std::lock_guard guard(implMutex);
-    return impl;
+    return CopyLocked(implMutex, impl);
 }
 
 void LQueuedNotifyDataSender::PostNotify(unsigned int code, void const* data,
@@ -147,12 +156,7 @@ std::shared_ptr<LThreadQueuedNotifyImpl> LThreadQueuedNotifyImpl::Init(LThreadQu
 }
 
 void LThreadQueuedNotifyImpl::PostNotify() {
-    std::shared_ptr<LNotifyMessageDispatcher> d;
-    {
-        std::lock_guard guard(dispatcherMutex);
-        d = dispatcher;
-    }
-    if (d) {
+    if (auto d = CopyLocked(dispatcherMutex, dispatcher)) {
         d->DispatchData(nullptr, [](LObject& receiver, LObject*) {
             static_cast<LThreadQueuedNotifyImpl&>(receiver).InvokeEvNotify();
         });
@@ -166,15 +170,8 @@ void LThreadQueuedNotifyImpl::InvokeEvNotify() {
 }
 
 void LThreadQueuedNotifyImpl::DestroyNotify() {
-    std::shared_ptr<LNotifyMessageDispatcher> d;
-    {
-        std::lock_guard guard(dispatcherMutex);
-        d = std::move(dispatcher);
-    }
-    if (d) {
-        d->DrainMessages();
-        d->SetReceiver(nullptr);
-    }
+    const auto d = TakeLocked(dispatcherMutex, dispatcher);
+    Retire(d);
     interface = nullptr;
 }
 
@@ -189,23 +186,13 @@ void LThreadQueuedNotify::PostQueueNotify() {
         EvQueuedNotify();
         return;
     }
-    std::shared_ptr<LThreadQueuedNotifyImpl> current;
-    {
-        std::lock_guard guard(implMutex);
-        current = impl;
-    }
-    if (current) {
+    if (auto current = CopyLocked(implMutex, impl)) {
         current->PostNotify();
     }
 }
 
 void LThreadQueuedNotify::ThreadQueuedNotifyDestroy() {
-    std::shared_ptr<LThreadQueuedNotifyImpl> old;
-    {
-        std::lock_guard guard(implMutex);
-        old = std::move(impl);
-    }
-    if (old) {
+    if (auto old = TakeLocked(implMutex, impl)) {
         old->DestroyNotify();
     }
 }
