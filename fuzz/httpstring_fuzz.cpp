@@ -12,38 +12,13 @@
 #include <vector>
 
 #include "settings/lhashtable.h"
+#include "tests/settings/hashtable_contents.h"
+#include "tests/settings/rbtree_validator.h"
 
 namespace {
 
-using Pairs = std::vector<std::pair<std::string, std::string>>;
-
-Pairs Contents(const LHashTable& table) {
-    Pairs out;
-    for (LHashTable::ConstIterator it(table); it; ++it) {
-        out.emplace_back(it.GetParm(), it.GetData());
-    }
-    return out;
-}
-
-// Black height of a subtree, or -1 when a rule is broken.
-int BlackHeight(const LHashTable::Node* x) {
-    if (x == nullptr) {
-        return 1;
-    }
-    using Node = LHashTable::Node;
-    for (const Node* child : {x->m_pLeft, x->m_pRight}) {
-        if (child != nullptr && (child->m_pParent != x ||
-                                 (x->m_nColour == Node::kRed && child->m_nColour == Node::kRed))) {
-            return -1;
-        }
-    }
-    const int left = BlackHeight(x->m_pLeft);
-    const int right = BlackHeight(x->m_pRight);
-    if (left < 0 || left != right) {
-        return -1;
-    }
-    return left + (x->m_nColour == Node::kBlack ? 1 : 0);
-}
+using Pairs = HashTablePairs;
+using Validator = LRBTreeValidator<LStringLongKey, LStringLongTemplate<char>>;
 
 }  // namespace
 
@@ -52,8 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     LHashTable table;
     table.LoadHTTPString(text.c_str());
-    const LHashTable::Node* root = table.GetTree().GetRoot();
-    if (root != nullptr && (root->m_nColour != LHashTable::Node::kBlack || BlackHeight(root) < 0)) {
+    if (!Validator::Check(table.GetTree()).empty()) {
         std::abort();
     }
     const Pairs pairs = Contents(table);

@@ -65,6 +65,32 @@ void Join(char* text, const char* date, const char* time) {
     tplsnprintf(text, kTextSize, "%s %s", date, time);
 }
 
+// The date and time texts of one value, the time with or without seconds; 0 empties both.
+void WriteDateAndTime(long value, char* date, char* time, bool seconds) {
+    if (value == 0) {
+        Empty(date);
+        Empty(time);
+        return;
+    }
+    const std::tm tm = Local(value);
+    WriteDate(tm, date);
+    if (seconds) {
+        WriteTime(tm, time);
+    } else {
+        std::snprintf(time, kTextSize, "%.2d:%.2d", tm.tm_hour, tm.tm_min);
+    }
+}
+
+// The same two texts joined by a space into one buffer; 0 gives the empty text.
+void WriteDateAndTime(long value, char* text, bool seconds) {
+    if (value == 0)
+        return Empty(text);
+    char date[kTextSize];
+    char time[kTextSize];
+    WriteDateAndTime(value, date, time, seconds);
+    Join(text, date, time);
+}
+
 bool IsEmptyText(const char* text) {
     return text == nullptr || text[0] == 0;
 }
@@ -85,23 +111,11 @@ LDateTime LDateTime::GetCurrentDateTime() {
 }
 
 void LDateTime::GetDateTime(long value, char* date, char* time) {
-    if (value == 0) {
-        Empty(date);
-        Empty(time);
-        return;
-    }
-    const std::tm tm = Local(value);
-    WriteDate(tm, date);
-    WriteTime(tm, time);
+    WriteDateAndTime(value, date, time, true);
 }
 
 void LDateTime::GetDateTime(char* text) const {
-    if (m_nDateTime == 0)
-        return Empty(text);
-    char date[kTextSize];
-    char time[kTextSize];
-    GetDateTime(m_nDateTime, date, time);
-    Join(text, date, time);
+    WriteDateAndTime(m_nDateTime, text, true);
 }
 
 void LDateTime::GetDateTimeInLocalFormat(char* text) const {
@@ -119,23 +133,11 @@ void LDateTime::GetDateInLocalFormat(char* date) const {
 }
 
 void LDateTime::GetDateYYYYHMMHDDTimeHHCMM(long value, char* date, char* time) {
-    if (value == 0) {
-        Empty(date);
-        Empty(time);
-        return;
-    }
-    const std::tm tm = Local(value);
-    WriteDate(tm, date);
-    std::snprintf(time, kTextSize, "%.2d:%.2d", tm.tm_hour, tm.tm_min);
+    WriteDateAndTime(value, date, time, false);
 }
 
 void LDateTime::GetDateYYYYHMMHDDTimeHHCMM(long value, char* text) {
-    if (value == 0)
-        return Empty(text);
-    char date[kTextSize];
-    char time[kTextSize];
-    GetDateYYYYHMMHDDTimeHHCMM(value, date, time);
-    Join(text, date, time);
+    WriteDateAndTime(value, text, false);
 }
 
 void LDateTime::GetTimeInLocalFormat(char* time) const {

@@ -71,6 +71,23 @@ long AsValue(void const* pointer) {
     return static_cast<long>(reinterpret_cast<intptr_t>(pointer));
 }
 
+// Ends a connection this program holds: no handler runs for it afterwards, and its reference
+// is given back.
+void Close(lxpc::xpc_connection_t connection) {
+    lxpc::xpc_connection_cancel(connection);
+    lxpc::xpc_release(connection);
+}
+
+// Connects to the service with a fresh inbox for its replies and pushed messages; null, said
+// on stderr, when the service cannot be reached.
+lxpc::xpc_connection_t OpenService(std::shared_ptr<Inbox>& inbox) {
+    inbox = std::make_shared<Inbox>(arVADHelperTxKeys, arVADHelperRxKeys);
+    lxpc::xpc_connection_t service = vadctl::ConnectToService(inbox);
+    if (!service)
+        std::fprintf(stderr, "kavelpl-vadctl: cannot connect to the service\n");
+    return service;
+}
+
 bool ParseCount(char const* text, long& out) {
     char* end = nullptr;
     long value = std::strtol(text, &end, 10);
@@ -154,8 +171,7 @@ void Device::Handle(lxpc::xpc_connection_t peer, lxpc::xpc_object_t event) {
     if (lxpc::xpc_get_type(event) != lxpc::XPC_TYPE_DICTIONARY) {
         // The application went away: a recording it left running ends here.
         EndSession(it->second);
-        lxpc::xpc_connection_cancel(peer);
-        lxpc::xpc_release(peer);
+        Close(peer);
         streams_.erase(it);
         return;
     }
@@ -250,16 +266,13 @@ int Device::Run(long sessions) {
             break;
     }
 
-    if (service) {
-        lxpc::xpc_connection_cancel(service);
-        lxpc::xpc_release(service);
-    }
+    if (service)
+        Close(service);
     lxpc::xpc_connection_cancel(listener);
     {
         std::lock_guard<std::mutex> lock(mutex_);
         for (auto& [peer, stream] : streams_) {
-            lxpc::xpc_connection_cancel(peer);
-            lxpc::xpc_release(peer);
+            Close(peer);
         }
         streams_.clear();
     }
@@ -272,16 +285,13 @@ int Device::Run(long sessions) {
 // --- request: the application ---------------------------------------------------------------
 
 int Request(long waitMs, long frames) {
-    auto fromService = std::make_shared<Inbox>(arVADHelperTxKeys, arVADHelperRxKeys);
-    KeyLists& keys = fromService->keys;
-    lxpc::xpc_connection_t service = vadctl::ConnectToService(fromService);
-    if (!service) {
-        std::fprintf(stderr, "kavelpl-vadctl: cannot connect to the service\n");
+    std::shared_ptr<Inbox> fromService;
+    lxpc::xpc_connection_t service = OpenService(fromService);
+    if (!service)
         return kExitNoAnswer;
-    }
+    KeyLists& keys = fromService->keys;
     auto finish = [&](int status) {
-        lxpc::xpc_connection_cancel(service);
-        lxpc::xpc_release(service);
+        Close(service);
         return status;
     };
 
@@ -378,26 +388,22 @@ int Request(long waitMs, long frames) {
         }
     }
     std::fflush(stdout);
-    lxpc::xpc_connection_cancel(device);
-    lxpc::xpc_release(device);
+    Close(device);
     return finish(status);
 }
 
 // --- load-driver ----------------------------------------------------------------------------
 
 int LoadDriver(char const* path) {
-    auto fromService = std::make_shared<Inbox>(arVADHelperTxKeys, arVADHelperRxKeys);
-    KeyLists& keys = fromService->keys;
-    lxpc::xpc_connection_t service = vadctl::ConnectToService(fromService);
-    if (!service) {
-        std::fprintf(stderr, "kavelpl-vadctl: cannot connect to the service\n");
+    std::shared_ptr<Inbox> fromService;
+    lxpc::xpc_connection_t service = OpenService(fromService);
+    if (!service)
         return kExitNoAnswer;
-    }
+    KeyLists& keys = fromService->keys;
     lxpc::xpc_object_t message = keys.Encode({{"LOAD_DRIVER", AsValue(path)}});
     auto reply = vadctl::SendAndWait(service, message, keys);
     lxpc::xpc_release(message);
-    lxpc::xpc_connection_cancel(service);
-    lxpc::xpc_release(service);
+    Close(service);
     Value const* answer = reply ? vadctl::Find(*reply, "LOAD_DRIVER_REPLY") : nullptr;
     if (!answer) {
         std::fprintf(stderr, "kavelpl-vadctl: the service did not answer LOAD_DRIVER\n");

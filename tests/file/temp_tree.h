@@ -1,5 +1,5 @@
-// Test fixtures for the file tests: a temporary folder removed with everything in it, and
-// environment overrides restored on scope exit (HOME and the XDG_* variables are read by the
+// Test fixtures shared by the test suites: a temporary folder removed with everything in it,
+// and environment overrides restored on scope exit (HOME and the XDG_* variables are read by the
 // code under test, so every test that points them elsewhere must put them back).
 #pragma once
 
@@ -47,23 +47,22 @@ private:
     std::string root_;
 };
 
-// Sets (or, with nullptr, unsets) one environment variable for the scope.
+// Sets (or, with nullptr, unsets) one environment variable for the scope; Set changes it
+// again within the scope. The value found at construction is what comes back at the end.
 class EnvOverride {
 public:
     EnvOverride(char const* name, char const* value) : name_(name) {
         if (char const* old = getenv(name)) {
             old_ = old;
         }
-        if (value != nullptr) {
-            setenv(name, value, 1);
-        } else {
-            unsetenv(name);
-        }
+        Set(value);
     }
     EnvOverride(char const* name, std::string const& value) : EnvOverride(name, value.c_str()) {}
-    ~EnvOverride() {
-        if (old_) {
-            setenv(name_.c_str(), old_->c_str(), 1);
+    ~EnvOverride() { Set(old_ ? old_->c_str() : nullptr); }
+
+    void Set(char const* value) {
+        if (value != nullptr) {
+            setenv(name_.c_str(), value, 1);
         } else {
             unsetenv(name_.c_str());
         }

@@ -14,6 +14,8 @@
 #include <optional>
 #include <string>
 
+#include "tests/file/temp_tree.h"
+
 extern "C" int sd_listen_fds(int unset_environment);
 extern "C" int sd_is_socket_unix(int fd, int type, int listening, char const* path, size_t length);
 
@@ -32,26 +34,7 @@ IsSocketUnix LibraryIsSocketUnix() {
     return reinterpret_cast<IsSocketUnix>(dlsym(RTLD_NEXT, "sd_is_socket_unix"));
 }
 
-// Sets or removes an environment variable for the life of the object.
-class ScopedEnv {
-public:
-    ScopedEnv(char const* name, char const* value) : name_(name) {
-        if (char const* old = std::getenv(name))
-            old_ = old;
-        Set(value);
-    }
-    ~ScopedEnv() { Set(old_ ? old_->c_str() : nullptr); }
-    void Set(char const* value) {
-        if (value)
-            setenv(name_, value, 1);
-        else
-            unsetenv(name_);
-    }
-
-private:
-    char const* name_;
-    std::optional<std::string> old_;
-};
+using ScopedEnv = ltest::EnvOverride;
 
 int BoundSocket(int type, sockaddr_un const& address, socklen_t length, bool listening) {
     int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);

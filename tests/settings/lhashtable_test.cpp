@@ -11,20 +11,13 @@
 #include <string>
 #include <vector>
 
-#include "rbtree_validator.h"
+#include "tests/settings/hashtable_contents.h"
+#include "tests/settings/rbtree_validator.h"
 
 namespace {
 
 using Validator = LRBTreeValidator<LStringLongKey, LStringLongTemplate<char>>;
-using Pairs = std::vector<std::pair<std::string, std::string>>;
-
-Pairs Contents(const LHashTable& table) {
-    Pairs out;
-    for (LHashTable::ConstIterator it(table); it; ++it) {
-        out.emplace_back(it.GetParm(), it.GetData());
-    }
-    return out;
-}
+using Pairs = HashTablePairs;
 
 Pairs Contents(const std::multimap<std::string, std::string>& model) {
     return {model.begin(), model.end()};

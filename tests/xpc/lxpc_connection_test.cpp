@@ -53,6 +53,17 @@ void Echo(LXPCBase& server, long connection, long message, const LList<LXPCDataL
     server.SendReply(connection, message, reply);
 }
 
+// A fresh client connection held by an LXPCConnection with one reference, its handler set up
+// by `base` and resumed; the creator's own reference is given back.
+std::unique_ptr<LXPCConnection> Hold(LXPCBase& base, xpc_connection_t connection) {
+    EXPECT_NE(connection, nullptr);
+    auto held = std::make_unique<LXPCConnection>(Handle(connection));
+    base.SetupConnectionHandlerAndResume(*held);
+    held->Retain();
+    xpc_release(connection);
+    return held;
+}
+
 const RecordedValue& Value(const Delivery& delivery, const char* name) {
     static const RecordedValue missing{};
     const RecordedValue* found = Find(delivery.values, name);
@@ -126,13 +137,7 @@ protected:
 
     // A client connection through the endpoint, held by an LXPCConnection with one reference.
     std::unique_ptr<LXPCConnection> Connect(LXPCBase& base) {
-        xpc_connection_t connection = xpc_connection_create_from_endpoint(Endpoint());
-        EXPECT_NE(connection, nullptr);
-        auto held = std::make_unique<LXPCConnection>(Handle(connection));
-        base.SetupConnectionHandlerAndResume(*held);
-        held->Retain();
-        xpc_release(connection);
-        return held;
+        return Hold(base, xpc_connection_create_from_endpoint(Endpoint()));
     }
 
     xpc_connection_t listener_ = nullptr;
@@ -551,13 +556,7 @@ protected:
         }
     }
     std::unique_ptr<LXPCConnection> Connect(LXPCBase& base) {
-        xpc_connection_t connection = xpc_connection_create_mach_service(name_.c_str(), nullptr, 0);
-        EXPECT_NE(connection, nullptr);
-        auto held = std::make_unique<LXPCConnection>(Handle(connection));
-        base.SetupConnectionHandlerAndResume(*held);
-        held->Retain();
-        xpc_release(connection);
-        return held;
+        return Hold(base, xpc_connection_create_mach_service(name_.c_str(), nullptr, 0));
     }
 
     ServiceDir dir_;

@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/file/temp_tree.h"
 #include "xpc/lxpc_base.h"
 #include "xpc/lxpc_data.h"
 #include "xpc/lxpc_server.h"
@@ -26,35 +27,7 @@ namespace lxpc_test {
 
 inline constexpr int kWaitMs = 10000;
 
-// Sets (or unsets, with null) an environment variable and restores it on destruction.
-class ScopedEnv {
-public:
-    ScopedEnv(const char* name, const char* value) : name_(name) {
-        if (const char* old = getenv(name)) {
-            had_ = true;
-            old_ = old;
-        }
-        if (value != nullptr) {
-            setenv(name, value, 1);
-        } else {
-            unsetenv(name);
-        }
-    }
-    ~ScopedEnv() {
-        if (had_) {
-            setenv(name_.c_str(), old_.c_str(), 1);
-        } else {
-            unsetenv(name_.c_str());
-        }
-    }
-    ScopedEnv(const ScopedEnv&) = delete;
-    ScopedEnv& operator=(const ScopedEnv&) = delete;
-
-private:
-    std::string name_;
-    std::string old_;
-    bool had_ = false;
-};
+using ScopedEnv = ltest::EnvOverride;
 
 // A private service folder for the duration of a test, with LXPC_SERVICE_DIR pointing at it.
 class ServiceDir {
