@@ -200,16 +200,20 @@ void LXPCBase::SendMessage(long connection, LList<LXPCDataListable> const& data,
                            [&](LXPCBase& base) { base.HandleEvent(event, connection, true); });
             });
     } else {
-        xpc_connection_send_message(target, message);
-        xpc_connection_send_barrier(target, [gate = pGate, connection] {
-            RunIfAlive(gate, [connection](LXPCBase& base) {
-                if (base.pEventHandler != nullptr && base.pEventHandler->bAlive) {
-                    base.pEventHandler->EvMessageSent(connection);
-                }
-            });
-        });
+        SendReportingSent(target, message, connection);
     }
     xpc_release(message);
+}
+
+void LXPCBase::SendReportingSent(xpc_connection_t target, xpc_object_t message, long connection) {
+    xpc_connection_send_message(target, message);
+    xpc_connection_send_barrier(target, [gate = pGate, connection] {
+        RunIfAlive(gate, [connection](LXPCBase& base) {
+            if (base.pEventHandler != nullptr && base.pEventHandler->bAlive) {
+                base.pEventHandler->EvMessageSent(connection);
+            }
+        });
+    });
 }
 
 void LXPCBase::SendReply(long connection, long message, LList<LXPCDataListable> const& data) {
@@ -222,14 +226,7 @@ void LXPCBase::SendReply(long connection, long message, LList<LXPCDataListable> 
     }
     xpc_connection_t target = AsObject(connection);
     SetXPCDictionary(reply, lSendKeys, data);
-    xpc_connection_send_message(target, reply);
-    xpc_connection_send_barrier(target, [gate = pGate, connection] {
-        RunIfAlive(gate, [connection](LXPCBase& base) {
-            if (base.pEventHandler != nullptr && base.pEventHandler->bAlive) {
-                base.pEventHandler->EvMessageSent(connection);
-            }
-        });
-    });
+    SendReportingSent(target, reply, connection);
     xpc_release(reply);
 }
 

@@ -162,6 +162,10 @@ private:
     // Handles one event of a connection or a reply handler: a dictionary is decoded and
     // delivered as a message (or reply), an error goes to ErrorHandler, the rest is ignored.
     void HandleEvent(lxpc::xpc_object_t event, long connection, bool bReply);
+    // Sends a message or reply without waiting for an answer, followed by a barrier that
+    // reports EvMessageSent(connection) once the transport has taken it.
+    void SendReportingSent(lxpc::xpc_connection_t target, lxpc::xpc_object_t message,
+                           long connection);
 };
 
 // Maps `error` to its LXPCErrorType by identity with the transport's three error objects
