@@ -21,6 +21,7 @@
 //   the socket is gone.
 #include <errno.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -53,11 +54,44 @@ struct Socket {
 };
 using SocketRef = std::shared_ptr<Socket>;
 
+// A synchronous request's rendezvous. The reader that gets the reply stores it, then writes
+// one byte into the waiting thread's wake-up pipe: a pipe write hands the processor to the
+// woken reader directly (a synchronous wake-up), which keeps the extra thread hop of a
+// synchronous request cheap. A byte may arrive after its waiter already saw `done`; the
+// next request on that thread then reads it as a spurious wake-up and waits again.
 struct SyncWait {
     std::mutex mutex;
-    std::condition_variable done_cv;
     bool done = false;
     xpc_object_t result = nullptr;
+    int wakeFd = -1;  // write end of the waiting thread's pipe; -1: nobody to wake
+
+    bool Done() {
+        std::lock_guard lock(mutex);
+        return done;
+    }
+    void Complete(xpc_object_t r) {
+        {
+            std::lock_guard lock(mutex);
+            if (done) {
+                return;
+            }
+            result = r;
+            done = true;
+        }
+        if (wakeFd >= 0) {
+            os::Wake(wakeFd);
+        }
+    }
+};
+
+// The calling thread's wake-up pipe, made on its first synchronous request.
+struct WakePipe {
+    WakePipe() { os::MakePipe(fds); }
+    ~WakePipe() {
+        os::Close(fds[0]);
+        os::Close(fds[1]);
+    }
+    int fds[2] = {-1, -1};
 };
 
 struct Pending {
@@ -189,12 +223,7 @@ void DeliverEvent(Connection* c, xpc_object_t event, bool final, bool inlineAllo
 
 void DeliverReply(Connection* c, Pending p, xpc_object_t reply, bool inlineAllowed) {
     if (p.sync) {
-        {
-            std::lock_guard lock(p.sync->mutex);
-            p.sync->result = reply;
-            p.sync->done = true;
-        }
-        p.sync->done_cv.notify_all();  // outside the lock: the waiter runs at once
+        p.sync->Complete(reply);
         return;
     }
     xpc_queue_t queue = p.queue != nullptr ? p.queue : c->target;
@@ -787,7 +816,9 @@ xpc_object_t xpc_connection_send_message_with_reply_sync(xpc_connection_t connec
     if (c == nullptr) {
         return XPC_ERROR_CONNECTION_INVALID;
     }
+    thread_local WakePipe pipe;
     auto wait = std::make_shared<SyncWait>();
+    wait->wakeFd = pipe.fds[1];
     Pending p;
     p.sync = wait;
     Send(c, message, &p);
@@ -800,35 +831,33 @@ xpc_object_t xpc_connection_send_message_with_reply_sync(xpc_connection_t connec
             sock = c->socket;
         }
         std::vector<uint8_t> buffer(wire::kMaxPacketSize);
-        for (;;) {
-            {
-                std::lock_guard lock(wait->mutex);
-                if (wait->done) {
-                    break;
-                }
-            }
+        while (!wait->Done()) {
             if (!sock || !ReceiveOne(c, sock, buffer, false)) {
                 if (sock) {
                     os::Shutdown(sock->fd);  // the reader ends and settles the rest
                 }
-                std::lock_guard lock(c->mutex);
-                for (auto it = c->pending.begin(); it != c->pending.end(); ++it) {
-                    if (it->second.sync == wait) {
-                        c->pending.erase(it);
-                        break;
+                xpc_object_t error;
+                {
+                    std::lock_guard lock(c->mutex);
+                    for (auto it = c->pending.begin(); it != c->pending.end(); ++it) {
+                        if (it->second.sync == wait) {
+                            c->pending.erase(it);
+                            break;
+                        }
                     }
+                    error = EndError(c);
                 }
-                std::lock_guard waitLock(wait->mutex);
-                if (!wait->done) {
-                    wait->done = true;
-                    wait->result = EndError(c);
-                }
+                wait->Complete(error);
                 break;
             }
         }
     }
-    std::unique_lock lock(wait->mutex);
-    wait->done_cv.wait(lock, [&] { return wait->done; });
+    while (!wait->Done()) {
+        if (!os::WaitWake(pipe.fds[0])) {
+            // No pipe (out of descriptors): poll gently instead.
+            std::this_thread::sleep_for(std::chrono::microseconds(100));
+        }
+    }
     return wait->result;
 }
 
