@@ -52,6 +52,8 @@ bool MakePipe(int fds[2]);
 bool WaitWake(int readEnd);
 // Waits until `a` (or `b`, if >= 0) is readable, or `wakeup` is; false when woken.
 bool WaitReadable(int wakeup, int a, int b, int& readable);
+// Waits up to timeoutMs for room to send on `fd`.
+void WaitWritable(int fd, int timeoutMs);
 
 enum class IoStatus { ok, wouldBlock, closed, failed };
 // Sends one packet with its descriptors; without `block` a full socket gives wouldBlock.

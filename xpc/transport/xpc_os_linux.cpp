@@ -302,6 +302,11 @@ bool WaitReadable(int wakeup, int a, int b, int& readable) {
     }
 }
 
+void WaitWritable(int fd, int timeoutMs) {
+    pollfd p{fd, POLLOUT, 0};
+    ::poll(&p, 1, timeoutMs);
+}
+
 IoStatus SendPacket(int fd, std::span<const uint8_t> bytes, std::span<const int> fds, bool block) {
     iovec iov{const_cast<uint8_t*>(bytes.data()), bytes.size()};
     msghdr message{};
