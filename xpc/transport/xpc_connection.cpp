@@ -4,9 +4,10 @@
 // recvmsg on its socket; each resumed listener has one thread waiting on its listening
 // socket and its endpoint connector. A reader decodes a packet and runs its event or reply
 // handler inline when the target queue is idle (no thread hop on the round-trip path), else
-// queues it. Sends are written by the sending thread without blocking; a peer that stops
-// reading makes the rest wait in the connection's out queue, written by a writer thread
-// started for the purpose, so a stuck client never blocks the service.
+// queues it. Sends are written by the sending thread; when the socket is full the sender
+// waits a moment for room, then the packet and those after it wait in the socket's out
+// queue for a writer thread (which lingers a while for the next burst), so a client that
+// stops reading never holds up the service for more than that moment.
 //
 // Invariants (all guarded by the connection's mutex):
 // - Events, reply handlers and barriers of a connection go through its target queue, in the
