@@ -3,7 +3,7 @@
 // the rest is the format. Every call gets the same argument list: eight doubles and enough
 // pointers to valid texts that any conversion sequence the format can hold reads only these
 // arguments (each conversion takes at most one 16-byte slot, and formats with more than 32
-// specifications are skipped). Checks: the fixed buffer is terminated within its size and
+// conversions are skipped). Checks: the fixed buffer is terminated within its size and
 // holds exactly the first size - 1 characters of what the same format gives in a growing string.
 #include <cerrno>
 #include <cstdint>

@@ -1,20 +1,20 @@
 // The formatting engine tplprintf and the printf family built on it.
 //
 // Ordinary text and "%s" arguments are copied by the engine itself; every other conversion is
-// one call of the C library's snprintf on the rebuilt specification "%" + collected + letter,
+// one call of the C library's snprintf on the rebuilt conversion "%" + collected + letter,
 // into a 272-character scratch area, so its output is cut at 271 characters. The deliberate
 // departures from printf (see text/lstring.h) come from that design and must stay.
 //
 // What the engine adds for safety, without changing any output the C library would produce
 // for a well-formed call:
 //   - the argument is handed to snprintf with the type snprintf will read for that
-//     specification (int for %d, long double for %llf, ...), converted from the slot the
+//     conversion (int for %d, long double for %llf, ...), converted from the slot the
 //     engine took, so no call reads an argument of the wrong class; a floating conversion that
 //     takes an integer slot (E, G, F, a, A) reads the slot's 64 bits as a double, as a
 //     platform that passes every variadic argument in memory would;
 //   - a conversion that would store through the slot or read memory through it, or address
 //     arguments by position ("n", "S", "$", "*"), takes its slot and writes nothing;
-//   - a specification cut off by the end of the format writes nothing and ends formatting;
+//   - a conversion cut off by the end of the format writes nothing and ends formatting;
 //   - one that ends in a flag or length modifier ("%-", "%h") is not handed to snprintf, which
 //     would fail on it and write nothing anyway (and whose sanitizer interceptors reject it).
 // Plain %d, %i, %u, %x and %X with an optional width and "0" flag (the common case) are
@@ -30,10 +30,10 @@
 
 namespace {
 
-constexpr unsigned long kMaxSpecChars = 257;  // collected characters kept per specification
-constexpr unsigned long kScratchSize = 272;   // one numeric conversion, terminator included
+constexpr unsigned long kMaxConversionChars = 257;  // collected characters kept per conversion
+constexpr unsigned long kScratchSize = 272;         // one numeric conversion, terminator included
 
-// ".", "0" to "9", "L", "l" and "z": the only characters a specification collects.
+// ".", "0" to "9", "L", "l" and "z": the only characters a conversion collects.
 constexpr bool IsSpecChar(unsigned char c) {
     return c == '.' || (c >= '0' && c <= '9') || c == 'L' || c == 'l' || c == 'z';
 }
@@ -42,7 +42,7 @@ enum class Length { kNone, kLong, kLongLong, kLongDouble, kSize };
 
 // The collected characters read as the C library reads them: "0" flags, width, optional
 // precision, one length modifier. `valid` is false when anything is left over, in which case
-// the C library does not take an argument for the specification (it prints it as text).
+// the C library does not take an argument for the conversion (it prints it as text).
 struct ParsedSpec {
     bool valid = false;
     bool zeroPad = false;
@@ -128,7 +128,7 @@ void WriteInteger(W& writer, uint64_t magnitude, bool negative, unsigned base, b
     writer.Write(p, static_cast<unsigned long>(end - p));
 }
 
-// Runs snprintf on the rebuilt specification with one argument and copies the text it made
+// Runs snprintf on the rebuilt conversion with one argument and copies the text it made
 // (up to its terminator, at most 271 characters) to the writer.
 template <typename W, typename A>
 void WriteConverted(W& writer, const char* spec, A argument) {
@@ -139,7 +139,7 @@ void WriteConverted(W& writer, const char* spec, A argument) {
     writer.Write(scratch, static_cast<unsigned long>(std::strlen(scratch)));
 }
 
-// Hands a floating value to snprintf in the type the specification makes it read.
+// Hands a floating value to snprintf in the type the conversion makes it read.
 template <typename W>
 void WriteFloating(W& writer, const char* spec, const ParsedSpec& parsed, long double value) {
     if (parsed.length == Length::kLongDouble || parsed.length == Length::kLongLong) {
@@ -183,7 +183,7 @@ void FormatOne(W& writer, char* spec, unsigned long collected, char letter, va_l
         case '$':
         case '*':
             return;
-        // A flag or length modifier as the last character leaves the specification without a
+        // A flag or length modifier as the last character leaves the conversion without a
         // conversion: the C library fails the call and writes nothing, so it is not called.
         case '-':
         case '+':
@@ -264,7 +264,7 @@ void FormatOne(W& writer, char* spec, unsigned long collected, char letter, va_l
             return;
         default:
             // Not a conversion the C library knows (or one cut off by the end of the
-            // specification): it prints text or nothing and reads no argument.
+            // conversion): it prints text or nothing and reads no argument.
             WriteConverted(writer, spec, slot);
             return;
     }
@@ -281,7 +281,7 @@ unsigned long tplprintf(W& writer, const char* format, va_list args) {
     va_copy(ap, args);
     const char* p = format;
     // "%" + up to 257 collected characters + the letter + terminator.
-    char spec[1 + kMaxSpecChars + 2];
+    char spec[1 + kMaxConversionChars + 2];
     spec[0] = '%';
     for (;;) {
         const char* percent = std::strchr(p, '%');
@@ -295,14 +295,14 @@ unsigned long tplprintf(W& writer, const char* format, va_list args) {
         p = percent + 1;
         unsigned long collected = 0;
         while (IsSpecChar(static_cast<unsigned char>(*p))) {
-            if (collected < kMaxSpecChars) {
+            if (collected < kMaxConversionChars) {
                 spec[1 + collected++] = *p;
             }
             ++p;
         }
         const char letter = *p;
         if (letter == 0) {
-            break;  // the format ended inside a specification
+            break;  // the format ended inside a conversion
         }
         ++p;
         if (letter == '%') {

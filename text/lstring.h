@@ -357,7 +357,7 @@ public:
 
 // Formats `format` into `writer` and returns the writer's length at the end (0, with nothing
 // written, for a null format). Departures from printf, kept on purpose:
-//   - a specification collects only ".", digits, "L", "l" and "z" (at most 257 of them; more
+//   - a conversion collects only ".", digits, "L", "l" and "z" (at most 257 of them; more
 //     are read and dropped); any other character, flags "-+ #*" included, is the conversion;
 //   - "%" after the collected characters (%5%) writes one "%";
 //   - "s" copies the whole string whatever width or precision was given; null writes nothing;

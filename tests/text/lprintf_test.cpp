@@ -25,7 +25,7 @@ std::string Format(const char* format, Args... args) {
 
 // ---- Departures from printf, kept on purpose ----
 
-TEST(TplPrintfDepartures, FlagCharactersEndTheSpecification) {
+TEST(TplPrintfDepartures, FlagCharactersEndTheConversion) {
     // %-5d formats "%-" with the next argument (nothing comes of it) and writes 5d as text.
     EXPECT_EQ(Format("%-5d|%d", 1LL, 2LL), "5d|2");
     EXPECT_EQ(Format("[%+d]", 3LL), "[d]");
@@ -48,7 +48,7 @@ TEST(TplPrintfDepartures, PercentAfterCollectedCharactersWritesOnePercent) {
 TEST(TplPrintfDepartures, WidthAndPrecisionIgnoredOnStrings) {
     EXPECT_EQ(Format("%10s", "ab"), "ab");
     EXPECT_EQ(Format("%.1s", "abc"), "abc");
-    EXPECT_EQ(Format("%-10s|", "ab"), "10s|");  // "-" ended the specification
+    EXPECT_EQ(Format("%-10s|", "ab"), "10s|");  // "-" ended the conversion
     EXPECT_EQ(Format("[%s]", static_cast<const char*>(nullptr)), "[]");
     EXPECT_EQ(Format("%ls", "narrow"), "narrow");
 }
@@ -72,7 +72,7 @@ TEST(TplPrintfDepartures, CapitalLBeforeTheLetterTakesLongDouble) {
     EXPECT_EQ(Format("%.1llf|%d", 1.5, 4), "1.5|4");
 }
 
-TEST(TplPrintfDepartures, SpecificationsCollectAtMost257Characters) {
+TEST(TplPrintfDepartures, ConversionsCollectAtMost257Characters) {
     // 255 zeros, "5", "1" are kept (width 51); 42 more "1"s are read and dropped.
     std::string format("%");
     format.append(255, '0').append("51").append(42, '1').append("d|");
@@ -80,7 +80,7 @@ TEST(TplPrintfDepartures, SpecificationsCollectAtMost257Characters) {
     EXPECT_EQ(out, std::string(49, '0') + "42|");
 }
 
-TEST(TplPrintfDepartures, FormatEndingInsideASpecificationStops) {
+TEST(TplPrintfDepartures, FormatEndingInsideAConversionStops) {
     EXPECT_EQ(Format("ab%"), "ab");
     EXPECT_EQ(Format("ab%5l"), "ab");
     LStringLongTemplate<char> s("x");

@@ -4,9 +4,10 @@
 // recvmsg on its socket; each resumed listener has one thread waiting on its listening
 // socket and its endpoint connector. A reader decodes a packet and runs its event or reply
 // handler inline when the target queue is idle (no thread hop on the round-trip path), else
-// queues it. Sends are written by the sending thread without blocking; a peer that stops
-// reading makes the rest wait in the connection's out queue, written by a writer thread
-// started for the purpose, so a stuck client never blocks the service.
+// queues it. Sends are written by the sending thread; when the socket is full the sender
+// waits a moment for room, then the packet and those after it wait in the socket's out
+// queue for a writer thread (which lingers a while for the next burst), so a client that
+// stops reading never holds up the service for more than that moment.
 //
 // Invariants (all guarded by the connection's mutex):
 // - Events, reply handlers and barriers of a connection go through its target queue, in the
@@ -21,6 +22,7 @@
 //   the socket is gone.
 #include <errno.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -42,33 +44,72 @@ enum class Role { namedClient, endpointClient, peer, namedListener, anonymousLis
 
 std::atomic<size_t> g_livePeers{0};
 
+struct OutItem {
+    wire::Packet packet;
+    xpc_barrier_t barrier;  // set for a barrier marker
+};
+
 // A socket shared by the connection, its reader and its writer; closed with the last user,
-// so that no thread ever works on a descriptor number that was reused.
+// so that no thread ever works on a descriptor number that was reused. Packets the socket
+// could not take at once wait in `out` for its writer thread; the fields below `fd` are
+// guarded by the connection's mutex.
 struct Socket {
     explicit Socket(int descriptor) : fd(descriptor) {}
     ~Socket() { os::Close(fd); }
     Socket(const Socket&) = delete;
     Socket& operator=(const Socket&) = delete;
     const int fd;
+    std::deque<OutItem> out;
+    bool writerRunning = false;  // a writer thread serves this socket
+    bool writerBusy = false;     // ... and is writing an item taken from `out`
+    bool ended = false;          // the connection is done with this socket
 };
 using SocketRef = std::shared_ptr<Socket>;
 
+// A synchronous request's rendezvous. The reader that gets the reply stores it, then writes
+// one byte into the waiting thread's wake-up pipe: a pipe write hands the processor to the
+// woken reader directly (a synchronous wake-up), which keeps the extra thread hop of a
+// synchronous request cheap. A byte may arrive after its waiter already saw `done`; the
+// next request on that thread then reads it as a spurious wake-up and waits again.
 struct SyncWait {
     std::mutex mutex;
-    std::condition_variable done_cv;
     bool done = false;
     xpc_object_t result = nullptr;
+    int wakeFd = -1;  // write end of the waiting thread's pipe; -1: nobody to wake
+
+    bool Done() {
+        std::lock_guard lock(mutex);
+        return done;
+    }
+    void Complete(xpc_object_t r) {
+        {
+            std::lock_guard lock(mutex);
+            if (done) {
+                return;
+            }
+            result = r;
+            done = true;
+        }
+        if (wakeFd >= 0) {
+            os::Wake(wakeFd);
+        }
+    }
+};
+
+// The calling thread's wake-up pipe, made on its first synchronous request.
+struct WakePipe {
+    WakePipe() { os::MakePipe(fds); }
+    ~WakePipe() {
+        os::Close(fds[0]);
+        os::Close(fds[1]);
+    }
+    int fds[2] = {-1, -1};
 };
 
 struct Pending {
     xpc_queue_t queue = nullptr;  // retained
     xpc_handler_t handler;
     std::shared_ptr<SyncWait> sync;
-};
-
-struct OutItem {
-    wire::Packet packet;
-    xpc_barrier_t barrier;  // set for a barrier marker
 };
 
 struct Connection;
@@ -124,11 +165,10 @@ struct Connection : _xpc_object {
     bool unreachable = false;  // never connected, or the listener could not be set up
     SocketRef socket;
     bool readerRunning = false;
-    bool writerRunning = false;
     pid_t pid = 0;
     uint64_t nextId = 1;
     std::unordered_map<uint64_t, Pending> pending;
-    std::deque<OutItem> out;
+    std::condition_variable out_cv;  // a socket's writer waits here for more to write
     bool countedPeer = false;
 
     // Listeners.
@@ -189,12 +229,7 @@ void DeliverEvent(Connection* c, xpc_object_t event, bool final, bool inlineAllo
 
 void DeliverReply(Connection* c, Pending p, xpc_object_t reply, bool inlineAllowed) {
     if (p.sync) {
-        {
-            std::lock_guard lock(p.sync->mutex);
-            p.sync->result = reply;
-            p.sync->done = true;
-        }
-        p.sync->done_cv.notify_all();  // outside the lock: the waiter runs at once
+        p.sync->Complete(reply);
         return;
     }
     xpc_queue_t queue = p.queue != nullptr ? p.queue : c->target;
@@ -228,18 +263,23 @@ struct Owed {
     std::vector<xpc_barrier_t> barriers;
 };
 
-Owed TakeOwedLocked(Connection* c) {
+// Takes what is owed when `sock` (may be null) ends, and lets its writer go.
+Owed TakeOwedLocked(Connection* c, Socket* sock) {
     Owed owed;
     for (auto& [id, p] : c->pending) {
         owed.replies.push_back(std::move(p));
     }
     c->pending.clear();
-    for (OutItem& item : c->out) {
-        if (item.barrier) {
-            owed.barriers.push_back(std::move(item.barrier));
+    if (sock != nullptr) {
+        for (OutItem& item : sock->out) {
+            if (item.barrier) {
+                owed.barriers.push_back(std::move(item.barrier));
+            }
         }
+        sock->out.clear();
+        sock->ended = true;
+        c->out_cv.notify_all();
     }
-    c->out.clear();
     return owed;
 }
 
@@ -258,8 +298,8 @@ void FinishLocked(Connection* c, std::unique_lock<std::mutex>& lock) {
         return;
     }
     c->finished = true;
-    c->socket.reset();
-    Owed owed = TakeOwedLocked(c);
+    const SocketRef sock = std::move(c->socket);
+    Owed owed = TakeOwedLocked(c, sock.get());
     lock.unlock();
     Settle(c, std::move(owed), XPC_ERROR_CONNECTION_INVALID);
     DeliverEvent(c, XPC_ERROR_CONNECTION_INVALID, true, false);
@@ -339,13 +379,14 @@ void SocketEnded(Connection* c, const SocketRef& sock) {
     c->readerRunning = false;
     xpc_object_t error = EndError(c);
     const bool terminal = c->role != Role::namedClient || c->cancelled;
+    Owed owed = TakeOwedLocked(c, sock.get());
+    lock.unlock();
+    Settle(c, std::move(owed), error);
     if (terminal) {
+        lock.lock();
         FinishLocked(c, lock);
         return;
     }
-    Owed owed = TakeOwedLocked(c);
-    lock.unlock();
-    Settle(c, std::move(owed), error);
     DeliverEvent(c, error, false, false);
 }
 
@@ -370,28 +411,46 @@ void StartReaderLocked(Connection* c) {
 
 // ---- writing ----
 
+// How long a writer waits for more once its socket has taken everything: a peer that was
+// slow once is likely slow again soon, and a thread per burst would cost more than waiting.
+constexpr auto kWriterLinger = std::chrono::milliseconds(200);
+
 void WriterMain(Connection* c, SocketRef sock) {
     std::unique_lock lock(c->mutex);
     bool broken = false;
-    while (!c->out.empty()) {
-        OutItem item = std::move(c->out.front());
-        c->out.pop_front();
-        lock.unlock();
-        if (item.barrier) {
-            DeliverBarrier(c, std::move(item.barrier));
-        } else if (!broken && os::SendPacket(sock->fd, item.packet.bytes, item.packet.fds, true) !=
-                                  os::IoStatus::ok) {
-            // The reader sees the end and fails the pending replies; what is still queued
-            // here is dropped, its barriers run.
-            broken = true;
-            os::Shutdown(sock->fd);
+    for (;;) {
+        while (!sock->out.empty()) {
+            OutItem item = std::move(sock->out.front());
+            sock->out.pop_front();
+            sock->writerBusy = true;
+            lock.unlock();
+            if (item.barrier) {
+                DeliverBarrier(c, std::move(item.barrier));
+            } else if (!broken && os::SendPacket(sock->fd, item.packet.bytes, item.packet.fds,
+                                                 true) != os::IoStatus::ok) {
+                // The reader sees the end and fails the pending replies; what is still
+                // queued here is dropped, its barriers run.
+                broken = true;
+                os::Shutdown(sock->fd);
+            }
+            lock.lock();
+            sock->writerBusy = false;
         }
-        lock.lock();
+        if (broken || sock->ended || !c->out_cv.wait_for(lock, kWriterLinger, [&] {
+                return !sock->out.empty() || sock->ended;
+            })) {
+            break;
+        }
     }
-    c->writerRunning = false;
+    sock->writerRunning = false;
     lock.unlock();
     xpc_release(c);
 }
+
+// A sender finding its socket full waits up to kSendWaits times kSendWaitMs for room before
+// handing the packet to a writer thread.
+constexpr int kSendWaits = 2;
+constexpr int kSendWaitMs = 1;
 
 // Connects a named-service client again after an interruption (mutex held).
 bool ReconnectLocked(Connection* c) {
@@ -447,29 +506,56 @@ void Send(Connection* c, xpc_object_t message, Pending* p) {
     if (p != nullptr) {
         c->pending.emplace(id, std::move(*p));
     }
-    if (!c->out.empty() || c->writerRunning) {
-        c->out.push_back(OutItem{std::move(packet), nullptr});
+    const SocketRef sock = c->socket;
+    auto queueBehind = [&] {
+        sock->out.push_back(OutItem{std::move(packet), nullptr});
+        if (sock->writerRunning) {
+            c->out_cv.notify_all();
+        } else {
+            sock->writerRunning = true;
+            xpc_retain(c);
+            std::thread(WriterMain, c, sock).detach();
+        }
+    };
+    if (!sock->out.empty() || sock->writerBusy) {
+        queueBehind();
         return;
     }
-    switch (os::SendPacket(c->socket->fd, packet.bytes, packet.fds, false)) {
+    os::IoStatus status;
+    for (int wait = 0;; ++wait) {
+        status = os::SendPacket(sock->fd, packet.bytes, packet.fds, false);
+        if (status != os::IoStatus::wouldBlock || wait == kSendWaits) {
+            break;
+        }
+        // A full socket: wait a moment for room. A peer that reads makes room at once, and
+        // writing here saves handing every packet to a writer thread; a peer that does not
+        // read costs the sender kSendWaits short waits, then the writer takes over.
+        lock.unlock();
+        os::WaitWritable(sock->fd, kSendWaitMs);
+        lock.lock();
+        if (sock->ended) {
+            return;  // whoever ended the socket settled what was owed
+        }
+        if (!sock->out.empty() || sock->writerBusy) {
+            queueBehind();
+            return;
+        }
+    }
+    switch (status) {
         case os::IoStatus::ok:
             return;
         case os::IoStatus::wouldBlock:
-            c->out.push_back(OutItem{std::move(packet), nullptr});
-            c->writerRunning = true;
-            xpc_retain(c);
-            std::thread(WriterMain, c, c->socket).detach();
+            queueBehind();
             return;
         case os::IoStatus::closed:
         case os::IoStatus::failed:
-            // The reader sees the socket end and settles what is owed. A connection that
-            // was never resumed has no reader: settle here.
-            // Without a reader (not resumed yet) settle here; a connection that is not a
-            // named-service client is then finished by its first resume.
-            os::Shutdown(c->socket->fd);
-            if (!c->readerRunning) {
+            // The reader sees the socket end and settles what is owed. Without a reader
+            // (not resumed yet) settle here; a connection that is not a named-service client
+            // is then finished by its first resume.
+            os::Shutdown(sock->fd);
+            if (!c->readerRunning && c->socket == sock) {
                 c->socket.reset();
-                Owed owed = TakeOwedLocked(c);
+                Owed owed = TakeOwedLocked(c, sock.get());
                 lock.unlock();
                 Settle(c, std::move(owed), EndError(c));
             }
@@ -753,11 +839,16 @@ void xpc_connection_cancel(xpc_connection_t connection) {
         if (c->readerRunning) {
             return;  // the reader finishes
         }
-        c->socket.reset();
     }
     if (c->everResumed) {
         FinishLocked(c, lock);
+        return;
     }
+    // Not resumed yet: settle now; the first resume delivers the final event.
+    const SocketRef sock = std::move(c->socket);
+    Owed owed = TakeOwedLocked(c, sock.get());
+    lock.unlock();
+    Settle(c, std::move(owed), XPC_ERROR_CONNECTION_INVALID);
 }
 
 void xpc_connection_send_message(xpc_connection_t connection, xpc_object_t message) {
@@ -787,7 +878,9 @@ xpc_object_t xpc_connection_send_message_with_reply_sync(xpc_connection_t connec
     if (c == nullptr) {
         return XPC_ERROR_CONNECTION_INVALID;
     }
+    thread_local WakePipe pipe;
     auto wait = std::make_shared<SyncWait>();
+    wait->wakeFd = pipe.fds[1];
     Pending p;
     p.sync = wait;
     Send(c, message, &p);
@@ -800,35 +893,33 @@ xpc_object_t xpc_connection_send_message_with_reply_sync(xpc_connection_t connec
             sock = c->socket;
         }
         std::vector<uint8_t> buffer(wire::kMaxPacketSize);
-        for (;;) {
-            {
-                std::lock_guard lock(wait->mutex);
-                if (wait->done) {
-                    break;
-                }
-            }
+        while (!wait->Done()) {
             if (!sock || !ReceiveOne(c, sock, buffer, false)) {
                 if (sock) {
                     os::Shutdown(sock->fd);  // the reader ends and settles the rest
                 }
-                std::lock_guard lock(c->mutex);
-                for (auto it = c->pending.begin(); it != c->pending.end(); ++it) {
-                    if (it->second.sync == wait) {
-                        c->pending.erase(it);
-                        break;
+                xpc_object_t error;
+                {
+                    std::lock_guard lock(c->mutex);
+                    for (auto it = c->pending.begin(); it != c->pending.end(); ++it) {
+                        if (it->second.sync == wait) {
+                            c->pending.erase(it);
+                            break;
+                        }
                     }
+                    error = EndError(c);
                 }
-                std::lock_guard waitLock(wait->mutex);
-                if (!wait->done) {
-                    wait->done = true;
-                    wait->result = EndError(c);
-                }
+                wait->Complete(error);
                 break;
             }
         }
     }
-    std::unique_lock lock(wait->mutex);
-    wait->done_cv.wait(lock, [&] { return wait->done; });
+    while (!wait->Done()) {
+        if (!os::WaitWake(pipe.fds[0])) {
+            // No pipe (out of descriptors): poll gently instead.
+            std::this_thread::sleep_for(std::chrono::microseconds(100));
+        }
+    }
     return wait->result;
 }
 
@@ -838,8 +929,9 @@ void xpc_connection_send_barrier(xpc_connection_t connection, xpc_barrier_t barr
         return;
     }
     std::unique_lock lock(c->mutex);
-    if (!c->out.empty() || c->writerRunning) {
-        c->out.push_back(OutItem{wire::Packet(), std::move(barrier)});
+    if (c->socket && (!c->socket->out.empty() || c->socket->writerBusy)) {
+        c->socket->out.push_back(OutItem{wire::Packet(), std::move(barrier)});
+        c->out_cv.notify_all();
         return;
     }
     lock.unlock();

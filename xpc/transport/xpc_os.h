@@ -44,10 +44,16 @@ void UnlinkIfOurs(const std::string& path, int fd);
 bool SocketPair(int fds[2]);
 int Accept(int listener);
 pid_t PeerPid(int fd);
-int MakeWakeup();       // an eventfd
-void Wake(int wakeup);  // makes it readable for good
+int MakeWakeup();   // an eventfd
+void Wake(int fd);  // writes one wake-up (eventfd, or the write end of a wake-up pipe)
+// A wake-up pipe: fds[0] blocking read end, fds[1] non-blocking write end.
+bool MakePipe(int fds[2]);
+// Blocks until wake-up bytes are read from a wake-up pipe; false when it cannot.
+bool WaitWake(int readEnd);
 // Waits until `a` (or `b`, if >= 0) is readable, or `wakeup` is; false when woken.
 bool WaitReadable(int wakeup, int a, int b, int& readable);
+// Waits up to timeoutMs for room to send on `fd`.
+void WaitWritable(int fd, int timeoutMs);
 
 enum class IoStatus { ok, wouldBlock, closed, failed };
 // Sends one packet with its descriptors; without `block` a full socket gives wouldBlock.

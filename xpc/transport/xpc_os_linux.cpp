@@ -250,12 +250,40 @@ int MakeWakeup() {
     return ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
 }
 
-void Wake(int wakeup) {
+void Wake(int fd) {
+    // Eight bytes suit an eventfd; a wake-up pipe takes them as eight wake-ups at most,
+    // which its reader treats as spurious. A full pipe already holds a wake-up.
     const uint64_t one = 1;
     ssize_t rc;
     do {
-        rc = ::write(wakeup, &one, sizeof one);
+        rc = ::write(fd, &one, sizeof one);
     } while (rc < 0 && errno == EINTR);
+}
+
+bool MakePipe(int fds[2]) {
+    if (::pipe2(fds, O_CLOEXEC) != 0) {
+        fds[0] = fds[1] = -1;
+        return false;
+    }
+    ::fcntl(fds[1], F_SETFL, ::fcntl(fds[1], F_GETFL) | O_NONBLOCK);
+    return true;
+}
+
+bool WaitWake(int readEnd) {
+    if (readEnd < 0) {
+        return false;
+    }
+    char bytes[64];
+    for (;;) {
+        const ssize_t n = ::read(readEnd, bytes, sizeof bytes);
+        if (n > 0) {
+            return true;
+        }
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        return false;
+    }
 }
 
 bool WaitReadable(int wakeup, int a, int b, int& readable) {
@@ -272,6 +300,11 @@ bool WaitReadable(int wakeup, int a, int b, int& readable) {
         readable = fds[1].revents != 0 ? a : b;
         return true;
     }
+}
+
+void WaitWritable(int fd, int timeoutMs) {
+    pollfd p{fd, POLLOUT, 0};
+    ::poll(&p, 1, timeoutMs);
 }
 
 IoStatus SendPacket(int fd, std::span<const uint8_t> bytes, std::span<const int> fds, bool block) {
