@@ -8,7 +8,7 @@
 
 #include "file/lfile.h"
 #include "file/lfile_platform.h"
-#include "file/lspecial_folders.h"
+#include "file/lknown_folders.h"
 #include "text/lstring.h"
 
 bool LFile::IsNetworkPath(char const* path) {

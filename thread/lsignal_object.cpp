@@ -9,7 +9,7 @@
 #include <cerrno>
 
 #include "file/lfile.h"
-#include "file/lspecial_folders.h"
+#include "file/lknown_folders.h"
 #include "thread/lsignal_object_platform.h"
 
 #if defined(__SANITIZE_THREAD__)

@@ -18,7 +18,7 @@
 
 #include "file/lfile.h"
 #include "file/lfile_platform.h"
-#include "file/lspecial_folders.h"
+#include "file/lknown_folders.h"
 #include "temp_tree.h"
 
 namespace {
