@@ -15,6 +15,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -31,29 +32,17 @@ class ScopedEnv {
 public:
     ScopedEnv(const char* name, const char* value) : name_(name) {
         if (const char* old = getenv(name)) {
-            had_ = true;
             old_ = old;
         }
-        if (value != nullptr) {
-            setenv(name, value, 1);
-        } else {
-            unsetenv(name);
-        }
+        value != nullptr ? setenv(name, value, 1) : unsetenv(name);
     }
-    ~ScopedEnv() {
-        if (had_) {
-            setenv(name_.c_str(), old_.c_str(), 1);
-        } else {
-            unsetenv(name_.c_str());
-        }
-    }
+    ~ScopedEnv() { old_ ? setenv(name_.c_str(), old_->c_str(), 1) : unsetenv(name_.c_str()); }
     ScopedEnv(const ScopedEnv&) = delete;
     ScopedEnv& operator=(const ScopedEnv&) = delete;
 
 private:
     std::string name_;
-    std::string old_;
-    bool had_ = false;
+    std::optional<std::string> old_;
 };
 
 // A private service folder for the duration of a test, with LXPC_SERVICE_DIR pointing at it.
@@ -225,6 +214,15 @@ inline void PushDouble(LList<LXPCDataListable>& list, const char* name, double v
     LXPCCopyName(key.szName, name);
     key.type = LXPCDataTypeDouble;
     list.PushFront(CreateXPCDataDouble(key, value));
+}
+
+// Hands a new client connection to an LXPCConnection, which then holds its only reference.
+inline std::unique_ptr<LXPCConnection> Adopt(LXPCBase& base, lxpc::xpc_connection_t connection) {
+    auto held = std::make_unique<LXPCConnection>(Handle(connection));
+    base.SetupConnectionHandlerAndResume(*held);
+    held->Retain();
+    lxpc::xpc_release(connection);
+    return held;
 }
 
 inline long Ptr(const void* pointer) {
