@@ -88,6 +88,12 @@ private:
     std::optional<std::string> old_;
 };
 
+// Every connection test has its own service folder.
+class XpcConnection : public ::testing::Test {
+protected:
+    ServiceDir dir_;
+};
+
 // A listener whose peers are resumed with `onMessage` as their handler; errors on peers
 // are collected in `peerErrors`. Handlers share the state, so that events still arriving
 // while the service is torn down find it alive.
@@ -187,8 +193,7 @@ sockaddr_un Address(const std::string& path) {
     return address;
 }
 
-TEST(XpcConnection, RequestAndReplyOverANamedServiceWithPeerPids) {
-    ServiceDir dir;
+TEST_F(XpcConnection, RequestAndReplyOverANamedServiceWithPeerPids) {
     std::atomic<pid_t> peerPid{0};
     Service service("t.echo", [&](xpc_connection_t peer, xpc_object_t m) {
         peerPid = xpc_connection_get_pid(peer);
@@ -212,8 +217,7 @@ TEST(XpcConnection, RequestAndReplyOverANamedServiceWithPeerPids) {
     Close(c);
 }
 
-TEST(XpcConnection, ManyRequestsInFlightGetTheirOwnReplies) {
-    ServiceDir dir;
+TEST_F(XpcConnection, ManyRequestsInFlightGetTheirOwnReplies) {
     constexpr int kCount = 64;
     // The service answers only once all requests are in, and in reverse order. Its state
     // is shared: the handler may still be finishing its loop when the test ends.
@@ -255,8 +259,7 @@ TEST(XpcConnection, ManyRequestsInFlightGetTheirOwnReplies) {
     Close(c);
 }
 
-TEST(XpcConnection, BarrierWaitsUntilEverythingBeforeItIsWritten) {
-    ServiceDir dir;
+TEST_F(XpcConnection, BarrierWaitsUntilEverythingBeforeItIsWritten) {
     std::atomic<int> received{0};
     std::atomic<int> lastSeen{-1};
     Service service("t.barrier", [&](xpc_connection_t, xpc_object_t m) {
@@ -294,8 +297,7 @@ TEST(XpcConnection, BarrierWaitsUntilEverythingBeforeItIsWritten) {
     Close(c);
 }
 
-TEST(XpcConnection, SuspendHoldsEventsUntilResume) {
-    ServiceDir dir;
+TEST_F(XpcConnection, SuspendHoldsEventsUntilResume) {
     Service service("t.suspend", [&](xpc_connection_t peer, xpc_object_t m) {
         xpc_connection_send_message(peer, m);  // echoed back as a plain message
     });
@@ -314,8 +316,7 @@ TEST(XpcConnection, SuspendHoldsEventsUntilResume) {
     Close(c);
 }
 
-TEST(XpcConnection, CancelDeliversOneInvalidAndFailsPendingReplies) {
-    ServiceDir dir;
+TEST_F(XpcConnection, CancelDeliversOneInvalidAndFailsPendingReplies) {
     Service service("t.cancel", [](xpc_connection_t, xpc_object_t) {});  // never replies
     service.Start();
     auto events = std::make_shared<Inbox>();
@@ -345,8 +346,7 @@ TEST(XpcConnection, CancelDeliversOneInvalidAndFailsPendingReplies) {
     xpc_release(c);
 }
 
-TEST(XpcConnection, ConnectingToNoServiceIsInvalid) {
-    ServiceDir dir;
+TEST_F(XpcConnection, ConnectingToNoServiceIsInvalid) {
     auto events = std::make_shared<Inbox>();
     auto replies = std::make_shared<Inbox>();
     xpc_connection_t c = Client("t.nobody", events);
@@ -362,8 +362,7 @@ TEST(XpcConnection, ConnectingToNoServiceIsInvalid) {
     Close(c);
 }
 
-TEST(XpcConnection, ASynchronousRequestInsideAHandlerIsAnswered) {
-    ServiceDir dir;
+TEST_F(XpcConnection, ASynchronousRequestInsideAHandlerIsAnswered) {
     // The service, while handling a request, asks the client something on the same
     // connection and waits for the answer before replying.
     Service service("t.nested", [&](xpc_connection_t peer, xpc_object_t m) {
@@ -385,13 +384,12 @@ TEST(XpcConnection, ASynchronousRequestInsideAHandlerIsAnswered) {
     Close(c);
 }
 
-TEST(XpcConnection, AMalformedPacketDropsOnlyThatConnection) {
-    ServiceDir dir;
+TEST_F(XpcConnection, AMalformedPacketDropsOnlyThatConnection) {
     Service service("t.hostile", [](xpc_connection_t peer, xpc_object_t m) { Reply(peer, m, 1); });
     service.Start();
     xpc_connection_t good = Client("t.hostile", nullptr);
     const int raw = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    sockaddr_un address = Address(dir.Path("t.hostile"));
+    sockaddr_un address = Address(dir_.Path("t.hostile"));
     ASSERT_EQ(connect(raw, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     const char garbage[] = "LXPC\x01\x01 this is not a packet";
     ASSERT_EQ(send(raw, garbage, sizeof garbage, 0), static_cast<ssize_t>(sizeof garbage));
@@ -404,8 +402,7 @@ TEST(XpcConnection, AMalformedPacketDropsOnlyThatConnection) {
     Close(good);
 }
 
-TEST(XpcConnection, AnInterruptedClientReconnectsToARestartedService) {
-    ServiceDir dir;
+TEST_F(XpcConnection, AnInterruptedClientReconnectsToARestartedService) {
     auto events = std::make_shared<Inbox>();
     auto service = std::make_unique<Service>(
         "t.restart", [](xpc_connection_t peer, xpc_object_t m) { Reply(peer, m, 1); });
@@ -422,7 +419,7 @@ TEST(XpcConnection, AnInterruptedClientReconnectsToARestartedService) {
     Close(c);
 }
 
-TEST(XpcConnection, AnEndpointLeadsToItsListenerUntilCancelled) {
+TEST_F(XpcConnection, AnEndpointLeadsToItsListenerUntilCancelled) {
     xpc_connection_t anonymous = xpc_connection_create(nullptr, nullptr);
     xpc_connection_set_event_handler(anonymous, [](xpc_object_t peer) {
         if (xpc_get_type(peer) == XPC_TYPE_CONNECTION) {
@@ -555,8 +552,7 @@ TEST(XpcChild, Main) {
     });
 }
 
-TEST(XpcConnection, ListenerTakesTheSocketFromSocketActivation) {
-    ServiceDir dir;
+TEST_F(XpcConnection, ListenerTakesTheSocketFromSocketActivation) {
     const pid_t child = SpawnChild("Activated");
     ASSERT_GT(child, 0);
     xpc_connection_t c = Client("t.activated", nullptr);
@@ -566,8 +562,7 @@ TEST(XpcConnection, ListenerTakesTheSocketFromSocketActivation) {
     Stop(child);
 }
 
-TEST(XpcConnection, XpcMainServesTheNamedServiceOnTheMainThread) {
-    ServiceDir dir;
+TEST_F(XpcConnection, XpcMainServesTheNamedServiceOnTheMainThread) {
     const pid_t child = SpawnChild("Main");
     ASSERT_GT(child, 0);
     xpc_connection_t c = Client("t.main", nullptr);
@@ -576,11 +571,10 @@ TEST(XpcConnection, XpcMainServesTheNamedServiceOnTheMainThread) {
     Stop(child);
 }
 
-TEST(XpcConnection, AStaleSocketIsReplacedAndALiveOneKept) {
-    ServiceDir dir;
+TEST_F(XpcConnection, AStaleSocketIsReplacedAndALiveOneKept) {
     {
         const int s = socket(AF_UNIX, SOCK_SEQPACKET, 0);
-        sockaddr_un address = Address(dir.Path("t.stale"));
+        sockaddr_un address = Address(dir_.Path("t.stale"));
         ASSERT_EQ(bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
         close(s);  // left behind, nobody listening
     }
@@ -601,7 +595,7 @@ TEST(XpcConnection, AStaleSocketIsReplacedAndALiveOneKept) {
     Close(c);
 }
 
-TEST(XpcConnection, QueuesRunTheirItemsSeriallyInOrder) {
+TEST_F(XpcConnection, QueuesRunTheirItemsSeriallyInOrder) {
     xpc_queue_t q = xpc_queue_create("t.serial");
     std::atomic<int> running{0};
     std::vector<int> order;
