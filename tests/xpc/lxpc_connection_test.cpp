@@ -186,15 +186,7 @@ TEST(LXPCConnectionObject, ReferencesAndStateFollowTheCounts) {
 }
 
 TEST(LXPCErrors, MapByIdentityAndKeepTheConnection) {
-    struct Errors final : LXPCEventNotify {
-        void EvConnectionError(long connection, LXPCErrorType type) override {
-            seen.emplace_back(connection, type);
-        }
-        void EvMessageSent(long) override {}
-        void EvMessageReceived(long, long, LList<LXPCDataListable> const&) override {}
-        void EvReplyReceived(long, LList<LXPCDataListable> const&) override {}
-        std::vector<std::pair<long, LXPCErrorType>> seen;
-    } handler;
+    Recorder handler;
     xpc_object_t lookalike = xpc_dictionary_create(nullptr, nullptr, 0);
     xpc_dictionary_set_string(lookalike, XPC_ERROR_KEY_DESCRIPTION, "Connection invalid");
     ErrorHandler(XPC_ERROR_CONNECTION_INVALID, 11, &handler);
@@ -203,10 +195,10 @@ TEST(LXPCErrors, MapByIdentityAndKeepTheConnection) {
     ErrorHandler(lookalike, 14, &handler);
     ErrorHandler(lookalike, 15, nullptr);
     using Seen = std::vector<std::pair<long, LXPCErrorType>>;
-    EXPECT_EQ(handler.seen, (Seen{{11, LXPCErrorConnectionInvalid},
-                                  {12, LXPCErrorConnectionInterrupted},
-                                  {13, LXPCErrorTerminationImminent},
-                                  {14, LXPCErrorOther}}));
+    EXPECT_EQ(handler.errors, (Seen{{11, LXPCErrorConnectionInvalid},
+                                    {12, LXPCErrorConnectionInterrupted},
+                                    {13, LXPCErrorTerminationImminent},
+                                    {14, LXPCErrorOther}}));
 
     // The connection of an error event is the one it arrived on: error objects are never
     // asked for a remote connection.
