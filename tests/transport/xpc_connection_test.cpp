@@ -1,8 +1,7 @@
-// Connections over real sockets: request and reply, barriers, suspend and resume, cancel,
-// the error each side sees when the other goes away, endpoints, hostile packets, and
-// services in other processes (socket activation, xpc_main). Reply routing with many
-// requests in flight, and descriptors, endpoints and peer death across processes, are held
-// by the message layer's suite, which runs over this transport.
+// Connections over real sockets, in one process and across processes: request and reply, reply
+// routing with many requests in flight, barriers, suspend and resume, cancel, the error
+// each side sees when the other goes away, endpoints and descriptors crossing processes,
+// hostile packets, and the listening socket taken from systemd socket activation.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -215,6 +214,48 @@ TEST_F(XpcConnection, RequestAndReplyOverANamedServiceWithPeerPids) {
     EXPECT_EQ(xpc_dictionary_create_reply(m), nullptr);
     xpc_release(r);
     xpc_release(m);
+    Close(c);
+}
+
+TEST_F(XpcConnection, ManyRequestsInFlightGetTheirOwnReplies) {
+    constexpr int kCount = 64;
+    // The service answers only once all requests are in, and in reverse order. Its state
+    // is shared: the handler may still be finishing its loop when the test ends.
+    struct Held {
+        std::mutex mutex;
+        std::vector<xpc_object_t> messages;
+    };
+    auto held = std::make_shared<Held>();
+    Service service("t.routing", [held](xpc_connection_t peer, xpc_object_t m) {
+        std::lock_guard lock(held->mutex);
+        held->messages.push_back(xpc_retain(m));
+        if (held->messages.size() == kCount) {
+            for (auto it = held->messages.rbegin(); it != held->messages.rend(); ++it) {
+                Reply(peer, *it, xpc_dictionary_get_int64(*it, "v") + 1000);
+                xpc_release(*it);
+            }
+        }
+    });
+    service.Start();
+    xpc_connection_t c = Client("t.routing", nullptr);
+    std::mutex order_mutex;
+    std::vector<int> order;
+    auto replies = std::make_shared<Inbox>();
+    for (int i = 0; i < kCount; ++i) {
+        xpc_object_t m = Message(i);
+        xpc_connection_send_message_with_reply(c, m, nullptr, [&, i](xpc_object_t r) {
+            EXPECT_EQ(xpc_dictionary_get_int64(r, "v"), i + 1000);
+            std::lock_guard lock(order_mutex);
+            order.push_back(i);
+            replies->Push(r);
+        });
+        xpc_release(m);
+    }
+    ASSERT_TRUE(replies->WaitFor(kCount));
+    std::lock_guard lock(order_mutex);
+    for (int i = 0; i < kCount; ++i) {
+        EXPECT_EQ(order[i], kCount - 1 - i);
+    }
     Close(c);
 }
 
