@@ -1,7 +1,8 @@
-// Connections over real sockets, in one process and across processes: request and reply, reply
-// routing with many requests in flight, barriers, suspend and resume, cancel, the error
-// each side sees when the other goes away, endpoints and descriptors crossing processes,
-// hostile packets, and the listening socket taken from systemd socket activation.
+// Connections over real sockets: request and reply, reply routing with many requests in
+// flight, barriers, suspend and resume, cancel, the error each side sees when the other goes
+// away, endpoints, hostile packets, and services in other processes (socket activation,
+// xpc_main). Descriptors, endpoints and peer death across processes are held by the message
+// layer's suite, which runs over this transport.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
