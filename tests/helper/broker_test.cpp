@@ -126,6 +126,16 @@ lxpc::xpc_object_t PushedEndpoint(std::optional<Event> const& event) {
     return sent && sent->object ? lxpc::xpc_retain(sent->object) : nullptr;
 }
 
+// Asks for the stored endpoint as `app` and says whether it leads to `device`.
+bool StoredEndpointReaches(Client& app, Listener& device) {
+    auto answer = app.Send({{"REQUEST_ENDPOINT", 1}});
+    Value const* sent = answer ? vadctl::Find(*answer, "SEND_ENDPOINT") : nullptr;
+    if (!sent || !sent->object)
+        return false;
+    ConnectTo(sent->object);
+    return device.Accepted(5000ms);
+}
+
 class Broker : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(service_.Ready()) << "service did not start"; }
@@ -171,12 +181,7 @@ TEST_F(Broker, PublishRepliesAndPushesToTheLastRequesterOnly) {
 
     // A later request gets the stored endpoint in its reply.
     Client late;
-    auto answer = late.Send({{"REQUEST_ENDPOINT", 1}});
-    ASSERT_TRUE(answer);
-    Value const* sent = vadctl::Find(*answer, "SEND_ENDPOINT");
-    ASSERT_TRUE(sent && sent->object);
-    ConnectTo(sent->object);
-    EXPECT_TRUE(device.Accepted(5000ms));
+    EXPECT_TRUE(StoredEndpointReaches(late, device));
 }
 
 TEST_F(Broker, ANewEndpointReplacesTheStoredOne) {
@@ -185,12 +190,7 @@ TEST_F(Broker, ANewEndpointReplacesTheStoredOne) {
     ASSERT_TRUE(publisher.Send({{"NEW_ENDPOINT", AsValue(older.Endpoint())}}));
     ASSERT_TRUE(publisher.Send({{"NEW_ENDPOINT", AsValue(newer.Endpoint())}}));
     Client app;
-    auto answer = app.Send({{"REQUEST_ENDPOINT", 1}});
-    ASSERT_TRUE(answer);
-    Value const* sent = vadctl::Find(*answer, "SEND_ENDPOINT");
-    ASSERT_TRUE(sent && sent->object);
-    ConnectTo(sent->object);
-    EXPECT_TRUE(newer.Accepted(5000ms));
+    EXPECT_TRUE(StoredEndpointReaches(app, newer));
     EXPECT_FALSE(older.Accepted(200ms));
 }
 
@@ -264,12 +264,7 @@ TEST_F(Broker, AClientDyingMidExchangeLeavesTheServiceServing) {
     posix_spawn_file_actions_destroy(&quiet);
 
     Client other;
-    auto answer = other.Send({{"REQUEST_ENDPOINT", 1}});
-    ASSERT_TRUE(answer) << "the service stopped answering";
-    Value const* sent = vadctl::Find(*answer, "SEND_ENDPOINT");
-    ASSERT_TRUE(sent && sent->object);
-    ConnectTo(sent->object);
-    EXPECT_TRUE(device.Accepted(5000ms));
+    ASSERT_TRUE(StoredEndpointReaches(other, device)) << "the service stopped serving";
     Listener next;
     ASSERT_TRUE(publisher.Send({{"NEW_ENDPOINT", AsValue(next.Endpoint())}}));
     lxpc::xpc_object_t endpoint = PushedEndpoint(other.Pushed(5000ms));

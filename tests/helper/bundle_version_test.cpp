@@ -40,35 +40,28 @@ protected:
 
 }  // namespace
 
-TEST(CompareVersions, DigitRunsCompareByValue) {
-    EXPECT_GT(LVADHelperCompareVersions("1.10", "1.9"), 0);
-    EXPECT_LT(LVADHelperCompareVersions("1.9", "1.10"), 0);
-    EXPECT_EQ(LVADHelperCompareVersions("1.1", "1.1"), 0);
-    EXPECT_GT(LVADHelperCompareVersions("2", "1.99"), 0);
-    EXPECT_GT(LVADHelperCompareVersions("10", "9"), 0);
-    EXPECT_GT(LVADHelperCompareVersions("1.0.10", "1.0.9"), 0);
-    EXPECT_GT(LVADHelperCompareVersions("123456789012345678901234567890",
-                                        "99999999999999999999999999999"),
-              0);
-}
-
-TEST(CompareVersions, LeadingZerosAndPrefixes) {
-    EXPECT_EQ(LVADHelperCompareVersions("1.01", "1.1"), 0);
-    EXPECT_EQ(LVADHelperCompareVersions("007", "7"), 0);
-    EXPECT_EQ(LVADHelperCompareVersions("0", "000"), 0);
-    EXPECT_GT(LVADHelperCompareVersions("1.1.0", "1.1"), 0);
-    EXPECT_LT(LVADHelperCompareVersions("1.1", "1.1.0"), 0);
-    EXPECT_GT(LVADHelperCompareVersions("1.1", "0"), 0);
-    EXPECT_LT(LVADHelperCompareVersions("", "0"), 0);
-    EXPECT_EQ(LVADHelperCompareVersions("", ""), 0);
-}
-
-TEST(CompareVersions, NonDigitsCompareByByte) {
-    EXPECT_GT(LVADHelperCompareVersions("1.1b", "1.1a"), 0);
-    EXPECT_LT(LVADHelperCompareVersions("1a", "1b2"), 0);
-    // A digit sorts before a letter, as their byte values do.
-    EXPECT_LT(LVADHelperCompareVersions("1.1", "1.a"), 0);
-    EXPECT_EQ(LVADHelperCompareVersions("beta", "beta"), 0);
+TEST(CompareVersions, DigitRunsByValueOtherBytesByByte) {
+    struct Case {
+        char const* a;
+        char const* b;
+        int sign;
+    };
+    // clang-format off
+    Case const cases[] = {
+        {"1.10", "1.9", 1}, {"1.1", "1.1", 0}, {"2", "1.99", 1}, {"10", "9", 1},
+        {"1.0.10", "1.0.9", 1}, {"123456789012345678901234567890", "99999999999999999999999999999", 1},
+        {"1.01", "1.1", 0}, {"007", "7", 0}, {"0", "000", 0}, {"1.1.0", "1.1", 1}, {"1.1", "0", 1},
+        {"", "0", -1}, {"", "", 0}, {"1.1b", "1.1a", 1}, {"1a", "1b2", -1}, {"beta", "beta", 0},
+        {"1.1", "1.a", -1},  // a digit sorts before a letter, as their byte values do
+    };
+    // clang-format on
+    for (Case const& c : cases) {
+        SCOPED_TRACE(std::string(c.a) + " vs " + c.b);
+        int const forward = LVADHelperCompareVersions(c.a, c.b);
+        int const backward = LVADHelperCompareVersions(c.b, c.a);
+        EXPECT_EQ((forward > 0) - (forward < 0), c.sign);
+        EXPECT_EQ((backward > 0) - (backward < 0), -c.sign);
+    }
 }
 
 TEST(VersionFromInfoPlist, XmlAndBinary) {
@@ -88,20 +81,14 @@ TEST(VersionFromInfoPlist, XmlAndBinary) {
 }
 
 TEST(VersionFromInfoPlist, UnreadableIsZero) {
-    char version[kLVADHelperTextSize] = "junk";
-    EXPECT_FALSE(LVADHelperVersionFromInfoPlist("", version));
-    EXPECT_STREQ(version, "0");
-    strcpy(version, "junk");
-    EXPECT_FALSE(LVADHelperVersionFromInfoPlist("not a property list", version));
-    EXPECT_STREQ(version, "0");
-    EXPECT_FALSE(LVADHelperVersionFromInfoPlist(InfoPlist(""), version));
-    EXPECT_STREQ(version, "0");
-    EXPECT_FALSE(LVADHelperVersionFromInfoPlist(
-        InfoPlist("<key>CFBundleVersion</key><integer>3</integer>"), version));
-    EXPECT_STREQ(version, "0");
-    EXPECT_FALSE(LVADHelperVersionFromInfoPlist(
-        "<plist version=\"1.0\"><array><string>1.2</string></array></plist>", version));
-    EXPECT_STREQ(version, "0");
+    for (std::string const& plist :
+         {std::string(), std::string("not a property list"), InfoPlist(""),
+          InfoPlist("<key>CFBundleVersion</key><integer>3</integer>"),
+          std::string("<plist version=\"1.0\"><array><string>1.2</string></array></plist>")}) {
+        char version[kLVADHelperTextSize] = "junk";
+        EXPECT_FALSE(LVADHelperVersionFromInfoPlist(plist, version)) << plist;
+        EXPECT_STREQ(version, "0") << plist;
+    }
 }
 
 TEST(VersionFromInfoPlist, LongVersionIsCut) {
@@ -112,22 +99,20 @@ TEST(VersionFromInfoPlist, LongVersionIsCut) {
     EXPECT_EQ(std::string(version), longVersion.substr(0, 259));
 }
 
-TEST_F(BundleDir, ReadsContentsInfoPlist) {
+TEST_F(BundleDir, ReadsContentsInfoPlistOrZero) {
     std::string bundle =
         MakeBundle("A.driver", InfoPlist("<key>CFBundleVersion</key><string>1.9</string>"));
     char version[kLVADHelperTextSize];
     EXPECT_TRUE(LVADHelperReadBundleVersion(bundle.c_str(), version));
     EXPECT_STREQ(version, "1.9");
-}
-
-TEST_F(BundleDir, MissingBundleOrListReadsZero) {
-    char version[kLVADHelperTextSize] = "junk";
-    EXPECT_FALSE(LVADHelperReadBundleVersion((root_ / "none.driver").c_str(), version));
-    EXPECT_STREQ(version, "0");
     fs::create_directories(root_ / "Empty.driver");
-    EXPECT_FALSE(LVADHelperReadBundleVersion((root_ / "Empty.driver").c_str(), version));
-    EXPECT_STREQ(version, "0");
-    EXPECT_FALSE(LVADHelperReadBundleVersion("", version));
+    for (std::string const& missing :
+         {(root_ / "none.driver").string(), (root_ / "Empty.driver").string(), std::string()}) {
+        strcpy(version, "junk");
+        EXPECT_FALSE(LVADHelperReadBundleVersion(missing.c_str(), version)) << missing;
+        EXPECT_STREQ(version, "0");
+    }
+    strcpy(version, "junk");
     EXPECT_FALSE(LVADHelperReadBundleVersion(nullptr, version));
     EXPECT_STREQ(version, "0");
 }

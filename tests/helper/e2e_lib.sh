@@ -1,7 +1,7 @@
 # shellcheck shell=bash
 # Shared pieces of the helper's end-to-end scripts (sourced, never run on its own).
-# Needs L_BUILD_DIR and L_SOURCE_DIR; sets HELPER_EXE and VADCTL, and offers start/stop of
-# the service and a wait for its socket. A script that cannot run here (no root, no mount
+# Needs L_BUILD_DIR and L_SOURCE_DIR; sets HELPER_EXE and VADCTL, and offers a scratch
+# folder, a wait for the service socket and a stop of the service. A script that cannot run here (no root, no mount
 # namespace, a system tool missing) says why and exits with 77, which ctest reports as a
 # skip; anything else that goes wrong is a failure.
 
@@ -41,7 +41,14 @@ wait_for_socket() {
 
 # stop_pid PID: ends a process this script started and reaps it.
 stop_pid() {
-    local pid=$1
-    kill -TERM "$pid" 2>/dev/null || true
-    wait "$pid" 2>/dev/null || true
+    kill -TERM "$1" 2>/dev/null || true
+    wait "$1" 2>/dev/null || true
+}
+
+# make_work STEM: a scratch folder in $work, removed on exit after the process in
+# $service_pid (when set) is stopped.
+service_pid=
+make_work() {
+    work=$(mktemp -d "/tmp/$1.XXXXXX")
+    trap '[ -z "$service_pid" ] || stop_pid "$service_pid"; rm -rf "$work"' EXIT
 }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <plist/plist.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstdlib>
 #include <filesystem>
@@ -55,40 +56,25 @@ std::string StringAt(plist_t dict, char const* key) {
     return std::string(text, length);
 }
 
-// "identifier <id> and certificate leaf[subject.CN] = "<name> (<TEAMID>)"", split into the
-// bundle identifier and the quoted common name; false when the text has another form.
-struct Requirement {
-    std::string identifier;
-    std::string certificate;
-};
-
-bool ParseRequirement(std::string_view text, Requirement& out) {
-    constexpr std::string_view kHead = "identifier com.tessalysoftware.";
+// Splits "identifier <id> and certificate leaf[subject.CN] = "<name> (<TEAMID>)"" into the
+// bundle identifier and the quoted common name, whose team identifier is ten upper-case
+// letters or digits; false for any other form.
+bool ParseRequirement(std::string_view text, std::string& id, std::string& name) {
+    constexpr std::string_view kHead = "identifier ";
     constexpr std::string_view kMiddle = " and certificate leaf[subject.CN] = \"";
-    if (text.substr(0, kHead.size()) != kHead || text.size() < 2 || text.back() != '"')
+    size_t const middle = text.find(kMiddle);
+    if (!text.starts_with("identifier com.tessalysoftware.") || middle == text.npos ||
+        !text.ends_with(")\""))
         return false;
-    size_t middle = text.find(kMiddle);
-    if (middle == std::string_view::npos)
+    id = text.substr(kHead.size(), middle - kHead.size());
+    name = text.substr(middle + kMiddle.size(), text.size() - middle - kMiddle.size() - 1);
+    if (name.size() < 14 || name.find('"') != name.npos ||
+        name.compare(name.size() - 13, 2, " (") != 0)
         return false;
-    std::string_view id = text.substr(11, middle - 11);
-    std::string_view name = text.substr(middle + kMiddle.size());
-    name.remove_suffix(1);
-    for (char c : id) {
-        if (!std::isalnum(static_cast<unsigned char>(c)) && c != '.')
-            return false;
-    }
-    // The team identifier: ten upper-case letters or digits in parentheses at the end.
-    if (name.size() < 14 || name.find('"') != std::string_view::npos ||
-        name.substr(name.size() - 13, 2) != " (" || name.back() != ')')
-        return false;
-    for (char c : name.substr(name.size() - 11, 10)) {
-        if (!std::isupper(static_cast<unsigned char>(c)) &&
-            !std::isdigit(static_cast<unsigned char>(c)))
-            return false;
-    }
-    out.identifier = id;
-    out.certificate = name;
-    return true;
+    auto const idChar = [](unsigned char c) { return std::isalnum(c) || c == '.'; };
+    auto const teamChar = [](unsigned char c) { return std::isupper(c) || std::isdigit(c); };
+    return std::all_of(id.begin(), id.end(), idChar) &&
+           std::all_of(name.end() - 11, name.end() - 1, teamChar);
 }
 
 }  // namespace
@@ -109,8 +95,7 @@ TEST(EmbeddedPlists, InfoPlistIdentifiesTheServiceAndItsClients) {
     ASSERT_NE(clients, nullptr);
     ASSERT_EQ(plist_get_node_type(clients), PLIST_ARRAY);
     ASSERT_EQ(plist_array_get_size(clients), 28u);
-    // One requirement per edition: a bundle identifier and the signing certificate's common
-    // name, which ends with the team identifier in parentheses.
+    // One requirement per edition, all signed with one certificate.
     std::set<std::string> identifiers, certificates;
     for (uint32_t i = 0; i < 28; ++i) {
         plist_t item = plist_array_get_item(clients, i);
@@ -118,10 +103,10 @@ TEST(EmbeddedPlists, InfoPlistIdentifiesTheServiceAndItsClients) {
         uint64_t length = 0;
         char const* chars = plist_get_string_ptr(item, &length);
         std::string text(chars, length);
-        Requirement requirement;
-        ASSERT_TRUE(ParseRequirement(text, requirement)) << text;
-        identifiers.insert(requirement.identifier);
-        certificates.insert(requirement.certificate);
+        std::string id, name;
+        ASSERT_TRUE(ParseRequirement(text, id, name)) << text;
+        identifiers.insert(id);
+        certificates.insert(name);
     }
     EXPECT_EQ(identifiers.size(), 28u);
     EXPECT_EQ(certificates.size(), 1u);

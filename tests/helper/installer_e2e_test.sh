@@ -14,8 +14,7 @@ if [ "${1:-}" != --inside ]; then
     need_tool flock util-linux
     need_tool mount mount
     [ "$(id -u)" -eq 0 ] || skip "needs root to mount a tmpfs over /Library"
-    # Root alone is not enough inside some containers: a private mount namespace with a tmpfs
-    # mounted in it must actually work.
+    # Root alone is not enough in some containers: a tmpfs in a private mount namespace must work.
     probe=$(mktemp -d /tmp/vadhelper_e2e_probe.XXXXXX)
     probe_ok=0
     unshare --mount --propagation private mount -t tmpfs tmpfs "$probe" 2>/dev/null && probe_ok=1
@@ -41,13 +40,7 @@ if [ "${1:-}" != --inside ]; then
 fi
 
 mount -t tmpfs -o mode=0755 tmpfs /Library || fail "cannot mount a tmpfs over /Library"
-work=$(mktemp -d /tmp/vadhelper_e2e.XXXXXX)
-helper_pid=
-cleanup() {
-    [ -n "$helper_pid" ] && stop_pid "$helper_pid"
-    rm -rf "$work"
-}
-trap cleanup EXIT
+make_work vadhelper_e2e
 
 log=$work/commands.log
 bin=$work/bin
@@ -92,13 +85,13 @@ PLIST
 start_helper() {
     # Working folder / as under systemd: the older helper's relative path resolves there.
     (cd / && PATH="$bin:$PATH" LXPC_SERVICE_DIR="$work/run" exec "$HELPER_EXE") &
-    helper_pid=$!
+    service_pid=$!
     wait_for_socket "$work/run"
 }
 
 stop_helper() {
-    stop_pid "$helper_pid"
-    helper_pid=
+    stop_pid "$service_pid"
+    service_pid=
     rm -f "$work/run/$SERVICE_NAME.sock"
 }
 
@@ -109,13 +102,8 @@ offer() {
     reply=$(LXPC_SERVICE_DIR="$work/run" "$VADCTL" load-driver "$path") ||
         fail "load-driver $path: tool failed"
     [ "$reply" = "LOAD_DRIVER_REPLY = true" ] || fail "load-driver $path: reply '$reply'"
-    if [ "$(cat "$log")" != "$expected" ]; then
-        echo "--- expected commands for $path:" >&2
-        echo "$expected" >&2
-        echo "--- ran:" >&2
-        cat "$log" >&2
-        fail "command texts differ for offer $path"
-    fi
+    [ "$(cat "$log")" = "$expected" ] ||
+        fail "commands for offer $path differ; expected:"$'\n'"$expected"$'\n'"ran:"$'\n'"$(cat "$log")"
 }
 
 installed_is() {

@@ -9,8 +9,8 @@ source "$here/e2e_lib.sh"
 need_built
 need_tool systemd-analyze
 
-root=$(mktemp -d /tmp/vadhelper_units.XXXXXX)
-trap 'rm -rf "$root"' EXIT
+make_work vadhelper_units
+root=$work
 
 DESTDIR=$root cmake --install "$L_BUILD_DIR" >/dev/null || fail "cmake --install failed"
 socket=$(find "$root" -name "$SERVICE_NAME.socket" -path '*/systemd/system/*')

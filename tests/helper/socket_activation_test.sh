@@ -9,27 +9,22 @@ source "$here/e2e_lib.sh"
 need_built
 need_tool systemd-socket-activate
 
-dir=$(mktemp -d /tmp/vadhelper_activation.XXXXXX)
-activator=
-cleanup() {
-    [ -n "$activator" ] && stop_pid "$activator"
-    rm -rf "$dir"
-}
-trap cleanup EXIT
+make_work vadhelper_activation
+dir=$work
 
 sock=$dir/$SERVICE_NAME.sock
 systemd-socket-activate --seqpacket -l "$sock" -E LXPC_SERVICE_DIR="$dir" "$HELPER_EXE" \
     2>"$dir/activator.log" &
-activator=$!
+service_pid=$!
 wait_for_socket "$dir"
 
 helper_real=$(readlink -f "$HELPER_EXE")
 sleep 0.2
-[ "$(readlink -f /proc/$activator/exe)" != "$helper_real" ] ||
+[ "$(readlink -f /proc/$service_pid/exe)" != "$helper_real" ] ||
     fail "the service started before any client connected"
 
 reply=$(LXPC_SERVICE_DIR="$dir" "$VADCTL" request --wait 0) || fail "first request failed"
-[ "$(readlink -f /proc/$activator/exe)" = "$helper_real" ] ||
+[ "$(readlink -f /proc/$service_pid/exe)" = "$helper_real" ] ||
     fail "the first connection did not start the service"
 [ "$reply" = "SEND_ENDPOINT: none" ] || fail "first reply was '$reply'"
 

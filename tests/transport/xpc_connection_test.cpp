@@ -1,7 +1,8 @@
-// Connections over real sockets, in one process and across processes: request and reply, reply
-// routing with many requests in flight, barriers, suspend and resume, cancel, the error
-// each side sees when the other goes away, endpoints and descriptors crossing processes,
-// hostile packets, and the listening socket taken from systemd socket activation.
+// Connections over real sockets: request and reply, reply routing with many requests in
+// flight, barriers, suspend and resume, cancel, the error each side sees when the other goes
+// away, endpoints, hostile packets, and services in other processes (socket activation,
+// xpc_main). Descriptors, endpoints and peer death across processes are held by the message
+// layer's suite, which runs over this transport.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -19,6 +20,7 @@
 #include <cstring>
 #include <filesystem>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -72,24 +74,25 @@ public:
         dir_ = mkdtemp(pattern);
         if (const char* old = std::getenv("LXPC_SERVICE_DIR")) {
             old_ = old;
-            hadOld_ = true;
         }
         setenv("LXPC_SERVICE_DIR", dir_.c_str(), 1);
     }
     ~ServiceDir() {
-        if (hadOld_) {
-            setenv("LXPC_SERVICE_DIR", old_.c_str(), 1);
-        } else {
-            unsetenv("LXPC_SERVICE_DIR");
-        }
+        old_ ? setenv("LXPC_SERVICE_DIR", old_->c_str(), 1) : unsetenv("LXPC_SERVICE_DIR");
         std::error_code ignored;
         std::filesystem::remove_all(dir_, ignored);
     }
     std::string Path(const char* name) const { return dir_ + "/" + name + ".sock"; }
 
 private:
-    std::string dir_, old_;
-    bool hadOld_ = false;
+    std::string dir_;
+    std::optional<std::string> old_;
+};
+
+// Every connection test has its own service folder.
+class XpcConnection : public ::testing::Test {
+protected:
+    ServiceDir dir_;
 };
 
 // A listener whose peers are resumed with `onMessage` as their handler; errors on peers
@@ -173,8 +176,25 @@ void Close(xpc_connection_t c) {
     xpc_release(c);
 }
 
-TEST(XpcConnection, RequestAndReplyOverANamedServiceWithPeerPids) {
-    ServiceDir dir;
+// Sends {v: value} and waits for the reply's "v"; -1 when an error came instead.
+int64_t Ask(xpc_connection_t c, int64_t value = 0) {
+    xpc_object_t m = Message(value);
+    xpc_object_t r = xpc_connection_send_message_with_reply_sync(c, m);
+    const int64_t v =
+        xpc_get_type(r) == XPC_TYPE_DICTIONARY ? xpc_dictionary_get_int64(r, "v") : -1;
+    xpc_release(r);
+    xpc_release(m);
+    return v;
+}
+
+sockaddr_un Address(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strcpy(address.sun_path, path.c_str());
+    return address;
+}
+
+TEST_F(XpcConnection, RequestAndReplyOverANamedServiceWithPeerPids) {
     std::atomic<pid_t> peerPid{0};
     Service service("t.echo", [&](xpc_connection_t peer, xpc_object_t m) {
         peerPid = xpc_connection_get_pid(peer);
@@ -198,8 +218,7 @@ TEST(XpcConnection, RequestAndReplyOverANamedServiceWithPeerPids) {
     Close(c);
 }
 
-TEST(XpcConnection, ManyRequestsInFlightGetTheirOwnReplies) {
-    ServiceDir dir;
+TEST_F(XpcConnection, ManyRequestsInFlightGetTheirOwnReplies) {
     constexpr int kCount = 64;
     // The service answers only once all requests are in, and in reverse order. Its state
     // is shared: the handler may still be finishing its loop when the test ends.
@@ -241,8 +260,7 @@ TEST(XpcConnection, ManyRequestsInFlightGetTheirOwnReplies) {
     Close(c);
 }
 
-TEST(XpcConnection, BarrierWaitsUntilEverythingBeforeItIsWritten) {
-    ServiceDir dir;
+TEST_F(XpcConnection, BarrierWaitsUntilEverythingBeforeItIsWritten) {
     std::atomic<int> received{0};
     std::atomic<int> lastSeen{-1};
     Service service("t.barrier", [&](xpc_connection_t, xpc_object_t m) {
@@ -280,8 +298,7 @@ TEST(XpcConnection, BarrierWaitsUntilEverythingBeforeItIsWritten) {
     Close(c);
 }
 
-TEST(XpcConnection, SuspendHoldsEventsUntilResume) {
-    ServiceDir dir;
+TEST_F(XpcConnection, SuspendHoldsEventsUntilResume) {
     Service service("t.suspend", [&](xpc_connection_t peer, xpc_object_t m) {
         xpc_connection_send_message(peer, m);  // echoed back as a plain message
     });
@@ -300,8 +317,7 @@ TEST(XpcConnection, SuspendHoldsEventsUntilResume) {
     Close(c);
 }
 
-TEST(XpcConnection, CancelDeliversOneInvalidAndFailsPendingReplies) {
-    ServiceDir dir;
+TEST_F(XpcConnection, CancelDeliversOneInvalidAndFailsPendingReplies) {
     Service service("t.cancel", [](xpc_connection_t, xpc_object_t) {});  // never replies
     service.Start();
     auto events = std::make_shared<Inbox>();
@@ -331,8 +347,7 @@ TEST(XpcConnection, CancelDeliversOneInvalidAndFailsPendingReplies) {
     xpc_release(c);
 }
 
-TEST(XpcConnection, ConnectingToNoServiceIsInvalid) {
-    ServiceDir dir;
+TEST_F(XpcConnection, ConnectingToNoServiceIsInvalid) {
     auto events = std::make_shared<Inbox>();
     auto replies = std::make_shared<Inbox>();
     xpc_connection_t c = Client("t.nobody", events);
@@ -348,8 +363,7 @@ TEST(XpcConnection, ConnectingToNoServiceIsInvalid) {
     Close(c);
 }
 
-TEST(XpcConnection, ASynchronousRequestInsideAHandlerIsAnswered) {
-    ServiceDir dir;
+TEST_F(XpcConnection, ASynchronousRequestInsideAHandlerIsAnswered) {
     // The service, while handling a request, asks the client something on the same
     // connection and waits for the answer before replying.
     Service service("t.nested", [&](xpc_connection_t peer, xpc_object_t m) {
@@ -367,23 +381,16 @@ TEST(XpcConnection, ASynchronousRequestInsideAHandlerIsAnswered) {
         }
     });
     xpc_connection_resume(c);
-    xpc_object_t m = Message(1);
-    xpc_object_t r = xpc_connection_send_message_with_reply_sync(c, m);
-    EXPECT_EQ(xpc_dictionary_get_int64(r, "v"), 71);
-    xpc_release(r);
-    xpc_release(m);
+    EXPECT_EQ(Ask(c, 1), 71);
     Close(c);
 }
 
-TEST(XpcConnection, AMalformedPacketDropsOnlyThatConnection) {
-    ServiceDir dir;
+TEST_F(XpcConnection, AMalformedPacketDropsOnlyThatConnection) {
     Service service("t.hostile", [](xpc_connection_t peer, xpc_object_t m) { Reply(peer, m, 1); });
     service.Start();
     xpc_connection_t good = Client("t.hostile", nullptr);
     const int raw = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path, dir.Path("t.hostile").c_str());
+    sockaddr_un address = Address(dir_.Path("t.hostile"));
     ASSERT_EQ(connect(raw, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     const char garbage[] = "LXPC\x01\x01 this is not a packet";
     ASSERT_EQ(send(raw, garbage, sizeof garbage, 0), static_cast<ssize_t>(sizeof garbage));
@@ -392,28 +399,72 @@ TEST(XpcConnection, AMalformedPacketDropsOnlyThatConnection) {
     char byte;
     EXPECT_EQ(recv(raw, &byte, 1, 0), 0);  // the hostile socket was closed
     close(raw);
-    xpc_object_t m = Message(0);
-    xpc_object_t r = xpc_connection_send_message_with_reply_sync(good, m);
-    EXPECT_EQ(xpc_dictionary_get_int64(r, "v"), 1);
-    xpc_release(r);
-    xpc_release(m);
+    EXPECT_EQ(Ask(good), 1);
     Close(good);
+}
+
+TEST_F(XpcConnection, AnInterruptedClientReconnectsToARestartedService) {
+    auto events = std::make_shared<Inbox>();
+    auto service = std::make_unique<Service>(
+        "t.restart", [](xpc_connection_t peer, xpc_object_t m) { Reply(peer, m, 1); });
+    service->Start();
+    xpc_connection_t c = Client("t.restart", events);
+    EXPECT_EQ(Ask(c), 1);
+    service.reset();
+    ASSERT_TRUE(events->WaitFor(1));
+    EXPECT_EQ(events->At(0), XPC_ERROR_CONNECTION_INTERRUPTED);
+    service = std::make_unique<Service>(
+        "t.restart", [](xpc_connection_t peer, xpc_object_t m) { Reply(peer, m, 2); });
+    service->Start();
+    EXPECT_EQ(Ask(c), 2);
+    Close(c);
+}
+
+TEST_F(XpcConnection, AnEndpointLeadsToItsListenerUntilCancelled) {
+    xpc_connection_t anonymous = xpc_connection_create(nullptr, nullptr);
+    xpc_connection_set_event_handler(anonymous, [](xpc_object_t peer) {
+        if (xpc_get_type(peer) == XPC_TYPE_CONNECTION) {
+            xpc_connection_set_event_handler(peer, [peer](xpc_object_t m) {
+                if (xpc_get_type(m) == XPC_TYPE_DICTIONARY) {
+                    Reply(peer, m, 5);
+                }
+            });
+            xpc_connection_resume(peer);
+        }
+    });
+    xpc_connection_resume(anonymous);
+    xpc_object_t endpoint = xpc_endpoint_create(anonymous);
+    ASSERT_NE(endpoint, nullptr);
+    xpc_connection_t c = xpc_connection_create_from_endpoint(endpoint);
+    xpc_connection_set_event_handler(c, [](xpc_object_t) {});
+    xpc_connection_resume(c);
+    EXPECT_EQ(Ask(c), 5);
+    Close(c);
+    xpc_connection_cancel(anonymous);
+    auto events = std::make_shared<Inbox>();
+    xpc_connection_t late = xpc_connection_create_from_endpoint(endpoint);
+    xpc_connection_set_event_handler(late, [events](xpc_object_t e) { events->Push(e); });
+    xpc_connection_resume(late);
+    ASSERT_TRUE(events->WaitFor(1));
+    EXPECT_EQ(events->At(0), XPC_ERROR_CONNECTION_INVALID);
+    Close(late);
+    xpc_release(endpoint);
+    xpc_release(anonymous);
 }
 
 // ---- other processes ----
 //
 // A child process is this test program started again (fork, then exec at once) running one
-// XpcChild test, chosen by LXPC_TEST_CHILD; its exit status is the verdict. Exec gives the
-// child a fresh process: a forked copy of a multi-threaded parent may inherit locks that
-// other threads held at the fork (the sanitizer allocator's among them).
+// XpcChild test, chosen by LXPC_TEST_CHILD. Exec gives the child a fresh process: a forked
+// copy of a multi-threaded parent may inherit locks other threads held at the fork.
 
-const char* ChildRole() {
-    return std::getenv("LXPC_TEST_CHILD");
-}
+#define CHILD_ONLY()                                    \
+    if (std::getenv("LXPC_TEST_CHILD") == nullptr) {    \
+        GTEST_SKIP() << "runs as a child process only"; \
+    }
 
-// Starts the child running `role`; `ready` receives the descriptor the child writes "R" to
-// once it is ready.
-pid_t SpawnChild(const char* role, int& ready) {
+// Starts the child running `role` and waits for its "R" on a pipe; -1 when it never came.
+pid_t SpawnChild(const char* role) {
     int p[2];
     if (pipe(p) != 0) {
         return -1;
@@ -431,209 +482,40 @@ pid_t SpawnChild(const char* role, int& ready) {
     unsetenv("LXPC_TEST_CHILD");
     unsetenv("LXPC_TEST_READY_FD");
     close(p[1]);
-    ready = p[0];
-    return child;
+    pollfd wait{p[0], POLLIN, 0};
+    char byte = 0;
+    const bool ready = poll(&wait, 1, 20000) == 1 && read(p[0], &byte, 1) == 1 && byte == 'R';
+    close(p[0]);
+    if (!ready && child > 0) {
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+    }
+    return ready ? child : -1;
 }
 
-void TellParentReady() {
+// Serves in the child until the parent kills it.
+[[noreturn]] void ServeInChild() {
     const int fd = std::atoi(std::getenv("LXPC_TEST_READY_FD"));
     (void)!write(fd, "R", 1);
     close(fd);
-}
-
-// Waits in the parent for the child's "R", failing when the child ends first.
-bool WaitForChild(int fd) {
-    pollfd p{fd, POLLIN, 0};
-    char byte = 0;
-    const bool ok = poll(&p, 1, 20000) == 1 && read(fd, &byte, 1) == 1 && byte == 'R';
-    close(fd);
-    return ok;
-}
-
-int ExitCode(pid_t child) {
-    int status = 0;
-    if (waitpid(child, &status, 0) != child) {
-        return -1;
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-// The service that dies: takes three requests, answers none, exits.
-TEST(XpcChild, Dies) {
-    if (ChildRole() == nullptr) {
-        GTEST_SKIP() << "runs as a child process only";
-    }
-    std::atomic<int> count{0};
-    Service service("t.dies", [&](xpc_connection_t, xpc_object_t) {
-        if (++count == 3) {
-            _exit(0);
-        }
-    });
-    service.Start();
-    TellParentReady();
     std::this_thread::sleep_for(30s);
     _exit(1);
 }
 
-TEST(XpcConnection, PeerDeathFailsPendingRepliesWithInterrupted) {
-    ServiceDir dir;
-    int ready = -1;
-    const pid_t child = SpawnChild("Dies", ready);
-    ASSERT_GT(child, 0);
-    ASSERT_TRUE(WaitForChild(ready));
-    auto events = std::make_shared<Inbox>();
-    auto replies = std::make_shared<Inbox>();
-    xpc_connection_t c = Client("t.dies", events);
-    EXPECT_EQ(xpc_connection_get_pid(c), child);
-    for (int i = 0; i < 3; ++i) {
-        xpc_object_t m = Message(i);
-        xpc_connection_send_message_with_reply(c, m, nullptr,
-                                               [replies](xpc_object_t r) { replies->Push(r); });
-        xpc_release(m);
-    }
-    ASSERT_TRUE(replies->WaitFor(3));
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(replies->At(i), XPC_ERROR_CONNECTION_INTERRUPTED);
-    }
-    ASSERT_TRUE(events->WaitFor(1));
-    EXPECT_EQ(events->At(0), XPC_ERROR_CONNECTION_INTERRUPTED);
-    EXPECT_EQ(ExitCode(child), 0);
-    // The service is gone for good: a later request is interrupted too, not lost.
-    xpc_object_t m = Message(9);
-    EXPECT_EQ(xpc_connection_send_message_with_reply_sync(c, m), XPC_ERROR_CONNECTION_INTERRUPTED);
-    xpc_release(m);
-    Close(c);
-}
-
-TEST(XpcConnection, AnInterruptedClientReconnectsToARestartedService) {
-    ServiceDir dir;
-    auto events = std::make_shared<Inbox>();
-    auto service = std::make_unique<Service>(
-        "t.restart", [](xpc_connection_t peer, xpc_object_t m) { Reply(peer, m, 1); });
-    service->Start();
-    xpc_connection_t c = Client("t.restart", events);
-    xpc_object_t m = Message(0);
-    xpc_object_t r = xpc_connection_send_message_with_reply_sync(c, m);
-    EXPECT_EQ(xpc_dictionary_get_int64(r, "v"), 1);
-    xpc_release(r);
-    service.reset();
-    ASSERT_TRUE(events->WaitFor(1));
-    EXPECT_EQ(events->At(0), XPC_ERROR_CONNECTION_INTERRUPTED);
-    service = std::make_unique<Service>(
-        "t.restart", [](xpc_connection_t peer, xpc_object_t m) { Reply(peer, m, 2); });
-    service->Start();
-    r = xpc_connection_send_message_with_reply_sync(c, m);
-    EXPECT_EQ(xpc_dictionary_get_int64(r, "v"), 2);
-    xpc_release(r);
-    xpc_release(m);
-    Close(c);
-}
-
-// The client in another process: asks the broker for the endpoint, connects through it,
-// hands over a pipe and checks what comes back.
-TEST(XpcChild, EndpointClient) {
-    if (ChildRole() == nullptr) {
-        GTEST_SKIP() << "runs as a child process only";
-    }
-    xpc_connection_t c = Client("t.broker", nullptr);
-    xpc_object_t request = Message(0);
-    xpc_object_t r = xpc_connection_send_message_with_reply_sync(c, request);
-    xpc_object_t e = xpc_dictionary_get_value(r, "endpoint");
-    if (xpc_get_type(e) != XPC_TYPE_ENDPOINT) {
-        _exit(2);
-    }
-    xpc_connection_t direct = xpc_connection_create_from_endpoint(e);
-    xpc_connection_set_event_handler(direct, [](xpc_object_t) {});
-    xpc_connection_resume(direct);
-    int pipeFds[2];
-    if (pipe(pipeFds) != 0) {
-        _exit(3);
-    }
-    xpc_object_t m = Message(0);
-    xpc_dictionary_set_fd(m, "fd", pipeFds[1]);
-    close(pipeFds[1]);
-    xpc_object_t answer = xpc_connection_send_message_with_reply_sync(direct, m);
-    char text[5] = {};
-    if (read(pipeFds[0], text, 4) != 4 || std::strcmp(text, "pong") != 0) {
-        _exit(4);
-    }
-    if (xpc_dictionary_get_int64(answer, "v") != getpid()) {
-        _exit(5);  // the listener saw another pid
-    }
-    if (xpc_connection_get_pid(direct) != getppid()) {
-        _exit(6);
-    }
-    _exit(0);
-}
-
-TEST(XpcConnection, EndpointsAndDescriptorsCrossProcesses) {
-    ServiceDir dir;
-    // The parent: an anonymous listener reached only through its endpoint, handed out by a
-    // named service. Its peers get a descriptor, write into it and answer with their pid.
-    xpc_connection_t anonymous = xpc_connection_create(nullptr, nullptr);
-    auto anonymousPeers = std::make_shared<Inbox>();
-    xpc_connection_set_event_handler(anonymous, [anonymousPeers](xpc_object_t peer) {
-        if (xpc_get_type(peer) != XPC_TYPE_CONNECTION) {
-            return;
-        }
-        anonymousPeers->Push(peer);
-        xpc_connection_set_event_handler(peer, [peer](xpc_object_t m) {
-            if (xpc_get_type(m) != XPC_TYPE_DICTIONARY) {
-                return;
-            }
-            const int fd = xpc_dictionary_dup_fd(m, "fd");
-            EXPECT_EQ(write(fd, "pong", 4), 4);
-            close(fd);
-            Reply(peer, m, xpc_connection_get_pid(peer));
-        });
-        xpc_connection_resume(peer);
-    });
-    xpc_connection_resume(anonymous);
-    xpc_object_t endpoint = xpc_endpoint_create(anonymous);
-    ASSERT_NE(endpoint, nullptr);
-    Service broker("t.broker", [endpoint](xpc_connection_t peer, xpc_object_t m) {
-        xpc_object_t reply = xpc_dictionary_create_reply(m);
-        xpc_dictionary_set_value(reply, "endpoint", endpoint);
-        xpc_connection_send_message(peer, reply);
-        xpc_release(reply);
-    });
-    broker.Start();
-    int ready = -1;
-    const pid_t child = SpawnChild("EndpointClient", ready);
-    ASSERT_GT(child, 0);
-    close(ready);
-    EXPECT_EQ(ExitCode(child), 0);
-    ASSERT_TRUE(anonymousPeers->WaitFor(1));
-    EXPECT_EQ(xpc_connection_get_pid(anonymousPeers->At(0)), child);
-    // Once the listener is cancelled its endpoint leads nowhere.
-    xpc_connection_cancel(anonymous);
-    auto events = std::make_shared<Inbox>();
-    xpc_connection_t late = xpc_connection_create_from_endpoint(endpoint);
-    xpc_connection_set_event_handler(late, [events](xpc_object_t e) { events->Push(e); });
-    xpc_connection_resume(late);
-    ASSERT_TRUE(events->WaitFor(1));
-    EXPECT_EQ(events->At(0), XPC_ERROR_CONNECTION_INVALID);
-    Close(late);
-    for (size_t i = 0; i < anonymousPeers->Count(); ++i) {
-        xpc_connection_cancel(anonymousPeers->At(i));
-    }
-    xpc_release(endpoint);
-    xpc_release(anonymous);
+void Stop(pid_t child) {
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
 }
 
 // A service started the way systemd starts it: the listening socket is descriptor 3.
 TEST(XpcChild, Activated) {
-    if (ChildRole() == nullptr) {
-        GTEST_SKIP() << "runs as a child process only";
-    }
+    CHILD_ONLY();
     // Keep the ready pipe away from descriptor 3 first.
     const int readyFd = fcntl(std::atoi(std::getenv("LXPC_TEST_READY_FD")), F_DUPFD, 10);
     setenv("LXPC_TEST_READY_FD", std::to_string(readyFd).c_str(), 1);
     const int s = socket(AF_UNIX, SOCK_SEQPACKET, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    const std::string path = std::string(std::getenv("LXPC_SERVICE_DIR")) + "/t.activated.sock";
-    std::strcpy(address.sun_path, path.c_str());
+    sockaddr_un address =
+        Address(std::string(std::getenv("LXPC_SERVICE_DIR")) + "/t.activated.sock");
     if (bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(s, 8) != 0 ||
         dup2(s, 3) != 3) {
         _exit(2);
@@ -647,34 +529,20 @@ TEST(XpcChild, Activated) {
     Service service("t.activated",
                     [](xpc_connection_t peer, xpc_object_t m) { Reply(peer, m, 3); });
     service.Start();
-    TellParentReady();
-    std::this_thread::sleep_for(30s);
-    _exit(1);
-}
-
-TEST(XpcConnection, ListenerTakesTheSocketFromSocketActivation) {
-    ServiceDir dir;
-    int ready = -1;
-    const pid_t child = SpawnChild("Activated", ready);
-    ASSERT_GT(child, 0);
-    ASSERT_TRUE(WaitForChild(ready));
-    xpc_connection_t c = Client("t.activated", nullptr);
-    xpc_object_t m = Message(0);
-    xpc_object_t r = xpc_connection_send_message_with_reply_sync(c, m);
-    EXPECT_EQ(xpc_dictionary_get_int64(r, "v"), 3);
-    xpc_release(r);
-    xpc_release(m);
-    Close(c);
-    kill(child, SIGKILL);
-    ExitCode(child);
+    ServeInChild();
 }
 
 // A service run by xpc_main: its peers' events arrive on the main thread.
 TEST(XpcChild, Main) {
-    if (ChildRole() == nullptr) {
-        GTEST_SKIP() << "runs as a child process only";
-    }
+    CHILD_ONLY();
     setenv("LXPC_SERVICE_NAME", "t.main", 1);
+    std::thread([] {
+        const std::string path = std::string(std::getenv("LXPC_SERVICE_DIR")) + "/t.main.sock";
+        while (!std::filesystem::exists(path)) {
+            std::this_thread::sleep_for(5ms);
+        }
+        ServeInChild();
+    }).detach();
     xpc_main([](xpc_connection_t peer) {
         xpc_connection_set_event_handler(peer, [peer](xpc_object_t m) {
             if (xpc_get_type(m) == XPC_TYPE_DICTIONARY) {
@@ -685,35 +553,29 @@ TEST(XpcChild, Main) {
     });
 }
 
-TEST(XpcConnection, XpcMainServesTheNamedServiceOnTheMainThread) {
-    ServiceDir dir;
-    int ready = -1;
-    const pid_t child = SpawnChild("Main", ready);
+TEST_F(XpcConnection, ListenerTakesTheSocketFromSocketActivation) {
+    const pid_t child = SpawnChild("Activated");
     ASSERT_GT(child, 0);
-    close(ready);
-    for (int i = 0; i < 2000 && !std::filesystem::exists(dir.Path("t.main")); ++i) {
-        std::this_thread::sleep_for(5ms);
-    }
-    xpc_connection_t c = Client("t.main", nullptr);
-    xpc_object_t m = Message(0);
-    xpc_object_t r = xpc_connection_send_message_with_reply_sync(c, m);
-    EXPECT_EQ(xpc_get_type(r), XPC_TYPE_DICTIONARY);
-    EXPECT_EQ(xpc_dictionary_get_int64(r, "v"), 1);
-    xpc_release(r);
-    xpc_release(m);
+    xpc_connection_t c = Client("t.activated", nullptr);
+    EXPECT_EQ(Ask(c), 3);
+    EXPECT_EQ(xpc_connection_get_pid(c), child);
     Close(c);
-    kill(child, SIGKILL);
-    ExitCode(child);
+    Stop(child);
 }
 
-TEST(XpcConnection, AStaleSocketIsReplacedAndALiveOneKept) {
-    ServiceDir dir;
-    const std::string path = dir.Path("t.stale");
+TEST_F(XpcConnection, XpcMainServesTheNamedServiceOnTheMainThread) {
+    const pid_t child = SpawnChild("Main");
+    ASSERT_GT(child, 0);
+    xpc_connection_t c = Client("t.main", nullptr);
+    EXPECT_EQ(Ask(c), 1);
+    Close(c);
+    Stop(child);
+}
+
+TEST_F(XpcConnection, AStaleSocketIsReplacedAndALiveOneKept) {
     {
         const int s = socket(AF_UNIX, SOCK_SEQPACKET, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strcpy(address.sun_path, path.c_str());
+        sockaddr_un address = Address(dir_.Path("t.stale"));
         ASSERT_EQ(bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
         close(s);  // left behind, nobody listening
     }
@@ -730,15 +592,11 @@ TEST(XpcConnection, AStaleSocketIsReplacedAndALiveOneKept) {
     EXPECT_EQ(secondEvents->At(0), XPC_ERROR_CONNECTION_INVALID);
     Close(second);
     xpc_connection_t c = Client("t.stale", nullptr);
-    xpc_object_t m = Message(0);
-    xpc_object_t r = xpc_connection_send_message_with_reply_sync(c, m);
-    EXPECT_EQ(xpc_dictionary_get_int64(r, "v"), 4);
-    xpc_release(r);
-    xpc_release(m);
+    EXPECT_EQ(Ask(c), 4);
     Close(c);
 }
 
-TEST(XpcConnection, QueuesRunTheirItemsSeriallyInOrder) {
+TEST_F(XpcConnection, QueuesRunTheirItemsSeriallyInOrder) {
     xpc_queue_t q = xpc_queue_create("t.serial");
     std::atomic<int> running{0};
     std::vector<int> order;

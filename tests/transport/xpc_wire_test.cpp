@@ -159,69 +159,15 @@ TEST(XpcWire, EnvelopeAndValueLayoutAreExact) {
     xpc_dictionary_set_string(m, "b", "hi");
     Packet packet;
     ASSERT_TRUE(Encode({Kind::reply, 0x0102030405060708, 9}, m, packet));
-    const std::vector<uint8_t> expected = {'L',
-                                           'X',
-                                           'P',
-                                           'C',
-                                           1,
-                                           3,
-                                           0,
-                                           0,  // magic, version, kind, flags
-                                           8,
-                                           7,
-                                           6,
-                                           5,
-                                           4,
-                                           3,
-                                           2,
-                                           1,
-                                           9,
-                                           0,
-                                           0,
-                                           0,
-                                           0,
-                                           0,
-                                           0,
-                                           0,  // id, reply-to
-                                           0,
-                                           0,
-                                           0,
-                                           0,
-                                           31,
-                                           0,
-                                           0,
-                                           0,  // descriptors, body length
-                                           kTagDictionary,
-                                           2,
-                                           0,
-                                           0,
-                                           0,  // two entries
-                                           1,
-                                           0,
-                                           0,
-                                           0,
-                                           'a',
-                                           kTagInt64,
-                                           0xfe,
-                                           0xff,
-                                           0xff,
-                                           0xff,
-                                           0xff,
-                                           0xff,
-                                           0xff,
-                                           0xff,
-                                           1,
-                                           0,
-                                           0,
-                                           0,
-                                           'b',
-                                           kTagString,
-                                           2,
-                                           0,
-                                           0,
-                                           0,
-                                           'h',
-                                           'i'};
+    // clang-format off
+    const std::vector<uint8_t> expected = {
+        'L', 'X', 'P', 'C', 1, 3, 0, 0,  // magic, version, kind, flags
+        8, 7, 6, 5, 4, 3, 2, 1, 9, 0, 0, 0, 0, 0, 0, 0,  // id, reply-to
+        0, 0, 0, 0, 31, 0, 0, 0,  // descriptors, body length
+        kTagDictionary, 2, 0, 0, 0,  // two entries
+        1, 0, 0, 0, 'a', kTagInt64, 0xfe, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff,
+        1, 0, 0, 0, 'b', kTagString, 2, 0, 0, 0, 'h', 'i'};
+    // clang-format on
     EXPECT_EQ(packet.bytes, expected);
     SetPacketId(packet, 77);
     Envelope e;
@@ -344,27 +290,28 @@ TEST(XpcWire, DescriptorRulesAreEnforcedAndRefusedDescriptorsClosed) {
     };
     const std::vector<uint8_t> fdBody = {kTagDictionary, 1, 0, 0, 0, 1, 0, 0, 0, 'f',
                                          kTagFd,         0, 0, 0, 0};
-    // Count in the envelope differs from what arrived.
-    std::vector<int> p = pipePair();
-    EXPECT_STREQ(Refusal(Built(fdBody, 1), p),
-                 "descriptor count does not match the descriptors received");
-    EXPECT_FALSE(IsOpen(p[0]));
-    EXPECT_FALSE(IsOpen(p[1]));
-    // One received but not used.
-    p = pipePair();
-    EXPECT_STREQ(Refusal(Built(fdBody, 2), p), "descriptor received but not used");
-    EXPECT_FALSE(IsOpen(p[0]));
-    EXPECT_FALSE(IsOpen(p[1]));
-    // The same one used twice.
-    p = pipePair();
     const std::vector<uint8_t> twice = {kTagDictionary, 2, 0, 0, 0, 1, 0, 0, 0, 'a',
                                         kTagFd,         0, 0, 0, 0, 1, 0, 0, 0, 'b',
                                         kTagFd,         0, 0, 0, 0};
-    EXPECT_STREQ(Refusal(Built(twice, 2), p), "descriptor used twice");
-    EXPECT_FALSE(IsOpen(p[0]));
-    EXPECT_FALSE(IsOpen(p[1]));
+    const struct {
+        const std::vector<uint8_t>& body;
+        uint32_t count;
+        const char* why;
+    } cases[] = {
+        {fdBody, 1, "descriptor count does not match the descriptors received"},
+        {fdBody, 2, "descriptor received but not used"},
+        {twice, 2, "descriptor used twice"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.why);
+        std::vector<int> p = pipePair();
+        EXPECT_STREQ(Refusal(Built(c.body, c.count), p), c.why);
+        EXPECT_FALSE(IsOpen(p[0]));
+        EXPECT_FALSE(IsOpen(p[1]));
+    }
     // An endpoint must be a SOCK_SEQPACKET socket.
-    p = pipePair();
+    std::vector<int> p = pipePair();
+    close(p[1]);
     p.pop_back();
     const std::vector<uint8_t> endpoint = {kTagDictionary, 1, 0, 0, 0, 1, 0, 0, 0, 'e',
                                            kTagEndpoint,   0, 0, 0, 0};
@@ -373,29 +320,10 @@ TEST(XpcWire, DescriptorRulesAreEnforcedAndRefusedDescriptorsClosed) {
                  "endpoint descriptor is not a SOCK_SEQPACKET socket");
     EXPECT_FALSE(IsOpen(kept));
     // Sealed data must come in a memfd that really is sealed and of the stated size.
-    std::vector<uint8_t> sealed = {kTagDictionary,
-                                   1,
-                                   0,
-                                   0,
-                                   0,
-                                   1,
-                                   0,
-                                   0,
-                                   0,
-                                   'd',
-                                   kTagSealedData,
-                                   0,
-                                   0,
-                                   1,
-                                   0,
-                                   0,
-                                   0,
-                                   0,
-                                   0,
-                                   0,
-                                   0,
-                                   0,
-                                   0};  // 65536 bytes, fd 0
+    // clang-format off
+    const std::vector<uint8_t> sealed = {kTagDictionary, 1, 0, 0, 0, 1, 0, 0, 0, 'd',
+        kTagSealedData, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0};  // 65536 bytes, fd 0
+    // clang-format on
     const int unsealed = memfd_create("t", MFD_CLOEXEC);
     ASSERT_EQ(ftruncate(unsealed, 65536), 0);
     EXPECT_STREQ(Refusal(Built(sealed, 1), {unsealed}),

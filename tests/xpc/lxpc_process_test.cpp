@@ -27,24 +27,15 @@ using namespace lxpc_test;
 namespace {
 
 // The vocabulary of both directions.
+// clang-format off
 const LXPCDictionaryKey kWireKeys[] = {
-    {"B", LXPCDataTypeBool},
-    {"I", LXPCDataTypeInt64},
-    {"U", LXPCDataTypeUInt64},
-    {"D", LXPCDataTypeDouble},
-    {"T", LXPCDataTypeDate},
-    {"DATA", LXPCDataTypeData},
-    {"UUID", LXPCDataTypeUUID},
-    {"S", LXPCDataTypeString},
-    {"FD", LXPCDataTypeFD},
-    {"ENDPOINT", LXPCDataTypeObject},
-    {"ARRAY", LXPCDataTypeObject},
-    {"HOLD", LXPCDataTypeBool},
-    {"EXIT", LXPCDataTypeBool},
-    {"CHILD_PID", LXPCDataTypeInt64},
-    {"VIA_ENDPOINT", LXPCDataTypeString},
-    {"", LXPCDataTypeNone},
-};
+    {"B", LXPCDataTypeBool}, {"I", LXPCDataTypeInt64}, {"U", LXPCDataTypeUInt64},
+    {"D", LXPCDataTypeDouble}, {"T", LXPCDataTypeDate}, {"DATA", LXPCDataTypeData},
+    {"UUID", LXPCDataTypeUUID}, {"S", LXPCDataTypeString}, {"FD", LXPCDataTypeFD},
+    {"ENDPOINT", LXPCDataTypeObject}, {"ARRAY", LXPCDataTypeObject}, {"HOLD", LXPCDataTypeBool},
+    {"EXIT", LXPCDataTypeBool}, {"CHILD_PID", LXPCDataTypeInt64},
+    {"VIA_ENDPOINT", LXPCDataTypeString}, {"", LXPCDataTypeNone}};
+// clang-format on
 
 constexpr int kReadyFd = 100;
 constexpr const char kChildText[] = "written by the child";
@@ -105,10 +96,7 @@ private:
         if (connection == nullptr) {
             _exit(4);
         }
-        auto* held = new LXPCConnection(Handle(connection));  // lives as long as the child
-        direct->SetupConnectionHandlerAndResume(*held);
-        held->Retain();
-        xpc_release(connection);
+        LXPCConnection* held = Adopt(*direct, connection).release();  // lives as the child
         static char text[64];
         snprintf(text, sizeof text, "hello from %d", static_cast<int>(getpid()));
         LList<LXPCDataListable> hello;
@@ -208,13 +196,8 @@ protected:
 
         base_.AddKeys(kWireKeys, false);
         base_.AddKeys(kWireKeys, true);
-        xpc_connection_t connection =
-            xpc_connection_create_mach_service(service_.c_str(), nullptr, 0);
-        ASSERT_NE(connection, nullptr);
-        connection_ = std::make_unique<LXPCConnection>(Handle(connection));
-        base_.SetupConnectionHandlerAndResume(*connection_);
-        connection_->Retain();
-        xpc_release(connection);
+        connection_ =
+            Adopt(base_, xpc_connection_create_mach_service(service_.c_str(), nullptr, 0));
     }
 
     void TearDown() override {
@@ -337,6 +320,7 @@ TEST_F(LXPCAcrossProcesses, EveryValueTypeDescriptorAndEndpointCrosses) {
         std::lock_guard lock(acceptedLock);
         ASSERT_EQ(accepted.size(), 1u);
         EXPECT_EQ(directEvents.messages[0].connection, accepted[0]->hConnection);
+        EXPECT_EQ(xpc_connection_get_pid(Object(accepted[0]->hConnection)), child_);
     }
 
     xpc_connection_cancel(listener);

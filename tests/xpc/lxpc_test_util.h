@@ -15,6 +15,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -198,6 +199,15 @@ inline void PushDouble(LList<LXPCDataListable>& list, const char* name, double v
     LXPCCopyName(key.szName, name);
     key.type = LXPCDataTypeDouble;
     list.PushFront(CreateXPCDataDouble(key, value));
+}
+
+// Hands a new client connection to an LXPCConnection, which then holds its only reference.
+inline std::unique_ptr<LXPCConnection> Adopt(LXPCBase& base, lxpc::xpc_connection_t connection) {
+    auto held = std::make_unique<LXPCConnection>(Handle(connection));
+    base.SetupConnectionHandlerAndResume(*held);
+    held->Retain();
+    lxpc::xpc_release(connection);
+    return held;
 }
 
 inline long Ptr(const void* pointer) {
