@@ -4,10 +4,8 @@
 // the typed getters and their mismatch fallbacks are exercised. The values are then encoded
 // again with the same list as send keys (SetXPCDictionary).
 //
-// Input, the same layout as xpc_decode_fuzz so that its seeds serve here too: byte 0 holds
-// the number of descriptors (bits 0-1; bit 2 shifts the key types); then three bytes per
-// descriptor (kind, then a 16-bit size for memory files); the rest is the packet. Kinds: 0
-// sealed memfd, 1 unsealed memfd, 2 pipe end, 3 SOCK_SEQPACKET socket.
+// Input: the layout of fuzz/packet_input.h, shared with xpc_decode_fuzz so that its seeds
+// serve here too; its flag shifts the key types.
 //
 // Oracles: no crash or sanitizer report; one value for every key whose type is 1 to 10 and
 // none for the others; every pointer a value carries can be read as far as the value says
@@ -24,45 +22,13 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/packet_input.h"
 #include "xpc/lxpc_data.h"
 #include "xpc/transport/xpc_wire.h"
 
 using namespace lxpc;
 
 namespace {
-
-int MakeDescriptor(uint8_t kind, uint16_t size, std::vector<int>& extra) {
-    switch (kind % 4) {
-        case 0:
-        case 1: {
-            const int fd = memfd_create("fuzz", MFD_CLOEXEC | MFD_ALLOW_SEALING);
-            if (fd < 0 || ftruncate(fd, size) != 0) {
-                std::abort();
-            }
-            if (kind % 4 == 0 &&
-                fcntl(fd, F_ADD_SEALS, F_SEAL_WRITE | F_SEAL_GROW | F_SEAL_SHRINK) != 0) {
-                std::abort();
-            }
-            return fd;
-        }
-        case 2: {
-            int p[2];
-            if (pipe2(p, O_CLOEXEC) != 0) {
-                std::abort();
-            }
-            extra.push_back(p[1]);
-            return p[0];
-        }
-        default: {
-            int s[2];
-            if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, s) != 0) {
-                std::abort();
-            }
-            extra.push_back(s[1]);
-            return s[0];
-        }
-    }
-}
 
 // Reads every byte a value points to, so that ASan sees any read out of bounds.
 uint64_t Touch(const LXPCData& value, xpc_object_t message) {
@@ -120,18 +86,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 1) {
         return 0;
     }
-    const size_t count = data[0] & 3;
-    const unsigned shift = (data[0] >> 2) & 1;
-    size_t at = 1;
-    std::vector<int> fds, extra;
-    for (size_t i = 0; i < count && at + 3 <= size; ++i, at += 3) {
-        fds.push_back(MakeDescriptor(
-            data[at], static_cast<uint16_t>(data[at + 1] | (data[at + 2] << 8)), extra));
-    }
+    fuzz_packet::Input input = fuzz_packet::Read(data, size);
+    std::vector<int>& fds = input.fds;
+    const unsigned shift = input.flag ? 1 : 0;
     wire::Envelope envelope;
     const char* why = nullptr;
-    xpc_object_t message =
-        wire::Decode(std::span<const uint8_t>(data + at, size - at), fds, envelope, &why);
+    xpc_object_t message = wire::Decode(input.packet, fds, envelope, &why);
     if (message != nullptr) {
         // A receive list naming every key of the message, types 0 to 11 in turn.
         LList<LXPCDictionaryKeyListable> keys;
@@ -163,7 +123,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
         xpc_release(message);
     }
-    for (int fd : extra) {
+    for (int fd : input.extra) {
         close(fd);
     }
     return 0;
