@@ -6,8 +6,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/socket.h>
-#include <sys/un.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -55,22 +54,6 @@ inline pid_t Spawn(std::vector<std::string> const& argv, std::vector<std::string
     return pid;
 }
 
-// True once something accepts on the socket at `path`. The file appears at bind(), a moment
-// before listen(), so its existence alone is not enough to send.
-inline bool Accepting(std::string const& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path)
-        return false;
-    path.copy(address.sun_path, path.size());
-    int const fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    bool const accepted =
-        fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    if (fd >= 0)
-        close(fd);
-    return accepted;
-}
-
 class ServiceProcess {
 public:
     ServiceProcess() {
@@ -84,7 +67,8 @@ public:
         pid_ = Spawn({ServiceExecutable()}, {"LXPC_SERVICE_DIR=" + dir_});
         std::string socket = dir_ + "/com.tessalysoftware.KavelPL.VadHelper.sock";
         for (int i = 0; i < 400 && pid_ > 0; ++i) {
-            if (Accepting(socket)) {
+            struct stat st;
+            if (stat(socket.c_str(), &st) == 0 && S_ISSOCK(st.st_mode)) {
                 ready_ = true;
                 break;
             }

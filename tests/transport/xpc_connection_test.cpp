@@ -579,8 +579,9 @@ TEST_F(XpcConnection, AStaleSocketIsReplacedAndALiveOneKept) {
         ASSERT_EQ(bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
         close(s);  // left behind, nobody listening
     }
-    Service service("t.stale", [](xpc_connection_t peer, xpc_object_t m) { Reply(peer, m, 4); });
-    service.Start();
+    auto service = std::make_unique<Service>(
+        "t.stale", [](xpc_connection_t peer, xpc_object_t m) { Reply(peer, m, 4); });
+    service->Start();
     // A second instance must not steal the live socket.
     auto secondEvents = std::make_shared<Inbox>();
     xpc_connection_t second = xpc_connection_create_mach_service(
@@ -594,6 +595,15 @@ TEST_F(XpcConnection, AStaleSocketIsReplacedAndALiveOneKept) {
     xpc_connection_t c = Client("t.stale", nullptr);
     EXPECT_EQ(Ask(c), 4);
     Close(c);
+    // The sockets are staged under private names; none of those is left behind.
+    const std::string path = dir_.Path("t.stale");
+    for (const auto& entry :
+         std::filesystem::directory_iterator(std::filesystem::path(path).parent_path())) {
+        EXPECT_EQ(entry.path(), path);
+    }
+    // A clean stop takes the path away with it.
+    service.reset();
+    EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(path)));
 }
 
 TEST_F(XpcConnection, QueuesRunTheirItemsSeriallyInOrder) {

@@ -133,7 +133,7 @@ struct Connection : _xpc_object {
         }
         if (listenFd >= 0) {
             if (boundPath) {
-                os::UnlinkIfOurs(path, listenFd);
+                os::UnlinkIfOurs(path);
             }
             os::Close(listenFd);
         }
@@ -637,7 +637,7 @@ void ListenerMain(Connection* c) {
     // Closing the sockets now refuses new clients at once, endpoint holders included.
     if (c->listenFd >= 0) {
         if (c->boundPath) {
-            os::UnlinkIfOurs(c->path, c->listenFd);
+            os::UnlinkIfOurs(c->path);
         }
         os::Close(std::exchange(c->listenFd, -1));
     }

@@ -36,11 +36,12 @@ std::string ServiceSocketPath(const char* name);
 // Connects a SOCK_SEQPACKET socket to `path`.
 int ConnectPath(const std::string& path);
 // The listening socket for `path`: the one systemd passed (sd_listen_fds) when it is bound to
-// that path, else a new one bound by this process (mode 0666; a stale socket that nobody
-// listens on is removed first). `bound` tells whether this process created the path.
+// that path, else a new one made by this process (mode 0666; a stale socket that nobody
+// listens on is removed first), which appears at `path` only once it is listening. `bound`
+// tells whether this process created the path.
 int ListenPath(const std::string& path, bool& bound);
-// Removes `path` when it is still the socket `fd` is bound to.
-void UnlinkIfOurs(const std::string& path, int fd);
+// Removes `path` when this process still accepts on it, or nobody does.
+void UnlinkIfOurs(const std::string& path);
 bool SocketPair(int fds[2]);
 int Accept(int listener);
 pid_t PeerPid(int fd);

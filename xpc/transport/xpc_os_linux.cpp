@@ -17,6 +17,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "xpc/transport/xpc_os.h"
 #include "xpc/transport/xpc_wire.h"
@@ -182,39 +183,54 @@ int ListenPath(const std::string& path, bool& bound) {
         }
         ::unlink(path.c_str());
     }
+    // The socket is bound and listening under a private name first and only then linked to
+    // `path`: a client that sees the path can connect at once (bind() alone would show it a
+    // moment before listen()), and link() fails when another instance got there first.
+    const std::string staging = path + "." + std::to_string(::getpid());
+    sockaddr_un stagingAddress;
+    socklen_t stagingLength;
+    if (!FillAddress(staging, stagingAddress, stagingLength)) {
+        return -1;
+    }
+    ::unlink(staging.c_str());  // left by an earlier process that had this pid
     // Non-blocking: the listener polls, and a client that vanished between the poll and the
     // accept must not stall it.
     const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0) {
         return -1;
     }
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
-        ::chmod(path.c_str(), 0666) != 0 || ::listen(fd, SOMAXCONN) != 0) {
-        const int saved = errno;
+    const bool staged =
+        ::bind(fd, reinterpret_cast<sockaddr*>(&stagingAddress), stagingLength) == 0;
+    const bool listening = staged && ::chmod(staging.c_str(), 0666) == 0 &&
+                           ::listen(fd, SOMAXCONN) == 0 &&
+                           ::link(staging.c_str(), path.c_str()) == 0;
+    const int saved = errno;
+    if (staged) {
+        ::unlink(staging.c_str());
+    }
+    if (!listening) {
         ::close(fd);
-        errno = saved;
+        errno = saved == EEXIST ? EADDRINUSE : saved;
         return -1;
     }
     bound = true;
     return fd;
 }
 
-void UnlinkIfOurs(const std::string& path, int fd) {
-    // The path is ours when it still names a socket and this descriptor is bound to it; a
-    // later instance may have replaced it.
-    sockaddr_un address;
-    socklen_t length = sizeof address;
+void UnlinkIfOurs(const std::string& path) {
+    // The path is ours while whoever accepts on it is this process: a later instance may
+    // have replaced it, and a path nobody accepts on is stale. Called before our listening
+    // socket is closed.
     struct stat st;
-    if (::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0 &&
-        length > offsetof(sockaddr_un, sun_path) &&
-        std::strncmp(address.sun_path, path.c_str(), sizeof address.sun_path) == 0 &&
-        ::lstat(path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode)) {
-        const int probe = ConnectPath(path);
-        if (probe < 0) {
-            ::unlink(path.c_str());
-        } else {
-            ::close(probe);
-        }
+    if (::lstat(path.c_str(), &st) != 0 || !S_ISSOCK(st.st_mode)) {
+        return;
+    }
+    const int probe = ConnectPath(path);
+    if (probe < 0 || PeerPid(probe) == ::getpid()) {
+        ::unlink(path.c_str());
+    }
+    if (probe >= 0) {
+        ::close(probe);
     }
 }
 
