@@ -7,9 +7,22 @@
 #pragma once
 
 #include <cstddef>
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <vector>
+
+// Copies src into dst, cut to size - 1 characters and terminated; nothing is written when size
+// is 0. Returns the number of characters copied.
+inline size_t _LCopyCut(char* dst, std::string_view src, size_t size) {
+    if (size == 0) {
+        return 0;
+    }
+    size_t n = src.size() < size - 1 ? src.size() : size - 1;
+    memmove(dst, src.data(), n);
+    dst[n] = 0;
+    return n;
+}
 
 // The process's home folder: $HOME when set and not empty, else the user database's.
 bool _LGetHomeFolder(char* dst);

@@ -246,9 +246,7 @@ void LGetBundleFolder(char* dst, size_t size) {
         folder.substr(folder.size() - kBundleExeFolder.size()) == kBundleExeFolder) {
         folder.remove_suffix(kBundleExeFolder.size());
     }
-    size_t n = folder.size() < size - 1 ? folder.size() : size - 1;
-    memmove(dst, folder.data(), n);
-    dst[n] = 0;
+    _LCopyCut(dst, folder, size);
 }
 
 void LFile::GetProgramFolderApp(char* dst) {

@@ -22,10 +22,7 @@
 namespace {
 
 bool CopyPath(char* dst, std::string_view src) {
-    size_t n = src.size() < kLPathSize - 1 ? src.size() : kLPathSize - 1;
-    memcpy(dst, src.data(), n);
-    dst[n] = 0;
-    return n != 0;
+    return _LCopyCut(dst, src, kLPathSize) != 0;
 }
 
 // An XDG variable that is set to an absolute path.
@@ -177,10 +174,5 @@ void LGetBundleExeFile(char* dst, size_t size) {
     }
     char exe[PATH_MAX];
     ssize_t n = readlink("/proc/self/exe", exe, sizeof(exe) - 1);
-    if (n < 0) {
-        n = 0;
-    }
-    size_t len = static_cast<size_t>(n) < size - 1 ? static_cast<size_t>(n) : size - 1;
-    memcpy(dst, exe, len);
-    dst[len] = 0;
+    _LCopyCut(dst, std::string_view(exe, n < 0 ? 0 : static_cast<size_t>(n)), size);
 }

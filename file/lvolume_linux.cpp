@@ -27,15 +27,6 @@
 
 namespace {
 
-void CopyCut(char* dst, std::string_view src, size_t size) {
-    if (size == 0) {
-        return;
-    }
-    size_t n = src.size() < size - 1 ? src.size() : size - 1;
-    memcpy(dst, src.data(), n);
-    dst[n] = 0;
-}
-
 // The mount table escapes blanks, tabs, newlines and backslashes as three octal digits.
 std::string DecodeMountField(std::string_view field) {
     std::string out;
@@ -179,7 +170,7 @@ bool _LGetMountPointOfPath(char const* path, char* dst) {
     if (path == nullptr || statfs(path, &sfs) != 0 || !_LFindMountForPath(path, m)) {
         return false;
     }
-    CopyCut(dst, m.mountPoint, kLPathSize);
+    _LCopyCut(dst, m.mountPoint, kLPathSize);
     return true;
 }
 
@@ -201,28 +192,28 @@ char const* _LMapFileSystemTypeName(char const* kernelName) {
 }
 
 bool _LGetFileSystemTypeName(char const* path, char* dst, size_t size) {
-    CopyCut(dst, "", size);
+    _LCopyCut(dst, "", size);
     struct statfs sfs;
     if (path == nullptr || statfs(path, &sfs) != 0) {
         return false;
     }
     LMountInfo m;
     if (_LFindMountForPath(path, m)) {
-        CopyCut(dst, _LMapFileSystemTypeName(m.fsType.c_str()), size);
+        _LCopyCut(dst, _LMapFileSystemTypeName(m.fsType.c_str()), size);
         return true;
     }
     // No mount table (an unusual sandbox): the statistics' magic still names the kinds the
     // size-limit table cares about.
     switch (static_cast<unsigned long>(sfs.f_type)) {
         case 0x4d44:  // MSDOS_SUPER_MAGIC
-            CopyCut(dst, "FAT32", size);
+            _LCopyCut(dst, "FAT32", size);
             return true;
         case 0x2011bab0:  // exFAT
-            CopyCut(dst, "exFAT", size);
+            _LCopyCut(dst, "exFAT", size);
             return true;
         case 0x5346544e:  // NTFS_SB_MAGIC
         case 0x7366746e:  // ntfs3
-            CopyCut(dst, "NTFS", size);
+            _LCopyCut(dst, "NTFS", size);
             return true;
         default:
             return true;  // readable, but nameless: classified as no known limit
