@@ -3,7 +3,8 @@
 // The volume tests are decisions over the volume resource values (LGetNSURLResourceValue):
 // a value that cannot be read always makes a test answer false, so an unreachable path is
 // neither network nor external nor removable (and, by negation, "on a local drive").
-#include <cctype>
+#include <strings.h>
+
 #include <cstring>
 
 #include "file/lfile.h"
@@ -38,23 +39,15 @@ bool LFile::IsOnRemovableMedia(char const* path) {
 }
 
 int LFile::_GetVolumeFileSizeLimitFromTypeName(char const* typeName) {
-    if (typeName == nullptr || typeName[0] == 0) {
+    if (typeName == nullptr) {
         return 2;
     }
-    char name[kLPathSize];
-    size_t n = 0;
-    for (; typeName[n] != 0 && n < kLPathSize - 1; ++n) {
-        name[n] = static_cast<char>(toupper(static_cast<unsigned char>(typeName[n])));
-    }
-    name[n] = 0;
-    if (strcmp(name, "EXFAT") == 0) {
-        strcpy(name, "exFAT");
-    }
-    // Exact comparisons on the whole name: "FAT32X" is just another unknown type.
-    if (strcmp(name, "FAT32") == 0 || strcmp(name, "FAT16B") == 0) {
+    // Whole names in any case: "FAT32X" is just another unknown type.
+    if (strcasecmp(typeName, "FAT32") == 0 || strcasecmp(typeName, "FAT16B") == 0) {
         return 1;
     }
-    if (strcmp(name, "FAT16") == 0 || strcmp(name, "FAT12") == 0 || strcmp(name, "FAT") == 0) {
+    if (strcasecmp(typeName, "FAT16") == 0 || strcasecmp(typeName, "FAT12") == 0 ||
+        strcasecmp(typeName, "FAT") == 0) {
         return 0;
     }
     return 2;  // "NTFS", "exFAT" and everything else: no limit known
