@@ -34,7 +34,7 @@ constexpr unsigned long kMaxConversionChars = 257;  // collected characters kept
 constexpr unsigned long kScratchSize = 272;         // one numeric conversion, terminator included
 
 // ".", "0" to "9", "L", "l" and "z": the only characters a conversion collects.
-constexpr bool IsSpecChar(unsigned char c) {
+constexpr bool IsConversionChar(unsigned char c) {
     return c == '.' || (c >= '0' && c <= '9') || c == 'L' || c == 'l' || c == 'z';
 }
 
@@ -43,7 +43,7 @@ enum class Length { kNone, kLong, kLongLong, kLongDouble, kSize };
 // The collected characters read as the C library reads them: "0" flags, width, optional
 // precision, one length modifier. `valid` is false when anything is left over, in which case
 // the C library does not take an argument for the conversion (it prints it as text).
-struct ParsedSpec {
+struct ParsedConversion {
     bool valid = false;
     bool zeroPad = false;
     unsigned long width = 0;
@@ -51,8 +51,8 @@ struct ParsedSpec {
     Length length = Length::kNone;
 };
 
-ParsedSpec ParseSpec(std::string_view s) {
-    ParsedSpec p;
+ParsedConversion ParseConversion(std::string_view s) {
+    ParsedConversion p;
     size_t i = 0;
     while (i < s.size() && s[i] == '0') {
         p.zeroPad = true;
@@ -131,21 +131,22 @@ void WriteInteger(W& writer, uint64_t magnitude, bool negative, unsigned base, b
 // Runs snprintf on the rebuilt conversion with one argument and copies the text it made
 // (up to its terminator, at most 271 characters) to the writer.
 template <typename W, typename A>
-void WriteConverted(W& writer, const char* spec, A argument) {
+void WriteConverted(W& writer, const char* conversion, A argument) {
     char scratch[kScratchSize];
     scratch[0] = 0;
-    std::snprintf(scratch, sizeof(scratch), spec, argument);
+    std::snprintf(scratch, sizeof(scratch), conversion, argument);
     scratch[kScratchSize - 1] = 0;
     writer.Write(scratch, static_cast<unsigned long>(std::strlen(scratch)));
 }
 
 // Hands a floating value to snprintf in the type the conversion makes it read.
 template <typename W>
-void WriteFloating(W& writer, const char* spec, const ParsedSpec& parsed, long double value) {
+void WriteFloating(W& writer, const char* conversion, const ParsedConversion& parsed,
+                   long double value) {
     if (parsed.length == Length::kLongDouble || parsed.length == Length::kLongLong) {
-        WriteConverted(writer, spec, value);
+        WriteConverted(writer, conversion, value);
     } else {
-        WriteConverted(writer, spec, static_cast<double>(value));
+        WriteConverted(writer, conversion, static_cast<double>(value));
     }
 }
 
@@ -155,22 +156,22 @@ double BitsAsDouble(uint64_t bits) {
     return d;
 }
 
-// One conversion other than "%" and "s". `spec` holds "%" + collected + letter.
+// One conversion other than "%" and "s". `conversion` holds "%" + collected + letter.
 template <typename W>
-void FormatOne(W& writer, char* spec, unsigned long collected, char letter, va_list* args) {
-    const std::string_view chars(spec + 1, collected);
-    const ParsedSpec parsed = ParseSpec(chars);
+void FormatOne(W& writer, char* conversion, unsigned long collected, char letter, va_list* args) {
+    const std::string_view chars(conversion + 1, collected);
+    const ParsedConversion parsed = ParseConversion(chars);
 
     if (letter == 'e' || letter == 'f' || letter == 'g') {
         const bool longDouble = collected > 0 && chars.back() == 'L';
         const long double value = longDouble ? va_arg(*args, long double)
                                              : static_cast<long double>(va_arg(*args, double));
         if (!parsed.valid) {
-            WriteConverted(writer, spec, 0);  // printed as text; the argument is not read
+            WriteConverted(writer, conversion, 0);  // printed as text; the argument is not read
         } else if (longDouble || parsed.length == Length::kLongLong) {
-            WriteConverted(writer, spec, value);
+            WriteConverted(writer, conversion, value);
         } else {
-            WriteConverted(writer, spec, static_cast<double>(value));
+            WriteConverted(writer, conversion, static_cast<double>(value));
         }
         return;
     }
@@ -201,7 +202,7 @@ void FormatOne(W& writer, char* spec, unsigned long collected, char letter, va_l
             break;
     }
     if (!parsed.valid) {
-        WriteConverted(writer, spec, slot);  // printed as text; the argument is not read
+        WriteConverted(writer, conversion, slot);  // printed as text; the argument is not read
         return;
     }
     const bool wide = parsed.length == Length::kLong || parsed.length == Length::kSize;
@@ -217,11 +218,11 @@ void FormatOne(W& writer, char* spec, unsigned long collected, char letter, va_l
                     negative ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
                 WriteInteger(writer, magnitude, negative, 10, false, parsed.width, parsed.zeroPad);
             } else if (wider) {
-                WriteConverted(writer, spec, static_cast<long long>(value));
+                WriteConverted(writer, conversion, static_cast<long long>(value));
             } else if (wide) {
-                WriteConverted(writer, spec, static_cast<long>(value));
+                WriteConverted(writer, conversion, static_cast<long>(value));
             } else {
-                WriteConverted(writer, spec, static_cast<int>(value));
+                WriteConverted(writer, conversion, static_cast<int>(value));
             }
             return;
         }
@@ -234,38 +235,39 @@ void FormatOne(W& writer, char* spec, unsigned long collected, char letter, va_l
                 WriteInteger(writer, value, false, letter == 'u' ? 10 : 16, letter == 'X',
                              parsed.width, parsed.zeroPad);
             } else if (wider) {
-                WriteConverted(writer, spec, static_cast<unsigned long long>(value));
+                WriteConverted(writer, conversion, static_cast<unsigned long long>(value));
             } else if (wide) {
-                WriteConverted(writer, spec, static_cast<unsigned long>(value));
+                WriteConverted(writer, conversion, static_cast<unsigned long>(value));
             } else {
-                WriteConverted(writer, spec, static_cast<unsigned int>(value));
+                WriteConverted(writer, conversion, static_cast<unsigned int>(value));
             }
             return;
         }
         case 'c':
             if (parsed.length == Length::kNone) {
-                WriteConverted(writer, spec, static_cast<int>(slot));
+                WriteConverted(writer, conversion, static_cast<int>(slot));
             } else {
-                WriteConverted(writer, spec, static_cast<wint_t>(slot));
+                WriteConverted(writer, conversion, static_cast<wint_t>(slot));
             }
             return;
         case 'C':
-            WriteConverted(writer, spec, static_cast<wint_t>(slot));
+            WriteConverted(writer, conversion, static_cast<wint_t>(slot));
             return;
         case 'p':
-            WriteConverted(writer, spec, reinterpret_cast<void*>(static_cast<uintptr_t>(slot)));
+            WriteConverted(writer, conversion,
+                           reinterpret_cast<void*>(static_cast<uintptr_t>(slot)));
             return;
         case 'E':
         case 'G':
         case 'F':
         case 'a':
         case 'A':
-            WriteFloating(writer, spec, parsed, BitsAsDouble(slot));
+            WriteFloating(writer, conversion, parsed, BitsAsDouble(slot));
             return;
         default:
             // Not a conversion the C library knows (or one cut off by the end of the
             // conversion): it prints text or nothing and reads no argument.
-            WriteConverted(writer, spec, slot);
+            WriteConverted(writer, conversion, slot);
             return;
     }
 }
@@ -281,8 +283,8 @@ unsigned long tplprintf(W& writer, const char* format, va_list args) {
     va_copy(ap, args);
     const char* p = format;
     // "%" + up to 257 collected characters + the letter + terminator.
-    char spec[1 + kMaxConversionChars + 2];
-    spec[0] = '%';
+    char conversion[1 + kMaxConversionChars + 2];
+    conversion[0] = '%';
     for (;;) {
         const char* percent = std::strchr(p, '%');
         if (percent == nullptr) {
@@ -294,9 +296,9 @@ unsigned long tplprintf(W& writer, const char* format, va_list args) {
         }
         p = percent + 1;
         unsigned long collected = 0;
-        while (IsSpecChar(static_cast<unsigned char>(*p))) {
+        while (IsConversionChar(static_cast<unsigned char>(*p))) {
             if (collected < kMaxConversionChars) {
-                spec[1 + collected++] = *p;
+                conversion[1 + collected++] = *p;
             }
             ++p;
         }
@@ -313,9 +315,9 @@ unsigned long tplprintf(W& writer, const char* format, va_list args) {
                 writer.Write(text, static_cast<unsigned long>(std::strlen(text)));
             }
         } else {
-            spec[1 + collected] = letter;
-            spec[2 + collected] = 0;
-            FormatOne(writer, spec, collected, letter, &ap);
+            conversion[1 + collected] = letter;
+            conversion[2 + collected] = 0;
+            FormatOne(writer, conversion, collected, letter, &ap);
         }
     }
     va_end(ap);
