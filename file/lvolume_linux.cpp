@@ -133,7 +133,11 @@ std::vector<LMountInfo> _LReadMountTable() {
     return mounts;
 }
 
-bool _LFindMountForPath(char const* path, LMountInfo& out) {
+namespace {
+
+// _LFindMountForPath over a mount table already read; a null table is read here, once the
+// path is known to exist.
+bool FindMountIn(char const* path, std::vector<LMountInfo> const* table, LMountInfo& out) {
     struct stat st;
     char resolved[PATH_MAX];
     if (path == nullptr || stat(path, &st) != 0 || realpath(path, resolved) == nullptr) {
@@ -142,11 +146,15 @@ bool _LFindMountForPath(char const* path, LMountInfo& out) {
     std::string_view target(resolved);
     unsigned int major = ::major(st.st_dev);
     unsigned int minor = ::minor(st.st_dev);
+    std::vector<LMountInfo> read;
+    if (table == nullptr) {
+        read = _LReadMountTable();
+        table = &read;
+    }
     // Later entries are mounted over earlier ones at the same place, so ties go to the later.
     LMountInfo const* best = nullptr;
     bool bestOwnDevice = false;
-    std::vector<LMountInfo> mounts = _LReadMountTable();
-    for (LMountInfo const& m : mounts) {
+    for (LMountInfo const& m : *table) {
         if (!IsMountPointAbove(m.mountPoint, target)) {
             continue;
         }
@@ -162,6 +170,22 @@ bool _LFindMountForPath(char const* path, LMountInfo& out) {
     }
     out = *best;
     return true;
+}
+
+// Whether the volume holding path, whose statistics report magic, keeps its data on another
+// machine.
+bool IsNetworkVolume(char const* path, unsigned long magic, std::vector<LMountInfo> const* table) {
+    if (_LIsNetworkFileSystemMagic(magic)) {
+        return true;
+    }
+    LMountInfo m;
+    return FindMountIn(path, table, m) && _LIsNetworkFileSystemType(m.fsType);
+}
+
+}  // namespace
+
+bool _LFindMountForPath(char const* path, LMountInfo& out) {
+    return FindMountIn(path, nullptr, out);
 }
 
 bool _LGetMountPointOfPath(char const* path, char* dst) {
@@ -323,12 +347,7 @@ bool LGetNSURLResourceValue(char const* path, LURLResourceKey key, bool* value) 
         return false;
     }
     if (key == LURLResourceKey::VolumeIsLocal) {
-        bool network = _LIsNetworkFileSystemMagic(static_cast<unsigned long>(sfs.f_type));
-        LMountInfo m;
-        if (!network && _LFindMountForPath(path, m)) {
-            network = _LIsNetworkFileSystemType(m.fsType);
-        }
-        *value = !network;
+        *value = !IsNetworkVolume(path, static_cast<unsigned long>(sfs.f_type), nullptr);
         return true;
     }
     unsigned int major = 0;
@@ -360,13 +379,20 @@ bool LFile::TestFileLocked(char const* path) {
 
 int LFile::GetNumberOfWritableDrives() {
     int count = 0;
-    for (LMountInfo const& m : _LReadMountTable()) {
+    // The table is read once: each mount point's own volume is looked up in it rather than
+    // in a fresh read per mount.
+    std::vector<LMountInfo> const mounts = _LReadMountTable();
+    for (LMountInfo const& m : mounts) {
         // Fresh statistics of each mount point; a mount that cannot answer is not counted.
         struct statvfs st;
         if (statvfs(m.mountPoint.c_str(), &st) != 0 || (st.f_flag & ST_RDONLY) != 0) {
             continue;
         }
-        if (IsNetworkPath(m.mountPoint.c_str())) {
+        // As IsNetworkPath: a mount point without file-system statistics counts as local.
+        struct statfs sfs;
+        if (statfs(m.mountPoint.c_str(), &sfs) == 0 &&
+            IsNetworkVolume(m.mountPoint.c_str(), static_cast<unsigned long>(sfs.f_type),
+                            &mounts)) {
             continue;
         }
         ++count;
