@@ -610,7 +610,7 @@ void LFile::GetHumanReadableDriveFromPath(char* dst, char const* path) {
     if (_LGetMountPointOfPath(path, dst)) {
         return;
     }
-    // The statistics cannot be read (the path does not exist yet, or names another
+    // No mount answers for the path (it does not exist yet, or names another
     // system's drive): answer from the text itself.
     size_t run = 0;
     while (LFileIsLetterOrNumber(path[run])) {

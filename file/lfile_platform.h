@@ -55,7 +55,7 @@ std::vector<LMountInfo> _LReadMountTable();
 // the mount whose device is the path's own.
 bool _LFindMountForPath(char const* path, LMountInfo& out);
 
-// The mount point of the volume holding path, from the path's file-system statistics.
+// The mount point of the volume holding path, from the mount table.
 bool _LGetMountPointOfPath(char const* path, char* dst);
 // The file-system type name of the volume holding path, with the kernel's FAT, exFAT and
 // NTFS names given as "FAT32", "exFAT" and "NTFS"; false when unreadable.

@@ -189,9 +189,8 @@ bool _LFindMountForPath(char const* path, LMountInfo& out) {
 }
 
 bool _LGetMountPointOfPath(char const* path, char* dst) {
-    struct statfs sfs;
     LMountInfo m;
-    if (path == nullptr || statfs(path, &sfs) != 0 || !_LFindMountForPath(path, m)) {
+    if (!_LFindMountForPath(path, m)) {
         return false;
     }
     _LCopyCut(dst, m.mountPoint, kLPathSize);
