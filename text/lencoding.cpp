@@ -17,10 +17,6 @@ namespace {
 
 constexpr const char* kUTF8 = "UTF-8";
 
-unsigned long Length(const char* in) {
-    return in != nullptr ? std::strlen(in) : 0;
-}
-
 void FromBuffer(char* out, const char* in, unsigned long size, const char* fromName) {
     LCopyIconvFixedLength(out, in != nullptr ? in : "", size, kUTF8, fromName);
 }
@@ -30,14 +26,14 @@ void ToBuffer(char* out, const char* in, unsigned long size, const char* toName)
 }
 
 void FromString(LStringLongTemplate<char>& out, const char* in, const char* fromName) {
-    const unsigned long size = 6 * Length(in) + 1;
+    const unsigned long size = 6 * tstrlen(in) + 1;
     out.GrowToSize(size);
     FromBuffer(out.GetBuffer(), in, size, fromName);
     out.UpdateLength();
 }
 
 void ToString(LStringLongTemplate<char>& out, const char* in, const char* toName) {
-    const unsigned long size = Length(in) + 1;
+    const unsigned long size = tstrlen(in) + 1;
     out.GrowToSize(size);
     ToBuffer(out.GetBuffer(), in, size, toName);
     out.UpdateLength();
@@ -310,7 +306,7 @@ bool LCopyFromSpecificCodePage(unsigned int codePage, char* out, const char* in,
     if (name == nullptr)
         return false;
     LStringLongTemplate<char> utf8;
-    if (!ConvertWhole(kUTF8, name, in != nullptr ? in : "", Length(in), utf8))
+    if (!ConvertWhole(kUTF8, name, in != nullptr ? in : "", tstrlen(in), utf8))
         return false;
     utf8strlcpy(out, utf8.GetText(), size);
     return true;
@@ -318,7 +314,7 @@ bool LCopyFromSpecificCodePage(unsigned int codePage, char* out, const char* in,
 
 bool LCopyFromSpecificCodePage(unsigned int codePage, LStringLongTemplate<char>& out,
                                const char* in) {
-    const unsigned long size = 6 * Length(in) + 1;
+    const unsigned long size = 6 * tstrlen(in) + 1;
     out.GrowToSize(size);
     const bool ok = LCopyFromSpecificCodePage(codePage, out.GetBuffer(), in, size);
     out.UpdateLength();
@@ -338,7 +334,7 @@ bool LCopyToSpecificCodePage(unsigned int codePage, char* out, const char* in, u
     if (name == nullptr)
         return false;
     LStringLongTemplate<char> bytes;
-    if (!ConvertWhole(name, kUTF8, in != nullptr ? in : "", Length(in), bytes))
+    if (!ConvertWhole(name, kUTF8, in != nullptr ? in : "", tstrlen(in), bytes))
         return false;
     if (bytes.GetLength() + 1 > size)
         return false;
