@@ -9,7 +9,6 @@
 #include <cerrno>
 
 #include "file/lfile.h"
-#include "file/lknown_folders.h"
 #include "thread/lsignal_object_platform.h"
 
 #if defined(__SANITIZE_THREAD__)
@@ -165,11 +164,10 @@ bool LSignalObjectGroup::IsEntryReady(uint64_t index) const {
 }
 
 void LSignalNamedAddress::Make(char const* name) {
-    // Named events live in the user's application-support folder; the folder lookup creates
-    // its fallback under the home folder when the platform search has no answer.
+    // Named events live in the user's data folder, which the lookup creates when missing.
     char folder[kLPathSize] = {};
     char path[kLPathSize];
-    GetUserSpecialFolder(folder, kLFolderApplicationSupport, "Library/Application Support");
+    LFile::GetUserDataFolder(folder);
     LFile::_MakeFilePath(path, folder, name, "");
     _LSignalFillAddress(address, path);
 }
