@@ -85,8 +85,9 @@ void LFile::GetUserDataFolder(char* dst) {
     GetUserSpecialFolder(dst, kLFolderApplicationSupport, "Library/Application Support");
 }
 
+// There is no machine-wide data folder apart from the user's here.
 void LFile::GetSharedDataFolder(char* dst) {
-    GetUserSpecialFolder(dst, kLFolderApplicationSupport, "Library/Application Support");
+    GetUserDataFolder(dst);
 }
 
 void LFile::GetUserMusicFolder(char* dst) {
