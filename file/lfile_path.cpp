@@ -27,13 +27,9 @@ char const* OrEmpty(char const* s) {
     return s ? s : "";
 }
 
-size_t BoundedLength(char const* s, size_t cap) {
-    return strnlen(s, cap);
-}
-
 // Copies at most cap characters of src into dst and terminates; src and dst may overlap.
 size_t CopyCut(char* dst, char const* src, size_t cap) {
-    size_t n = BoundedLength(src, cap);
+    size_t n = strnlen(src, cap);
     if (dst != src) {
         memmove(dst, src, n);
     }
@@ -57,7 +53,7 @@ size_t LastSep(char const* s, size_t len) {
 
 void LFile::_MakeFilePath(char* dst, char const* folder, char const* name, char const* extension) {
     folder = OrEmpty(folder);
-    size_t n = BoundedLength(folder, kFolderCap);
+    size_t n = strnlen(folder, kFolderCap);
     if (dst != folder) {
         memmove(dst, folder, n);
     }
@@ -146,7 +142,7 @@ void LFile::_ApplyNewFileExtension(char* dst, char const* path, char const* exte
 
 size_t LFile::_GetFolderFromPath(char* dst, char const* path) {
     path = OrEmpty(path);
-    size_t len = BoundedLength(path, kLPathSize);
+    size_t len = strnlen(path, kLPathSize);
     size_t sep = LastSep(path, len);
     if (sep == std::string_view::npos || sep == 0) {
         bool rooted = path[0] == '/';
@@ -193,7 +189,7 @@ size_t LFile::_GetFileNameFromPath(char* dst, char const* path) {
 
 void LFile::_GetBaseFolderFromPath(char* dst, char const* path) {
     path = OrEmpty(path);
-    size_t len = BoundedLength(path, kMaxChars);
+    size_t len = strnlen(path, kMaxChars);
     for (size_t i = 2; i < len; ++i) {
         if (IsSep(path[i])) {
             CopyCut(dst, path, i);
@@ -438,7 +434,7 @@ int LFileOrFolderNameValidate(char const* name) {
     if (name[0] == 0) {
         return 1;
     }
-    if (BoundedLength(name, kLPathSize) > kMaxChars) {
+    if (strnlen(name, kLPathSize) > kMaxChars) {
         return 2;
     }
     if (name[0] == '.') {
@@ -514,7 +510,7 @@ bool LFile::IsFolderValid(char const* folder, char* message) {
         SetMessage(message, "Folder must not be empty");
         return false;
     }
-    if (BoundedLength(folder, kLPathSize) >= kLPathSize) {
+    if (strnlen(folder, kLPathSize) >= kLPathSize) {
         SetMessage(message, "Folder must be less than 260 character long");
         return false;
     }
