@@ -13,15 +13,6 @@ namespace vadctl {
 
 namespace {
 
-void AddTable(LList<LXPCDictionaryKeyListable>& list, LXPCDictionaryKey const* table) {
-    for (; table->szName[0] != '\0'; ++table) {
-        auto* key = new LXPCDictionaryKeyListable;
-        LXPCCopyName(key->szName, table->szName);
-        key->type = table->type;
-        list.PushFront(key);
-    }
-}
-
 LXPCDictionaryKeyListable const* FindKey(LList<LXPCDictionaryKeyListable> const& list,
                                          char const* name) {
     return list.FindFirst([name](LXPCDictionaryKeyListable const& key) {
@@ -32,8 +23,8 @@ LXPCDictionaryKeyListable const* FindKey(LList<LXPCDictionaryKeyListable> const&
 }  // namespace
 
 KeyLists::KeyLists(LXPCDictionaryKey const* sendTable, LXPCDictionaryKey const* receiveTable) {
-    AddTable(send, sendTable);
-    AddTable(receive, receiveTable);
+    LXPCAddKeyTable(send, sendTable);
+    LXPCAddKeyTable(receive, receiveTable);
 }
 
 void KeyLists::Fill(lxpc::xpc_object_t dictionary,

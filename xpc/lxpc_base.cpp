@@ -178,12 +178,7 @@ void LXPCBase::AddKey(char const* name, LXPCDataType type, bool bReceive) {
 }
 
 void LXPCBase::AddKeys(LXPCDictionaryKey const* table, bool bReceive) {
-    if (table == nullptr) {
-        return;
-    }
-    for (const LXPCDictionaryKey* key = table; key->szName[0] != '\0'; ++key) {
-        AddKey(*key, bReceive);
-    }
+    LXPCAddKeyTable(bReceive ? lReceiveKeys : lSendKeys, table);
 }
 
 void LXPCBase::SendMessage(long connection, LList<LXPCDataListable> const& data, bool bWantReply) {

@@ -15,6 +15,18 @@ void LXPCCopyName(char (&destination)[kLXPCNameSize], const char* source) {
     destination[length] = '\0';
 }
 
+void LXPCAddKeyTable(LList<LXPCDictionaryKeyListable>& keys, LXPCDictionaryKey const* table) {
+    if (table == nullptr) {
+        return;
+    }
+    for (; table->szName[0] != '\0'; ++table) {
+        auto* node = new LXPCDictionaryKeyListable;
+        LXPCCopyName(node->szName, table->szName);
+        node->type = table->type;
+        keys.PushFront(node);
+    }
+}
+
 LXPCDataListable* CreateXPCData(LXPCDictionaryKeyListable const& key, long value,
                                 unsigned long length) {
     auto* node = new LXPCDataListable;

@@ -53,6 +53,10 @@ struct LXPCDictionaryKeyListable : LXPCDictionaryKey {
     LXPCDictionaryKeyListable* pNext = nullptr;
 };
 
+// Pushes a copy of every entry of `table` (names cut to 259 characters), from its first entry
+// up to the first one with an empty name, at the front of `keys`; nothing for a null table.
+void LXPCAddKeyTable(LList<LXPCDictionaryKeyListable>& keys, LXPCDictionaryKey const* table);
+
 // One value of a message; the fields start at their "unset" values.
 struct LXPCData {
     char szName[kLXPCNameSize] = {};
