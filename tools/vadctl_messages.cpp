@@ -20,6 +20,18 @@ LXPCDictionaryKeyListable const* FindKey(LList<LXPCDictionaryKeyListable> const&
     });
 }
 
+// A new dictionary holding the one value `make` builds from the send key `name`; empty when
+// there is no such key. Caller releases.
+template <class Make>
+lxpc::xpc_object_t EncodeOne(LList<LXPCDictionaryKeyListable>& send, char const* name, Make make) {
+    LList<LXPCDataListable> list;
+    if (auto const* key = FindKey(send, name))
+        list.PushFront(make(*key));
+    lxpc::xpc_object_t dictionary = lxpc::xpc_dictionary_create(nullptr, nullptr, 0);
+    SetXPCDictionary(dictionary, send, list);
+    return dictionary;
+}
+
 }  // namespace
 
 KeyLists::KeyLists(LXPCDictionaryKey const* sendTable, LXPCDictionaryKey const* receiveTable) {
@@ -45,22 +57,15 @@ lxpc::xpc_object_t KeyLists::Encode(std::initializer_list<std::pair<char const*,
 }
 
 lxpc::xpc_object_t KeyLists::EncodeDouble(char const* name, double value) {
-    LList<LXPCDataListable> list;
-    if (auto const* key = FindKey(send, name))
-        list.PushFront(CreateXPCDataDouble(*key, value));
-    lxpc::xpc_object_t dictionary = lxpc::xpc_dictionary_create(nullptr, nullptr, 0);
-    SetXPCDictionary(dictionary, send, list);
-    return dictionary;
+    return EncodeOne(send, name, [value](LXPCDictionaryKeyListable const& key) {
+        return CreateXPCDataDouble(key, value);
+    });
 }
 
 lxpc::xpc_object_t KeyLists::EncodeData(char const* name, void const* bytes, size_t length) {
-    LList<LXPCDataListable> list;
-    if (auto const* key = FindKey(send, name))
-        list.PushFront(
-            CreateXPCData(*key, static_cast<long>(reinterpret_cast<intptr_t>(bytes)), length));
-    lxpc::xpc_object_t dictionary = lxpc::xpc_dictionary_create(nullptr, nullptr, 0);
-    SetXPCDictionary(dictionary, send, list);
-    return dictionary;
+    return EncodeOne(send, name, [bytes, length](LXPCDictionaryKeyListable const& key) {
+        return CreateXPCData(key, static_cast<long>(reinterpret_cast<intptr_t>(bytes)), length);
+    });
 }
 
 Value::Value(Value&& other) noexcept
