@@ -177,8 +177,13 @@ void LXPCMachServer::Start(char const* serviceName, unsigned long long flags) {
             LMainQueueStop();
             return;
         }
-        RunIfAlive(gate, [event](LXPCBase& base) {
-            static_cast<LXPCServerBase&>(base).NewConnectionHandler(AsHandle(event));
+        // The gate is taken once, here; NewConnectionHandler would take it a second time.
+        const long connection = AsHandle(event);
+        if (!IsClientConnection(connection)) {
+            return;
+        }
+        RunIfAlive(gate, [connection](LXPCBase& base) {
+            static_cast<LXPCMachServer&>(base).Accept(connection);
         });
     });
     xpc_connection_resume(listener);
