@@ -41,6 +41,14 @@ long AsValue(lxpc::xpc_object_t object) {
     return static_cast<long>(reinterpret_cast<intptr_t>(object));
 }
 
+// Pushes one value, named and typed as given, onto `list`.
+void PushValue(LList<LXPCDataListable>& list, char const* name, LXPCDataType type, long value) {
+    LXPCDictionaryKeyListable key;
+    LXPCCopyName(key.szName, name);
+    key.type = type;
+    list.PushFront(CreateXPCData(key, value, 0));
+}
+
 void RestartAudioDaemon() {
     LRunCommand("launchctl stop com.apple.audio.coreaudiod");
     LRunCommand("launchctl start com.apple.audio.coreaudiod");
@@ -100,11 +108,8 @@ void LVADHelperNotify::EvMessageReceived(long connection, long message,
 
 void LVADHelperNotify::Reply(long connection, long message, char const* name, LXPCDataType type,
                              long value) {
-    LXPCDictionaryKeyListable key;
-    LXPCCopyName(key.szName, name);
-    key.type = type;
     LList<LXPCDataListable> reply;
-    reply.PushFront(CreateXPCData(key, value, 0));
+    PushValue(reply, name, type, value);
     pXPCServer->SendReply(connection, message, reply);
 }
 
@@ -125,11 +130,8 @@ void LVADHelperNotify::PublishEndpoint(long connection, long message,
     // A requester that has gone away since it asked gets nothing: its id no longer names a
     // connection of the server.
     if (nRequester != 0 && pXPCServer->HasConnection(nRequester)) {
-        LXPCDictionaryKeyListable key;
-        LXPCCopyName(key.szName, kSendEndpoint);
-        key.type = LXPCDataTypeObject;
         LList<LXPCDataListable> push;
-        push.PushFront(CreateXPCData(key, AsValue(pEndpoint), 0));
+        PushValue(push, kSendEndpoint, LXPCDataTypeObject, AsValue(pEndpoint));
         pXPCServer->SendMessage(nRequester, push, false);
     }
 }
