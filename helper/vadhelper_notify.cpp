@@ -33,14 +33,6 @@ constexpr char kLaunchdPlistExtension[] = ".plist";
 
 constexpr size_t kCommandSize = 512;
 
-lxpc::xpc_object_t AsObject(int64_t value) {
-    return reinterpret_cast<lxpc::xpc_object_t>(static_cast<intptr_t>(value));
-}
-
-long AsValue(lxpc::xpc_object_t object) {
-    return static_cast<long>(reinterpret_cast<intptr_t>(object));
-}
-
 // Pushes one value, named and typed as given, onto `list`.
 void PushValue(LList<LXPCDataListable>& list, char const* name, LXPCDataType type, long value) {
     LXPCDictionaryKeyListable key;
@@ -115,7 +107,7 @@ void LVADHelperNotify::Reply(long connection, long message, char const* name, LX
 
 void LVADHelperNotify::PublishEndpoint(long connection, long message,
                                        LXPCDataListable const& value) {
-    lxpc::xpc_object_t endpoint = AsObject(value.nValue);
+    lxpc::xpc_object_t endpoint = LXPCValueAsPointer(value.nValue);
     lxpc::xpc_object_t replaced;
     {
         std::lock_guard<std::mutex> lock(brokerLock_);
@@ -131,7 +123,7 @@ void LVADHelperNotify::PublishEndpoint(long connection, long message,
     // connection of the server.
     if (nRequester != 0 && pXPCServer->HasConnection(nRequester)) {
         LList<LXPCDataListable> push;
-        PushValue(push, kSendEndpoint, LXPCDataTypeObject, AsValue(pEndpoint));
+        PushValue(push, kSendEndpoint, LXPCDataTypeObject, LXPCPointerAsValue(pEndpoint));
         pXPCServer->SendMessage(nRequester, push, false);
     }
 }
@@ -145,7 +137,7 @@ void LVADHelperNotify::RequestEndpoint(long connection, long message) {
     }
     // Without an endpoint the value is a null object, which sets no entry: the reply is an
     // empty dictionary.
-    Reply(connection, message, kSendEndpoint, LXPCDataTypeObject, AsValue(endpoint));
+    Reply(connection, message, kSendEndpoint, LXPCDataTypeObject, LXPCPointerAsValue(endpoint));
     if (endpoint)
         lxpc::xpc_release(endpoint);
 }
@@ -155,7 +147,7 @@ void LVADHelperNotify::LoadDriver(long connection, long message, LXPCDataListabl
         std::lock_guard<std::mutex> lock(gInstallLock);
 
         char offered[kLVADHelperTextSize] = "";
-        if (char const* text = reinterpret_cast<char const*>(AsObject(value.nValue)))
+        if (char const* text = LXPCValueAsPointer<char const>(value.nValue))
             std::snprintf(offered, sizeof offered, "%s", text);
 
         char installed[kLVADHelperTextSize];

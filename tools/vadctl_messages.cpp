@@ -64,7 +64,7 @@ lxpc::xpc_object_t KeyLists::EncodeDouble(char const* name, double value) {
 
 lxpc::xpc_object_t KeyLists::EncodeData(char const* name, void const* bytes, size_t length) {
     return EncodeOne(send, name, [bytes, length](LXPCDictionaryKeyListable const& key) {
-        return CreateXPCData(key, static_cast<long>(reinterpret_cast<intptr_t>(bytes)), length);
+        return CreateXPCData(key, LXPCPointerAsValue(bytes), length);
     });
 }
 
@@ -106,7 +106,7 @@ std::vector<Value> Decode(lxpc::xpc_object_t dictionary,
         value.type = data.type;
         value.number = data.nValue;
         value.floating = data.fValue;
-        auto const* pointer = reinterpret_cast<uint8_t const*>(static_cast<intptr_t>(data.nValue));
+        auto const* pointer = LXPCValueAsPointer<uint8_t const>(data.nValue);
         switch (data.type) {
             case LXPCDataTypeData:
                 if (pointer && data.nValue != -1)
@@ -119,8 +119,7 @@ std::vector<Value> Decode(lxpc::xpc_object_t dictionary,
                 break;
             case LXPCDataTypeObject:
                 if (data.nValue != 0 && data.nValue != -1)
-                    value.object = lxpc::xpc_retain(
-                        reinterpret_cast<lxpc::xpc_object_t>(static_cast<intptr_t>(data.nValue)));
+                    value.object = lxpc::xpc_retain(LXPCValueAsPointer(data.nValue));
                 break;
             case LXPCDataTypeFD:
                 // A decoded descriptor is the receiver's; the tool has no use for one.
