@@ -33,12 +33,12 @@ constexpr char kLaunchdPlistExtension[] = ".plist";
 
 constexpr size_t kCommandSize = 512;
 
-lxpc::xpc_object_t AsObject(int64_t value) {
-    return reinterpret_cast<lxpc::xpc_object_t>(static_cast<intptr_t>(value));
-}
-
-long AsValue(lxpc::xpc_object_t object) {
-    return static_cast<long>(reinterpret_cast<intptr_t>(object));
+// Pushes one value, named and typed as given, onto `list`.
+void PushValue(LList<LXPCDataListable>& list, char const* name, LXPCDataType type, long value) {
+    LXPCDictionaryKeyListable key;
+    LXPCCopyName(key.szName, name);
+    key.type = type;
+    list.PushFront(CreateXPCData(key, value, 0));
 }
 
 void RestartAudioDaemon() {
@@ -100,17 +100,14 @@ void LVADHelperNotify::EvMessageReceived(long connection, long message,
 
 void LVADHelperNotify::Reply(long connection, long message, char const* name, LXPCDataType type,
                              long value) {
-    LXPCDictionaryKeyListable key;
-    LXPCCopyName(key.szName, name);
-    key.type = type;
     LList<LXPCDataListable> reply;
-    reply.PushFront(CreateXPCData(key, value, 0));
+    PushValue(reply, name, type, value);
     pXPCServer->SendReply(connection, message, reply);
 }
 
 void LVADHelperNotify::PublishEndpoint(long connection, long message,
                                        LXPCDataListable const& value) {
-    lxpc::xpc_object_t endpoint = AsObject(value.nValue);
+    lxpc::xpc_object_t endpoint = LXPCValueAsPointer(value.nValue);
     lxpc::xpc_object_t replaced;
     {
         std::lock_guard<std::mutex> lock(brokerLock_);
@@ -125,11 +122,8 @@ void LVADHelperNotify::PublishEndpoint(long connection, long message,
     // A requester that has gone away since it asked gets nothing: its id no longer names a
     // connection of the server.
     if (nRequester != 0 && pXPCServer->HasConnection(nRequester)) {
-        LXPCDictionaryKeyListable key;
-        LXPCCopyName(key.szName, kSendEndpoint);
-        key.type = LXPCDataTypeObject;
         LList<LXPCDataListable> push;
-        push.PushFront(CreateXPCData(key, AsValue(pEndpoint), 0));
+        PushValue(push, kSendEndpoint, LXPCDataTypeObject, LXPCPointerAsValue(pEndpoint));
         pXPCServer->SendMessage(nRequester, push, false);
     }
 }
@@ -143,7 +137,7 @@ void LVADHelperNotify::RequestEndpoint(long connection, long message) {
     }
     // Without an endpoint the value is a null object, which sets no entry: the reply is an
     // empty dictionary.
-    Reply(connection, message, kSendEndpoint, LXPCDataTypeObject, AsValue(endpoint));
+    Reply(connection, message, kSendEndpoint, LXPCDataTypeObject, LXPCPointerAsValue(endpoint));
     if (endpoint)
         lxpc::xpc_release(endpoint);
 }
@@ -153,7 +147,7 @@ void LVADHelperNotify::LoadDriver(long connection, long message, LXPCDataListabl
         std::lock_guard<std::mutex> lock(gInstallLock);
 
         char offered[kLVADHelperTextSize] = "";
-        if (char const* text = reinterpret_cast<char const*>(AsObject(value.nValue)))
+        if (char const* text = LXPCValueAsPointer<char const>(value.nValue))
             std::snprintf(offered, sizeof offered, "%s", text);
 
         char installed[kLVADHelperTextSize];

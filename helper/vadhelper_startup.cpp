@@ -11,13 +11,13 @@ LXPCDictionaryKey arVADHelperRxKeys[kLVADHelperKeyTableSize];
 
 namespace {
 
-struct KeySpec {
+struct KeyEntry {
     char const* name;
     LXPCDataType type;
 };
 
 // Clients transmit these; the service acts on NEW_ENDPOINT, REQUEST_ENDPOINT and LOAD_DRIVER.
-constexpr KeySpec kTxKeys[] = {
+constexpr KeyEntry kTxKeys[] = {
     {"NEW_ENDPOINT", LXPCDataTypeObject},   {"CLOSE_ENDPOINT", LXPCDataTypeBool},
     {"REQUEST_ENDPOINT", LXPCDataTypeBool}, {"AUDIO_DATA", LXPCDataTypeData},
     {"LOAD_DRIVER", LXPCDataTypeString},    {"START_RECORDING", LXPCDataTypeBool},
@@ -26,7 +26,7 @@ constexpr KeySpec kTxKeys[] = {
 
 // Clients receive these; the service sends NEW_ENDPOINT_REPLY, SEND_ENDPOINT and
 // LOAD_DRIVER_REPLY.
-constexpr KeySpec kRxKeys[] = {
+constexpr KeyEntry kRxKeys[] = {
     {"NEW_ENDPOINT_REPLY", LXPCDataTypeBool}, {"CLOSE_ENDPOINT_REPLY", LXPCDataTypeBool},
     {"SEND_ENDPOINT", LXPCDataTypeObject},    {"AUDIO_DATA", LXPCDataTypeData},
     {"LOAD_DRIVER_REPLY", LXPCDataTypeBool},  {"START_RECORDING", LXPCDataTypeBool},
@@ -37,7 +37,7 @@ static_assert(std::size(kTxKeys) + 1 == kLVADHelperKeyTableSize);
 static_assert(std::size(kRxKeys) + 1 == kLVADHelperKeyTableSize);
 
 template <size_t N>
-void FillKeyTable(LXPCDictionaryKey (&table)[kLVADHelperKeyTableSize], KeySpec const (&keys)[N]) {
+void FillKeyTable(LXPCDictionaryKey (&table)[kLVADHelperKeyTableSize], KeyEntry const (&keys)[N]) {
     for (size_t i = 0; i < N; ++i) {
         LXPCCopyName(table[i].szName, keys[i].name);
         table[i].type = keys[i].type;

@@ -67,10 +67,6 @@ constexpr int kSampleRate = 48000;
 constexpr int kFrameSamples = 480;
 constexpr double kToneHz = 440.0;
 
-long AsValue(void const* pointer) {
-    return static_cast<long>(reinterpret_cast<intptr_t>(pointer));
-}
-
 // Ends a connection this program holds: no handler runs for it afterwards, and its reference
 // is given back.
 void Close(lxpc::xpc_connection_t connection) {
@@ -238,7 +234,8 @@ int Device::Run(long sessions) {
         vadctl::ConnectToService(std::make_shared<Inbox>(arVADHelperTxKeys, arVADHelperRxKeys));
     int status = kExitNoAnswer;
     if (service && endpoint) {
-        lxpc::xpc_object_t message = toService_.Encode({{"NEW_ENDPOINT", AsValue(endpoint)}});
+        lxpc::xpc_object_t message =
+            toService_.Encode({{"NEW_ENDPOINT", LXPCPointerAsValue(endpoint)}});
         auto reply = vadctl::SendAndWait(service, message, toService_);
         lxpc::xpc_release(message);
         Value const* published = reply ? vadctl::Find(*reply, "NEW_ENDPOINT_REPLY") : nullptr;
@@ -400,7 +397,7 @@ int LoadDriver(char const* path) {
     if (!service)
         return kExitNoAnswer;
     KeyLists& keys = fromService->keys;
-    lxpc::xpc_object_t message = keys.Encode({{"LOAD_DRIVER", AsValue(path)}});
+    lxpc::xpc_object_t message = keys.Encode({{"LOAD_DRIVER", LXPCPointerAsValue(path)}});
     auto reply = vadctl::SendAndWait(service, message, keys);
     lxpc::xpc_release(message);
     Close(service);

@@ -13,15 +13,6 @@ namespace vadctl {
 
 namespace {
 
-void AddTable(LList<LXPCDictionaryKeyListable>& list, LXPCDictionaryKey const* table) {
-    for (; table->szName[0] != '\0'; ++table) {
-        auto* key = new LXPCDictionaryKeyListable;
-        LXPCCopyName(key->szName, table->szName);
-        key->type = table->type;
-        list.PushFront(key);
-    }
-}
-
 LXPCDictionaryKeyListable const* FindKey(LList<LXPCDictionaryKeyListable> const& list,
                                          char const* name) {
     return list.FindFirst([name](LXPCDictionaryKeyListable const& key) {
@@ -29,11 +20,23 @@ LXPCDictionaryKeyListable const* FindKey(LList<LXPCDictionaryKeyListable> const&
     });
 }
 
+// A new dictionary holding the one value `make` builds from the send key `name`; empty when
+// there is no such key. Caller releases.
+template <class Make>
+lxpc::xpc_object_t EncodeOne(LList<LXPCDictionaryKeyListable>& send, char const* name, Make make) {
+    LList<LXPCDataListable> list;
+    if (auto const* key = FindKey(send, name))
+        list.PushFront(make(*key));
+    lxpc::xpc_object_t dictionary = lxpc::xpc_dictionary_create(nullptr, nullptr, 0);
+    SetXPCDictionary(dictionary, send, list);
+    return dictionary;
+}
+
 }  // namespace
 
 KeyLists::KeyLists(LXPCDictionaryKey const* sendTable, LXPCDictionaryKey const* receiveTable) {
-    AddTable(send, sendTable);
-    AddTable(receive, receiveTable);
+    LXPCAddKeyTable(send, sendTable);
+    LXPCAddKeyTable(receive, receiveTable);
 }
 
 void KeyLists::Fill(lxpc::xpc_object_t dictionary,
@@ -54,22 +57,15 @@ lxpc::xpc_object_t KeyLists::Encode(std::initializer_list<std::pair<char const*,
 }
 
 lxpc::xpc_object_t KeyLists::EncodeDouble(char const* name, double value) {
-    LList<LXPCDataListable> list;
-    if (auto const* key = FindKey(send, name))
-        list.PushFront(CreateXPCDataDouble(*key, value));
-    lxpc::xpc_object_t dictionary = lxpc::xpc_dictionary_create(nullptr, nullptr, 0);
-    SetXPCDictionary(dictionary, send, list);
-    return dictionary;
+    return EncodeOne(send, name, [value](LXPCDictionaryKeyListable const& key) {
+        return CreateXPCDataDouble(key, value);
+    });
 }
 
 lxpc::xpc_object_t KeyLists::EncodeData(char const* name, void const* bytes, size_t length) {
-    LList<LXPCDataListable> list;
-    if (auto const* key = FindKey(send, name))
-        list.PushFront(
-            CreateXPCData(*key, static_cast<long>(reinterpret_cast<intptr_t>(bytes)), length));
-    lxpc::xpc_object_t dictionary = lxpc::xpc_dictionary_create(nullptr, nullptr, 0);
-    SetXPCDictionary(dictionary, send, list);
-    return dictionary;
+    return EncodeOne(send, name, [bytes, length](LXPCDictionaryKeyListable const& key) {
+        return CreateXPCData(key, LXPCPointerAsValue(bytes), length);
+    });
 }
 
 Value::Value(Value&& other) noexcept
@@ -110,7 +106,7 @@ std::vector<Value> Decode(lxpc::xpc_object_t dictionary,
         value.type = data.type;
         value.number = data.nValue;
         value.floating = data.fValue;
-        auto const* pointer = reinterpret_cast<uint8_t const*>(static_cast<intptr_t>(data.nValue));
+        auto const* pointer = LXPCValueAsPointer<uint8_t const>(data.nValue);
         switch (data.type) {
             case LXPCDataTypeData:
                 if (pointer && data.nValue != -1)
@@ -123,8 +119,7 @@ std::vector<Value> Decode(lxpc::xpc_object_t dictionary,
                 break;
             case LXPCDataTypeObject:
                 if (data.nValue != 0 && data.nValue != -1)
-                    value.object = lxpc::xpc_retain(
-                        reinterpret_cast<lxpc::xpc_object_t>(static_cast<intptr_t>(data.nValue)));
+                    value.object = lxpc::xpc_retain(LXPCValueAsPointer(data.nValue));
                 break;
             case LXPCDataTypeFD:
                 // A decoded descriptor is the receiver's; the tool has no use for one.

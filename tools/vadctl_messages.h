@@ -22,7 +22,7 @@
 
 namespace vadctl {
 
-// A send and a receive key list, each filled from a key table as LXPCBase::AddKeys does.
+// A send and a receive key list, each filled from a key table.
 class KeyLists {
 public:
     KeyLists(LXPCDictionaryKey const* sendTable, LXPCDictionaryKey const* receiveTable);

@@ -45,14 +45,6 @@ size_t FramesOnThisThread(const DeliveryGate* gate) {
     return count;
 }
 
-xpc_object_t AsObject(long handle) {
-    return reinterpret_cast<xpc_object_t>(static_cast<intptr_t>(handle));
-}
-
-long AsHandle(xpc_object_t object) {
-    return static_cast<long>(reinterpret_cast<intptr_t>(object));
-}
-
 bool IsHandle(long handle) {
     return handle != 0 && handle != kLXPCNoConnection;
 }
@@ -67,21 +59,21 @@ LXPCConnection::~LXPCConnection() {
 
 void LXPCConnection::Resume() {
     if (bSuspended && IsValid()) {
-        xpc_connection_resume(AsObject(hConnection));
+        xpc_connection_resume(LXPCValueAsPointer(hConnection));
         bSuspended = false;
     }
 }
 
 void LXPCConnection::Suspend() {
     if (!bSuspended && IsValid()) {
-        xpc_connection_suspend(AsObject(hConnection));
+        xpc_connection_suspend(LXPCValueAsPointer(hConnection));
         bSuspended = true;
     }
 }
 
 void LXPCConnection::Retain() {
     if (IsValid()) {
-        xpc_retain(AsObject(hConnection));
+        xpc_retain(LXPCValueAsPointer(hConnection));
         ++nRetainCount;
     }
 }
@@ -90,7 +82,7 @@ void LXPCConnection::Release() {
     if (nRetainCount == 0 || !IsValid()) {
         return;
     }
-    xpc_release(AsObject(hConnection));
+    xpc_release(LXPCValueAsPointer(hConnection));
     if (--nRetainCount == 0) {
         hConnection = kLXPCNoConnection;
     }
@@ -100,7 +92,7 @@ void LXPCConnection::Cancel() {
     if (!IsValid()) {
         return;
     }
-    xpc_connection_t connection = AsObject(hConnection);
+    xpc_connection_t connection = LXPCValueAsPointer(hConnection);
     // Whatever the connection still delivers (the cancellation's own error included) must
     // not reach a base that may be going away.
     xpc_connection_set_event_handler(connection, [](xpc_object_t) {});
@@ -178,19 +170,14 @@ void LXPCBase::AddKey(char const* name, LXPCDataType type, bool bReceive) {
 }
 
 void LXPCBase::AddKeys(LXPCDictionaryKey const* table, bool bReceive) {
-    if (table == nullptr) {
-        return;
-    }
-    for (const LXPCDictionaryKey* key = table; key->szName[0] != '\0'; ++key) {
-        AddKey(*key, bReceive);
-    }
+    LXPCAddKeyTable(bReceive ? lReceiveKeys : lSendKeys, table);
 }
 
 void LXPCBase::SendMessage(long connection, LList<LXPCDataListable> const& data, bool bWantReply) {
     if (!IsHandle(connection)) {
         return;
     }
-    xpc_connection_t target = AsObject(connection);
+    xpc_connection_t target = LXPCValueAsPointer(connection);
     xpc_object_t message = xpc_dictionary_create(nullptr, nullptr, 0);
     SetXPCDictionary(message, lSendKeys, data);
     if (bWantReply) {
@@ -220,11 +207,11 @@ void LXPCBase::SendReply(long connection, long message, LList<LXPCDataListable> 
     if (!IsHandle(connection) || !IsHandle(message)) {
         return;
     }
-    xpc_object_t reply = xpc_dictionary_create_reply(AsObject(message));
+    xpc_object_t reply = xpc_dictionary_create_reply(LXPCValueAsPointer(message));
     if (reply == nullptr) {
         return;
     }
-    xpc_connection_t target = AsObject(connection);
+    xpc_connection_t target = LXPCValueAsPointer(connection);
     SetXPCDictionary(reply, lSendKeys, data);
     SendReportingSent(target, reply, connection);
     xpc_release(reply);
@@ -235,9 +222,10 @@ void LXPCBase::SetupConnectionHandlerAndResume(LXPCConnection& connection) {
         return;
     }
     const long id = connection.hConnection;
-    xpc_connection_set_event_handler(AsObject(id), [gate = pGate, id](xpc_object_t event) {
-        RunIfAlive(gate, [&](LXPCBase& base) { base.HandleEvent(event, id, false); });
-    });
+    xpc_connection_set_event_handler(
+        LXPCValueAsPointer(id), [gate = pGate, id](xpc_object_t event) {
+            RunIfAlive(gate, [&](LXPCBase& base) { base.HandleEvent(event, id, false); });
+        });
     if (connection.bSuspended) {
         connection.Resume();
     }
@@ -264,7 +252,7 @@ void LXPCBase::HandleEvent(xpc_object_t event, long connection, bool bReply) {
     }
     // The handler may destroy this base from inside the callback: nothing below the call
     // touches a member.
-    const long message = AsHandle(event);
+    const long message = LXPCPointerAsValue(event);
     if (handler->bArrayForm) {
         const unsigned long count = values.Count();
         std::unique_ptr<LXPCData[]> array(new LXPCData[count]);
@@ -302,7 +290,7 @@ void ErrorHandler(xpc_object_t error, long connection, LXPCEventNotify* handler)
 long LXPCEventConnection(xpc_object_t event, long fallback) {
     if (event != nullptr && xpc_get_type(event) == XPC_TYPE_DICTIONARY) {
         if (xpc_connection_t remote = xpc_dictionary_get_remote_connection(event)) {
-            return AsHandle(remote);
+            return LXPCPointerAsValue(remote);
         }
     }
     return fallback;

@@ -15,6 +15,18 @@ void LXPCCopyName(char (&destination)[kLXPCNameSize], const char* source) {
     destination[length] = '\0';
 }
 
+void LXPCAddKeyTable(LList<LXPCDictionaryKeyListable>& keys, LXPCDictionaryKey const* table) {
+    if (table == nullptr) {
+        return;
+    }
+    for (; table->szName[0] != '\0'; ++table) {
+        auto* node = new LXPCDictionaryKeyListable;
+        LXPCCopyName(node->szName, table->szName);
+        node->type = table->type;
+        keys.PushFront(node);
+    }
+}
+
 LXPCDataListable* CreateXPCData(LXPCDictionaryKeyListable const& key, long value,
                                 unsigned long length) {
     auto* node = new LXPCDataListable;
@@ -34,11 +46,6 @@ LXPCDataListable* CreateXPCDataDouble(LXPCDictionaryKeyListable const& key, doub
 }
 
 namespace {
-
-template <class T>
-T* AsPointer(int64_t value) {
-    return reinterpret_cast<T*>(static_cast<intptr_t>(value));
-}
 
 // A pointer-carrying value that points nowhere: never initialised (-1) or null.
 bool IsNoPointer(int64_t value) {
@@ -66,8 +73,8 @@ void SetEntry(xpc_object_t dictionary, const LXPCDictionaryKeyListable& key, con
         case LXPCDataTypeData:
             // Empty data may come without bytes; bytes promised at no address are not read.
             if (!IsNoPointer(data.nValue)) {
-                xpc_dictionary_set_data(dictionary, name, AsPointer<const void>(data.nValue),
-                                        data.nLength);
+                xpc_dictionary_set_data(dictionary, name,
+                                        LXPCValueAsPointer<const void>(data.nValue), data.nLength);
             } else if (data.nLength == 0) {
                 static const unsigned char kNoBytes = 0;
                 xpc_dictionary_set_data(dictionary, name, &kNoBytes, 0);
@@ -76,12 +83,13 @@ void SetEntry(xpc_object_t dictionary, const LXPCDictionaryKeyListable& key, con
         case LXPCDataTypeUUID:
             if (!IsNoPointer(data.nValue)) {
                 xpc_dictionary_set_uuid(dictionary, name,
-                                        AsPointer<const unsigned char>(data.nValue));
+                                        LXPCValueAsPointer<const unsigned char>(data.nValue));
             }
             break;
         case LXPCDataTypeString:
             if (!IsNoPointer(data.nValue)) {
-                xpc_dictionary_set_string(dictionary, name, AsPointer<const char>(data.nValue));
+                xpc_dictionary_set_string(dictionary, name,
+                                          LXPCValueAsPointer<const char>(data.nValue));
             }
             break;
         case LXPCDataTypeFD:
@@ -90,16 +98,12 @@ void SetEntry(xpc_object_t dictionary, const LXPCDictionaryKeyListable& key, con
             break;
         case LXPCDataTypeObject:
             if (!IsNoPointer(data.nValue)) {
-                xpc_dictionary_set_value(dictionary, name, AsPointer<_xpc_object>(data.nValue));
+                xpc_dictionary_set_value(dictionary, name, LXPCValueAsPointer(data.nValue));
             }
             break;
         default:
             break;
     }
-}
-
-long AsValue(const void* pointer) {
-    return static_cast<long>(reinterpret_cast<intptr_t>(pointer));
 }
 
 LXPCDataListable* GetEntry(xpc_object_t dictionary, const LXPCDictionaryKeyListable& key) {
@@ -119,16 +123,19 @@ LXPCDataListable* GetEntry(xpc_object_t dictionary, const LXPCDictionaryKeyLista
         case LXPCDataTypeData: {
             size_t length = 0;
             const void* bytes = xpc_dictionary_get_data(dictionary, name, &length);
-            return CreateXPCData(key, AsValue(bytes), bytes != nullptr ? length : 0);
+            return CreateXPCData(key, LXPCPointerAsValue(bytes), bytes != nullptr ? length : 0);
         }
         case LXPCDataTypeUUID:
-            return CreateXPCData(key, AsValue(xpc_dictionary_get_uuid(dictionary, name)), 0);
+            return CreateXPCData(key, LXPCPointerAsValue(xpc_dictionary_get_uuid(dictionary, name)),
+                                 0);
         case LXPCDataTypeString:
-            return CreateXPCData(key, AsValue(xpc_dictionary_get_string(dictionary, name)), 0);
+            return CreateXPCData(
+                key, LXPCPointerAsValue(xpc_dictionary_get_string(dictionary, name)), 0);
         case LXPCDataTypeFD:
             return CreateXPCData(key, xpc_dictionary_dup_fd(dictionary, name), 0);
         case LXPCDataTypeObject:
-            return CreateXPCData(key, AsValue(xpc_dictionary_get_value(dictionary, name)), 0);
+            return CreateXPCData(key,
+                                 LXPCPointerAsValue(xpc_dictionary_get_value(dictionary, name)), 0);
         default:
             return nullptr;
     }

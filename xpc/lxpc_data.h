@@ -42,6 +42,16 @@ inline constexpr size_t kLXPCNameSize = 260;
 // Copies `source` into a kLXPCNameSize field, cut to 259 characters; null copies as "".
 void LXPCCopyName(char (&destination)[kLXPCNameSize], const char* source);
 
+// The pointer that a pointer-carrying value (or a connection or message id) holds, and the
+// value that holds a pointer.
+template <class T = lxpc::_xpc_object>
+T* LXPCValueAsPointer(int64_t value) {
+    return reinterpret_cast<T*>(static_cast<intptr_t>(value));
+}
+inline long LXPCPointerAsValue(const void* pointer) {
+    return static_cast<long>(reinterpret_cast<intptr_t>(pointer));
+}
+
 // One key of a key table. Tables are arrays ending with an entry whose name is empty.
 struct LXPCDictionaryKey {
     char szName[kLXPCNameSize];
@@ -52,6 +62,10 @@ struct LXPCDictionaryKey {
 struct LXPCDictionaryKeyListable : LXPCDictionaryKey {
     LXPCDictionaryKeyListable* pNext = nullptr;
 };
+
+// Pushes a copy of every entry of `table` (names cut to 259 characters), from its first entry
+// up to the first one with an empty name, at the front of `keys`; nothing for a null table.
+void LXPCAddKeyTable(LList<LXPCDictionaryKeyListable>& keys, LXPCDictionaryKey const* table);
 
 // One value of a message; the fields start at their "unset" values.
 struct LXPCData {

@@ -22,17 +22,9 @@ namespace {
 // /proc cannot tell the configured one.
 constexpr pid_t kPidMaxLimit = 4194304;
 
-xpc_object_t AsObject(long handle) {
-    return reinterpret_cast<xpc_object_t>(static_cast<intptr_t>(handle));
-}
-
-long AsHandle(xpc_object_t object) {
-    return static_cast<long>(reinterpret_cast<intptr_t>(object));
-}
-
 bool IsClientConnection(long handle) {
     return handle != 0 && handle != kLXPCNoConnection &&
-           xpc_get_type(AsObject(handle)) == XPC_TYPE_CONNECTION;
+           xpc_get_type(LXPCValueAsPointer(handle)) == XPC_TYPE_CONNECTION;
 }
 
 pid_t ReadPidMax() {
@@ -102,7 +94,7 @@ void LXPCServerBase::NewConnectionHandler(long connection) {
 void LXPCServerBase::Accept(long connection) {
     if (bCheckClientProcess) {
         const pid_t pid = processIdSource_ ? processIdSource_(connection)
-                                           : xpc_connection_get_pid(AsObject(connection));
+                                           : xpc_connection_get_pid(LXPCValueAsPointer(connection));
         if (pid < 1 || pid > MaxProcessId()) {
             if (pServerEventHandler != nullptr && pServerEventHandler->bAlive) {
                 pServerEventHandler->EvInvalidConnectionAttempt();
@@ -129,11 +121,11 @@ void LXPCServerBase::Disconnect(long connection) {
 
 void LXPCServerBase::StaticNewConnectionHandler(xpc_object_t connection) {
     // Checked before pServer is read: the error that ends a listener is no client.
-    if (!IsClientConnection(AsHandle(connection))) {
+    if (!IsClientConnection(LXPCPointerAsValue(connection))) {
         return;
     }
     if (LXPCServerBase* server = pServer) {
-        server->NewConnectionHandler(AsHandle(connection));
+        server->NewConnectionHandler(LXPCPointerAsValue(connection));
     }
 }
 
@@ -177,8 +169,13 @@ void LXPCMachServer::Start(char const* serviceName, unsigned long long flags) {
             LMainQueueStop();
             return;
         }
-        RunIfAlive(gate, [event](LXPCBase& base) {
-            static_cast<LXPCServerBase&>(base).NewConnectionHandler(AsHandle(event));
+        // The gate is taken once, here; NewConnectionHandler would take it a second time.
+        const long connection = LXPCPointerAsValue(event);
+        if (!IsClientConnection(connection)) {
+            return;
+        }
+        RunIfAlive(gate, [connection](LXPCBase& base) {
+            static_cast<LXPCMachServer&>(base).Accept(connection);
         });
     });
     xpc_connection_resume(listener);

@@ -49,10 +49,10 @@ protected:
     LXPCServerEventNotify* pServerEventHandler;
     bool bCheckClientProcess;
 
-private:
-    // The accept itself, run under the delivery gate.
+    // The accept itself, for a client connection, run under the delivery gate.
     void Accept(long connection);
 
+private:
     mutable std::mutex connectionsLock_;
     ProcessIdSource processIdSource_;
 };

@@ -240,11 +240,10 @@ bool SocketPair(int fds[2]) {
 
 int Accept(int listener) {
     for (;;) {
-        const int fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        // Accepted sockets are used blocking (they do not inherit the listener's
+        // O_NONBLOCK), so none is asked for.
+        const int fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
         if (fd >= 0) {
-            // Accepted sockets are used blocking; only the listener is non-blocking.
-            const int flags = ::fcntl(fd, F_GETFL);
-            ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
             return fd;
         }
         if (errno != EINTR && errno != ECONNABORTED) {
