@@ -229,11 +229,11 @@ protected:
     std::unique_ptr<LXPCConnection> connection_;
 };
 
-const unsigned char kUuid[16] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
-
 }  // namespace
 
-TEST_F(LXPCAcrossProcesses, EveryValueTypeDescriptorAndEndpointCrosses) {
+// Every value type's encoding is shown in lxpc_data_test.cpp and the wire tests; here, what
+// only another process can show: descriptors, endpoints and objects crossing, and the pid.
+TEST_F(LXPCAcrossProcesses, ValuesDescriptorsAndEndpointsCross) {
     // A file the child writes to through the descriptor it receives.
     char path[] = "/tmp/lxpc_cross_XXXXXX";
     const int file = mkstemp(path);
@@ -264,13 +264,8 @@ TEST_F(LXPCAcrossProcesses, EveryValueTypeDescriptorAndEndpointCrosses) {
     const std::string bytes("\x00\x01binary\xff", 9);
 
     LList<LXPCDataListable> request;
-    Push(request, "B", LXPCDataTypeBool, 2);
     Push(request, "I", LXPCDataTypeInt64, INT64_MIN);
-    Push(request, "U", LXPCDataTypeUInt64, static_cast<long>(0x8000000000000001UL));
-    PushDouble(request, "D", 6.02e23);
-    Push(request, "T", LXPCDataTypeDate, -86400);
     Push(request, "DATA", LXPCDataTypeData, Ptr(bytes.data()), bytes.size());
-    Push(request, "UUID", LXPCDataTypeUUID, Ptr(kUuid));
     Push(request, "S", LXPCDataTypeString, Ptr("caf\xc3\xa9"));
     Push(request, "FD", LXPCDataTypeFD, file);
     Push(request, "ENDPOINT", LXPCDataTypeObject, Ptr(endpoint));
@@ -281,14 +276,8 @@ TEST_F(LXPCAcrossProcesses, EveryValueTypeDescriptorAndEndpointCrosses) {
     const Delivery& reply = events_.replies[0];
     EXPECT_EQ(reply.connection, connection_->hConnection);
     EXPECT_EQ(Find(reply.values, "CHILD_PID")->data.nValue, child_);
-    EXPECT_EQ(Find(reply.values, "B")->data.nValue, 1);
     EXPECT_EQ(Find(reply.values, "I")->data.nValue, INT64_MIN);
-    EXPECT_EQ(static_cast<uint64_t>(Find(reply.values, "U")->data.nValue), 0x8000000000000001UL);
-    EXPECT_EQ(Find(reply.values, "D")->data.fValue, 6.02e23);
-    EXPECT_EQ(Find(reply.values, "T")->data.nValue, -86400);
     EXPECT_EQ(Find(reply.values, "DATA")->bytes, bytes);
-    EXPECT_EQ(Find(reply.values, "UUID")->bytes,
-              std::string(reinterpret_cast<const char*>(kUuid), 16));
     EXPECT_EQ(Find(reply.values, "S")->bytes, "caf\xc3\xa9");
     // Objects come back as new objects of the same kind.
     const long endpointBack = Find(reply.values, "ENDPOINT")->data.nValue;
