@@ -75,7 +75,7 @@ TEST(XpcObject, DictionaryKeepsInsertionOrderReplacesInPlaceAndRemovesOnNull) {
     xpc_release(d);
 }
 
-TEST(XpcObject, ContainersHoldOneReferencePerValue) {
+TEST(XpcObject, ContainersHoldOneReferencePerValueAndArraysApplyInOrder) {
     xpc_object_t value = xpc_string_create("v");
     xpc_object_t d = xpc_dictionary_create(nullptr, nullptr, 0);
     xpc_object_t a = xpc_array_create(&value, 1);
@@ -92,6 +92,22 @@ TEST(XpcObject, ContainersHoldOneReferencePerValue) {
     EXPECT_EQ(xpc_retain(value), value);
     xpc_release(value);
     xpc_release(value);
+
+    // Arrays apply in order and stop when asked.
+    xpc_object_t numbers = xpc_array_create(nullptr, 0);
+    for (int i = 0; i < 5; ++i) {
+        xpc_object_t v = xpc_int64_create(i);
+        xpc_array_append_value(numbers, v);
+        xpc_release(v);
+    }
+    std::vector<int64_t> seen;
+    EXPECT_FALSE(xpc_array_apply(numbers, [&](size_t index, xpc_object_t v) {
+        seen.push_back(xpc_int64_get_value(v));
+        return index < 2;
+    }));
+    EXPECT_EQ(seen, (std::vector<int64_t>{0, 1, 2}));
+    EXPECT_EQ(xpc_array_get_value(numbers, 5), nullptr);
+    xpc_release(numbers);
 }
 
 TEST(XpcObject, ErrorsAreImmortalDictionariesWithADescription) {
@@ -126,50 +142,37 @@ TEST(XpcObject, EqualComparesDeeplyAndIgnoresDictionaryOrder) {
     xpc_object_t i = xpc_int64_create(5);
     xpc_object_t t = xpc_date_create(5);
     EXPECT_FALSE(xpc_equal(i, t));  // same layout, other type
-    xpc_release(i);
-    xpc_release(t);
     xpc_object_t nan1 = xpc_double_create(std::nan(""));
     xpc_object_t nan2 = xpc_double_create(std::nan(""));
     EXPECT_TRUE(xpc_equal(nan1, nan2));  // a copy of a NaN equals the original
-    xpc_release(nan1);
-    xpc_release(nan2);
-    xpc_release(a);
-    xpc_release(b);
+    for (xpc_object_t o : {a, b, i, t, nan1, nan2}) {
+        xpc_release(o);
+    }
 }
 
-TEST(XpcObject, StringsAndDataCopyTheirInput) {
+TEST(XpcObject, StringsAndDataCopyTheirInputAndLargeDataLivesInASealedMemfd) {
     char text[] = "abc";
     xpc_object_t s = xpc_string_create(text);
-    xpc_object_t d = xpc_data_create(text, 3);
+    xpc_object_t small = xpc_data_create(text, 3);
     text[0] = 'z';
     EXPECT_STREQ(xpc_string_get_string_ptr(s), "abc");
     EXPECT_EQ(xpc_string_get_length(s), 3u);
-    EXPECT_EQ(std::memcmp(xpc_data_get_bytes_ptr(d), "abc", 3), 0);
+    EXPECT_EQ(std::memcmp(xpc_data_get_bytes_ptr(small), "abc", 3), 0);
     xpc_object_t empty = xpc_data_create(nullptr, 0);
     EXPECT_NE(xpc_data_get_bytes_ptr(empty), nullptr);
     EXPECT_EQ(xpc_data_get_length(empty), 0u);
-    xpc_release(empty);
-    xpc_release(s);
-    xpc_release(d);
-}
 
-TEST(XpcObject, LargeDataLivesInASealedMemfd) {
-    std::vector<uint8_t> bytes(wire::kInlineDataMax + 1);
-    for (size_t i = 0; i < bytes.size(); ++i) {
-        bytes[i] = static_cast<uint8_t>(i * 7);
+    std::vector<uint8_t> bytes(wire::kInlineDataMax + 1, 7);
+    xpc_object_t inlined = xpc_data_create(bytes.data(), wire::kInlineDataMax);
+    EXPECT_LT(static_cast<const detail::DataObject*>(inlined)->memfd, 0);
+    xpc_object_t large = xpc_data_create(bytes.data(), bytes.size());
+    const int memfd = static_cast<const detail::DataObject*>(large)->memfd;
+    ASSERT_GE(memfd, 0);
+    constexpr int kSeals = F_SEAL_WRITE | F_SEAL_GROW | F_SEAL_SHRINK;
+    EXPECT_EQ(fcntl(memfd, F_GET_SEALS) & kSeals, kSeals);
+    for (xpc_object_t o : {s, small, empty, inlined, large}) {
+        xpc_release(o);
     }
-    xpc_object_t d = xpc_data_create(bytes.data(), bytes.size());
-    const auto* data = static_cast<const detail::DataObject*>(d);
-    ASSERT_GE(data->memfd, 0);
-    const int seals = fcntl(data->memfd, F_GET_SEALS);
-    EXPECT_EQ(seals & (F_SEAL_WRITE | F_SEAL_GROW | F_SEAL_SHRINK),
-              F_SEAL_WRITE | F_SEAL_GROW | F_SEAL_SHRINK);
-    ASSERT_EQ(xpc_data_get_length(d), bytes.size());
-    EXPECT_EQ(std::memcmp(xpc_data_get_bytes_ptr(d), bytes.data(), bytes.size()), 0);
-    xpc_object_t small = xpc_data_create(bytes.data(), wire::kInlineDataMax);
-    EXPECT_LT(static_cast<const detail::DataObject*>(small)->memfd, 0);
-    xpc_release(small);
-    xpc_release(d);
 }
 
 TEST(XpcObject, FdObjectsOwnADuplicate) {
@@ -189,24 +192,6 @@ TEST(XpcObject, FdObjectsOwnADuplicate) {
     close(dup);
     close(pipeFds[0]);
     EXPECT_EQ(xpc_fd_create(-1), nullptr);
-}
-
-TEST(XpcObject, ArraysApplyInOrderAndStopWhenAsked) {
-    xpc_object_t a = xpc_array_create(nullptr, 0);
-    for (int i = 0; i < 5; ++i) {
-        xpc_object_t v = xpc_int64_create(i);
-        xpc_array_append_value(a, v);
-        xpc_release(v);
-    }
-    std::vector<int64_t> seen;
-    EXPECT_FALSE(xpc_array_apply(a, [&](size_t index, xpc_object_t v) {
-        EXPECT_EQ(static_cast<int64_t>(index), xpc_int64_get_value(v));
-        seen.push_back(xpc_int64_get_value(v));
-        return index < 2;
-    }));
-    EXPECT_EQ(seen, (std::vector<int64_t>{0, 1, 2}));
-    EXPECT_EQ(xpc_array_get_value(a, 5), nullptr);
-    xpc_release(a);
 }
 
 }  // namespace
