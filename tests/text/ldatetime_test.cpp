@@ -96,8 +96,12 @@ TEST_F(DateTimeTest, TextForms) {
         form(0, text);
         EXPECT_STREQ(text, std::strchr(expected, '|') ? "|" : "") << expected;
     }
-    // Daylight saving comes from the zone rule.
+    // Daylight saving comes from the zone rule, and another zone shifts the text.
     EXPECT_EQ(Text(LDateTime(kJuly1Noon)), "2021-07-01 12:00:00");
+    ::setenv("TZ", "EST5EDT,M3.2.0,M11.1.0", 1);
+    ::tzset();
+    EXPECT_EQ(Text(LDateTime(kMarch5)), "2021-03-05 08:07:09");
+    EXPECT_EQ(Text(LDateTime(kJuly1Noon)), "2021-07-01 06:00:00");
 }
 
 TEST_F(DateTimeTest, ReadingDatesAndTheYearRule) {
@@ -268,34 +272,36 @@ TEST_F(DateTimeTest, LocalTextsReadBack) {
 
 TEST_F(DateTimeTest, Schedules) {
     const LDateTime now(kMarch5);  // a Friday
-    const LWeekDay friday(LWeekDay::kFriday);
-    const LDayTime night(22, 0, 0), morning(6, 0, 0);
-    auto active = [&](LDayTime at, LDateTime start = 0, LDateTime end = 0,
-                      LWeekDay days = LWeekDay::kEveryDay) {
-        return LDateTime::TestScheduleDetails(now, at, friday, start, end, night, morning, days);
-    };
-    EXPECT_TRUE(active(LDayTime(23, 0, 0)));
-    EXPECT_TRUE(active(LDayTime(5, 0, 0)));
-    EXPECT_TRUE(active(LDayTime(22, 0, 0)));
-    EXPECT_FALSE(active(LDayTime(12, 0, 0)));
-    EXPECT_FALSE(active(LDayTime(6, 0, 0)));
-    EXPECT_FALSE(active(LDayTime(23, 0, 0), kMarch5 + 1));
-    EXPECT_TRUE(active(LDayTime(23, 0, 0), kMarch5));
-    EXPECT_FALSE(active(LDayTime(23, 0, 0), 0, kMarch5));
-    EXPECT_TRUE(active(LDayTime(23, 0, 0), 0, kMarch5 + 1));
-    EXPECT_TRUE(active(LDayTime(23, 0, 0), 0, -5));
-    EXPECT_FALSE(active(LDayTime(23, 0, 0), 0, 0, LWeekDay::kSaturday | LWeekDay::kSunday));
-    EXPECT_TRUE(active(LDayTime(23, 0, 0), 0, 0, LWeekDay::kFriday));
-    // A daytime period: from inclusive, to exclusive.
-    const LDayTime nine(9, 0, 0), five(17, 0, 0);
-    auto office = [&](LDayTime at) {
-        return LDateTime::TestScheduleDetails(now, at, friday, 0, 0, nine, five,
-                                              LWeekDay::kEveryDay);
-    };
-    EXPECT_TRUE(office(nine));
-    EXPECT_TRUE(office(LDayTime(16, 59, 59)));
-    EXPECT_FALSE(office(five));
-    EXPECT_FALSE(office(LDayTime(8, 59, 59)));
+    const LDayTime night(22, 0, 0), morning(6, 0, 0), nine(9, 0, 0), five(17, 0, 0);
+    const LWeekDay weekend(LWeekDay::kSaturday | LWeekDay::kSunday);
+    // A period over midnight, then a daytime one: from inclusive, to exclusive.
+    const struct {
+        LDayTime at, from, to;
+        long start, end;
+        LWeekDay days;
+        bool active;
+    } cases[] = {{LDayTime(23, 0, 0), night, morning, 0, 0, LWeekDay::kEveryDay, true},
+                 {LDayTime(5, 0, 0), night, morning, 0, 0, LWeekDay::kEveryDay, true},
+                 {night, night, morning, 0, 0, LWeekDay::kEveryDay, true},
+                 {LDayTime(12, 0, 0), night, morning, 0, 0, LWeekDay::kEveryDay, false},
+                 {morning, night, morning, 0, 0, LWeekDay::kEveryDay, false},
+                 {LDayTime(23, 0, 0), night, morning, kMarch5 + 1, 0, LWeekDay::kEveryDay, false},
+                 {LDayTime(23, 0, 0), night, morning, kMarch5, 0, LWeekDay::kEveryDay, true},
+                 {LDayTime(23, 0, 0), night, morning, 0, kMarch5, LWeekDay::kEveryDay, false},
+                 {LDayTime(23, 0, 0), night, morning, 0, kMarch5 + 1, LWeekDay::kEveryDay, true},
+                 {LDayTime(23, 0, 0), night, morning, 0, -5, LWeekDay::kEveryDay, true},
+                 {LDayTime(23, 0, 0), night, morning, 0, 0, weekend, false},
+                 {LDayTime(23, 0, 0), night, morning, 0, 0, LWeekDay::kFriday, true},
+                 {nine, nine, five, 0, 0, LWeekDay::kEveryDay, true},
+                 {LDayTime(16, 59, 59), nine, five, 0, 0, LWeekDay::kEveryDay, true},
+                 {five, nine, five, 0, 0, LWeekDay::kEveryDay, false},
+                 {LDayTime(8, 59, 59), nine, five, 0, 0, LWeekDay::kEveryDay, false}};
+    for (const auto& c : cases) {
+        EXPECT_EQ(LDateTime::TestScheduleDetails(now, c.at, LWeekDay(LWeekDay::kFriday), c.start,
+                                                 c.end, c.from, c.to, c.days),
+                  c.active)
+            << &c - cases;
+    }
 }
 
 TEST_F(DateTimeTest, AdjustByMonths) {
@@ -325,18 +331,6 @@ TEST_F(DateTimeTest, BuildDate) {
     EXPECT_EQ(built.GetDayTime().GetSeconds(), 0);
     EXPECT_LE(built.GetValue(), std::time(nullptr));
     EXPECT_GT(built.GetValue(), std::time(nullptr) - 400L * 86400);
-    EXPECT_EQ(LDateTime::szMonths[10], std::string("Nov"));
-    EXPECT_EQ(LDateTime::szWeekDays[6], std::string("Sat"));
-    EXPECT_EQ(LDateTime::szWeekDays[7], nullptr);
-    EXPECT_EQ(LDateTime::szWeekDaysAbbreviated[0], std::string("Sun"));
-    EXPECT_EQ(LDateTime::szWeekDaysAbbreviated[7], nullptr);
-}
-
-TEST_F(DateTimeTest, OtherZoneShiftsTheText) {
-    ::setenv("TZ", "EST5EDT,M3.2.0,M11.1.0", 1);
-    ::tzset();
-    EXPECT_EQ(Text(LDateTime(kMarch5)), "2021-03-05 08:07:09");
-    EXPECT_EQ(Text(LDateTime(kJuly1Noon)), "2021-07-01 06:00:00");
 }
 
 }  // namespace

@@ -136,15 +136,33 @@ bool ExpectDecodesAsIconv(const std::string& utf8) {
 
 constexpr int kTexts = 1500;
 
-TEST(UnicodeAgainstIconv, WellFormedUtf8DecodesAsIconvDoes) {
+TEST(UnicodeAgainstIconv, WellFormedTextsConvertAsIconvDoesEveryWay) {
     TextGenerator gen(1);
     for (int i = 0; i < kTexts; ++i) {
         const std::u32string text = gen.Valid(64);
         const std::string utf8 = Utf8Of(text);
+        const std::u16string utf16 = Utf16Of(text);
+        const std::wstring wide(text.begin(), text.end());
         ASSERT_TRUE(ExpectDecodesAsIconv(utf8));
         std::vector<wchar_t> outW(utf8.size() + 1);
         ASSERT_EQ(LCopyUTF32FromUTF8(outW.data(), utf8.c_str(), outW.size()), 0);
-        EXPECT_EQ(std::wstring(outW.data()), std::wstring(text.begin(), text.end()));
+        EXPECT_EQ(std::wstring(outW.data()), wide);
+
+        std::vector<char> out8(4 * text.size() + 1);
+        ASSERT_EQ(LCopyUTF8FromUTF32Native(out8.data(), text.c_str(), out8.size()), 0);
+        EXPECT_EQ(std::string(out8.data()), utf8);
+        ASSERT_EQ(LCopyUTF8FromUTF32(out8.data(), wide.c_str(), out8.size()), 0);
+        EXPECT_EQ(std::string(out8.data()), utf8);
+        // UTF-16 with surrogate pairs (from iconv) joins back into the same UTF-8 and UTF-32.
+        ASSERT_EQ(LCopyUTF8FromUnicode(out8.data(), utf16.c_str(), out8.size()), 0);
+        EXPECT_EQ(std::string(out8.data()), utf8);
+        std::vector<char32_t> to32(utf16.size() + 1);
+        ASSERT_EQ(LCopyUTF32FromUnicode(to32.data(), utf16.c_str(), to32.size()), 0);
+        EXPECT_EQ(std::u32string(to32.data()), text);
+        std::vector<char16_t> to16(text.size() + 1);
+        ASSERT_EQ(LCopyUnicodeFromUTF32(to16.data(), text.c_str(), to16.size()), 0);
+        EXPECT_EQ(std::u16string(to16.data(), text.size()), Cut16(text));
+        EXPECT_EQ(to16[text.size()], 0);
     }
 }
 
@@ -157,35 +175,6 @@ TEST(UnicodeAgainstIconv, IllFormedUtf8StopsWhereIconvStops) {
     }
     // The generator puts at least one fault in each text; nearly all must be seen as such.
     EXPECT_GT(stoppedEarly, kTexts * 9 / 10);
-}
-
-TEST(UnicodeAgainstIconv, EncodersMatchIconv) {
-    TextGenerator gen(4);
-    for (int i = 0; i < kTexts; ++i) {
-        const std::u32string text = gen.Valid(64);
-        const std::string utf8 = Utf8Of(text);
-        const std::u16string utf16 = Utf16Of(text);
-
-        std::vector<char> out8(4 * text.size() + 1);
-        ASSERT_EQ(LCopyUTF8FromUTF32Native(out8.data(), text.c_str(), out8.size()), 0);
-        EXPECT_EQ(std::string(out8.data()), utf8);
-        const std::wstring wide(text.begin(), text.end());
-        ASSERT_EQ(LCopyUTF8FromUTF32(out8.data(), wide.c_str(), out8.size()), 0);
-        EXPECT_EQ(std::string(out8.data()), utf8);
-
-        // UTF-16 with surrogate pairs (from iconv) joins back into the same UTF-8 and UTF-32.
-        std::vector<char> from16(3 * utf16.size() + 1);
-        ASSERT_EQ(LCopyUTF8FromUnicode(from16.data(), utf16.c_str(), from16.size()), 0);
-        EXPECT_EQ(std::string(from16.data()), utf8);
-        std::vector<char32_t> to32(utf16.size() + 1);
-        ASSERT_EQ(LCopyUTF32FromUnicode(to32.data(), utf16.c_str(), to32.size()), 0);
-        EXPECT_EQ(std::u32string(to32.data()), text);
-
-        std::vector<char16_t> to16(text.size() + 1);
-        ASSERT_EQ(LCopyUnicodeFromUTF32(to16.data(), text.c_str(), to16.size()), 0);
-        EXPECT_EQ(std::u16string(to16.data(), text.size()), Cut16(text));
-        EXPECT_EQ(to16[text.size()], 0);
-    }
 }
 
 TEST(UnicodeAgainstIconv, LoneSurrogatesInUtf16BecomeReplacement) {
@@ -368,22 +357,7 @@ TEST(Ansi, LatinOneConversions) {
     EXPECT_EQ(std::string(large.data()), std::string(10000, 'x') + "\xE9");
 }
 
-TEST(BigEndian, SwapsAndPads) {
-    char16_t out[6];
-    std::memset(out, 0x77, sizeof out);
-    EXPECT_EQ(LCopyToBigEndianUnicode(out, u"AB", 4, false), 4u);
-    const unsigned char expected[] = {0x00, 0x41, 0x00, 0x42, 0x00, 0x20, 0x00, 0x20};
-    EXPECT_EQ(std::memcmp(out, expected, sizeof expected), 0);
-    EXPECT_EQ(out[4], 0x7777);  // nothing past count
-    EXPECT_EQ(LCopyToBigEndianUnicode(out, u"AB", 4, true), 2u);
-    EXPECT_EQ(std::memcmp(out, expected, 4), 0);
-    EXPECT_EQ(out[2], 0);
-    EXPECT_EQ(LCopyToBigEndianUnicode(out, u"ABCDEF", 3, true), 3u);
-    EXPECT_EQ(out[3], 0);
-    EXPECT_EQ(out[2], 0x4300);
-}
-
-TEST(CharacterTests, AsciiAndVariationSelectors) {
+TEST(CharacterTests, AsciiVariationSelectorsAndBigEndianCopies) {
     EXPECT_TRUE(LCharsetsIsValidASCII(""));
     EXPECT_TRUE(LCharsetsIsValidASCII("plain text\x7F"));
     EXPECT_FALSE(LCharsetsIsValidASCII("caf\xC3\xA9"));
@@ -396,6 +370,21 @@ TEST(CharacterTests, AsciiAndVariationSelectors) {
     LStringLongTemplate<char16_t> empty;
     LRemoveVarSelectorFromUnicode(empty);
     EXPECT_TRUE(empty.IsEmpty());
+
+    // Big-endian copies pad with blanks up to count, or stop at the terminator.
+
+    char16_t out[6];
+    std::memset(out, 0x77, sizeof out);
+    EXPECT_EQ(LCopyToBigEndianUnicode(out, u"AB", 4, false), 4u);
+    const unsigned char expected[] = {0x00, 0x41, 0x00, 0x42, 0x00, 0x20, 0x00, 0x20};
+    EXPECT_EQ(std::memcmp(out, expected, sizeof expected), 0);
+    EXPECT_EQ(out[4], 0x7777);  // nothing past count
+    EXPECT_EQ(LCopyToBigEndianUnicode(out, u"AB", 4, true), 2u);
+    EXPECT_EQ(std::memcmp(out, expected, 4), 0);
+    EXPECT_EQ(out[2], 0);
+    EXPECT_EQ(LCopyToBigEndianUnicode(out, u"ABCDEF", 3, true), 3u);
+    EXPECT_EQ(out[3], 0);
+    EXPECT_EQ(out[2], 0x4300);
 }
 
 // The right-to-left table, written out as listed and checked over the whole code space, which
