@@ -86,7 +86,7 @@ TEST(LockObjectShared, SoleReaderUpgradesAndDowngrades) {
 TEST(SystemLockKey, HashOfTheName) {
     EXPECT_EQ(LSystemLockMutex::MakeKey("UID"), 367844708u);
     EXPECT_EQ(LSystemLockMutex::MakeKey(""), 11223u);
-    EXPECT_EQ(LSystemLockMutex::MakeKey("A"), 11223u * 32 + 65);
+    EXPECT_EQ(LSystemLockMutex::MakeKey("A"), 359201u);
 }
 
 // Each test opens its own set (named after the process and the test) and removes it after;
@@ -113,7 +113,7 @@ protected:
                         ::testing::UnitTest::GetInstance()->current_test_info()->name();
 };
 
-TEST_F(SystemLock, OpeningCreatesTheSetWithTheLockFree) {
+TEST_F(SystemLock, OpeningCreatesTheSetWithTheLockFreeAndReleasingItFreeRemovesIt) {
     LSystemLockMutex lock(name_.c_str());
     ASSERT_TRUE(lock.IsValid());
     EXPECT_EQ(Value(lock), 1);
@@ -123,6 +123,11 @@ TEST_F(SystemLock, OpeningCreatesTheSetWithTheLockFree) {
     EXPECT_EQ(Value(lock), 0);
     lock.Unlock();
     EXPECT_EQ(Value(lock), 1);
+    // Releasing a free lock (value above 0, this process made the last operation) removes
+    // the set.
+    EXPECT_NE(semget(static_cast<key_t>(lock.GetKey()), 0, 0), -1);
+    lock.Unlock();
+    EXPECT_EQ(semget(static_cast<key_t>(lock.GetKey()), 0, 0), -1);
 }
 
 TEST_F(SystemLock, TimedLockOnAHeldLockPausesTwiceFor25ms) {
@@ -197,16 +202,6 @@ TEST_F(SystemLock, TimedLockSucceedsOnceAnotherThreadReleases) {
     lock.Unlock();
     waiter.join();
     EXPECT_TRUE(got.load());
-}
-
-TEST_F(SystemLock, ReleasingAFreeLockRemovesTheSet) {
-    LSystemLockMutex lock(name_.c_str());
-    lock.LockForever();
-    lock.Unlock();
-    EXPECT_NE(semget(static_cast<key_t>(lock.GetKey()), 0, 0), -1);
-    // Value above 0 and this process made the last operation: nothing to give back.
-    lock.Unlock();
-    EXPECT_EQ(semget(static_cast<key_t>(lock.GetKey()), 0, 0), -1);
 }
 
 }  // namespace

@@ -20,8 +20,13 @@
 
 namespace {
 
-TEST(SignalObject, SignalTwiceResetOnceLeavesItUnsignalled) {
+TEST(SignalObject, SignalTwiceResetOnceLeavesItUnsignalledWithoutBlocking) {
     LSignalObject event;
+    int fd = event.GetRef().GetDescriptor();
+    ASSERT_GE(fd, 0);
+    EXPECT_TRUE(fcntl(fd, F_GETFL) & O_NONBLOCK);
+    EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
+    event.Reset();  // resetting an empty event must not block
     EXPECT_FALSE(event.IsSignaled());
     event.Signal();
     event.Signal();
@@ -29,15 +34,6 @@ TEST(SignalObject, SignalTwiceResetOnceLeavesItUnsignalled) {
     event.Reset();
     EXPECT_FALSE(event.IsSignaled());
     EXPECT_FALSE(event.WaitSignal(0));
-}
-
-TEST(SignalObject, DescriptorsAreNonBlockingAndCloseOnExec) {
-    LSignalObject event;
-    int fd = event.GetRef().GetDescriptor();
-    ASSERT_GE(fd, 0);
-    EXPECT_TRUE(fcntl(fd, F_GETFL) & O_NONBLOCK);
-    EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
-    event.Reset();  // resetting an empty event must not block
 }
 
 TEST(SignalObject, SignalFromAnotherThreadEndsAnEndlessWait) {
@@ -63,7 +59,7 @@ TEST(SignalObject, DualAndTripleWaitsSeeAnyOfTheirEvents) {
     EXPECT_TRUE(a.GetRef().WaitSignalDual(b, 0));
 }
 
-TEST(SignalObjectGroup, The257thEntryIsIgnored) {
+TEST(SignalObjectGroup, The257thEntryIsIgnoredWhetherAddedAloneOrInAGroup) {
     LSignalObject quiet, loud;
     loud.Signal();
     LSignalObjectGroup group;
@@ -76,11 +72,8 @@ TEST(SignalObjectGroup, The257thEntryIsIgnored) {
     group.Add(loud.GetRef());
     EXPECT_EQ(group.GetCount(), 256u);
     EXPECT_FALSE(group.Select(0));
-}
 
-TEST(SignalObjectGroup, AddingAGroupTakesWhatFitsAndReportsReadyEntries) {
-    LSignalObject quiet, loud;
-    loud.Signal();
+    // Adding a group takes what fits and reports ready entries.
     LSignalObjectGroup big, other;
     for (int i = 0; i < 250; ++i) {
         big.Add(quiet.GetRef());

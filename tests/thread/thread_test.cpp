@@ -117,13 +117,6 @@ TEST(Thread, GroupWaitAppendsTheStopEventWhileThereIsRoom) {
     EXPECT_EQ(full.GetCount(), 256u);
 }
 
-TEST(Thread, NeverStartedThreadIsDestroyedWithoutWaiting) {
-    auto* t = new FunctionThread([](FunctionThread&) {});
-    t->SetPriority(10);  // no thread: nothing happens
-    EXPECT_FALSE(t->IsRunning());
-    delete t;
-}
-
 TEST(Thread, DestructionStopsAndWaitsForTheBody) {
     std::atomic<bool> bodyEnded{false};
     {
@@ -139,6 +132,8 @@ TEST(Thread, DestructionStopsAndWaitsForTheBody) {
 
 TEST(Thread, SetPriorityOnARunningThreadKeepsItRunning) {
     FunctionThread t([](FunctionThread& self) { self.ProcessWaitUntilStopped(); });
+    t.SetPriority(10);  // no thread yet: nothing happens
+    EXPECT_FALSE(t.IsRunning());
     t.Start(91);  // the audio priority falls back on the ordinary call here
     EXPECT_EQ(t.GetPriority(), 91);
     t.SetPriority(0);
@@ -192,7 +187,7 @@ void StartWaiters(LDetachedThreadsOwner& owner, std::atomic<int>& destroyed, int
     }
 }
 
-TEST(DetachedThread, StopThreadsNowStopsAndDestroysEveryThread) {
+TEST(DetachedThread, StopThreadsNowDestroysEveryThreadAndSoonLetsThemEndOnTheirOwn) {
     LDetachedThreadsOwner owner;
     std::atomic<int> destroyed{0};
     StartWaiters(owner, destroyed, 8);
@@ -201,14 +196,10 @@ TEST(DetachedThread, StopThreadsNowStopsAndDestroysEveryThread) {
     EXPECT_EQ(owner.GetThreadCount(), 0u);
     // A thread that saw the stop before the owner took it destroys itself; let it finish.
     EXPECT_TRUE(WaitForCount(destroyed, 8));
-}
 
-TEST(DetachedThread, StopThreadsSoonLetsThemEndOnTheirOwn) {
-    LDetachedThreadsOwner owner;
-    std::atomic<int> destroyed{0};
     StartWaiters(owner, destroyed, 4);
     owner.StopThreadsSoon();
-    ASSERT_TRUE(WaitForCount(destroyed, 4));
+    ASSERT_TRUE(WaitForCount(destroyed, 12));
     EXPECT_EQ(owner.GetThreadCount(), 0u);
 }
 
