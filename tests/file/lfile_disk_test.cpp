@@ -26,7 +26,7 @@ namespace {
 using ltest::TempTree;
 namespace fs = std::filesystem;
 
-TEST(Exists, AnyKindOfEntry) {
+TEST(Exists, AnyKindOfEntryDanglingLinksIncluded) {
     TempTree tree;
     std::string file = tree.MakeFile("a/take.wav");
     std::string folder = tree.Path("a");
@@ -42,10 +42,7 @@ TEST(Exists, AnyKindOfEntry) {
     EXPECT_FALSE(LFile::TestFileExists(nullptr));
     // A path through a file is refused by both the access test and the lookup.
     EXPECT_FALSE(LFile::TestFileExists((file + "/x").c_str()));
-}
-
-TEST(Exists, LinkThatLeadsNowhereIsStillAnEntry) {
-    TempTree tree;
+    // A link that leads nowhere is still an entry.
     std::string link = tree.Path("dangling");
     ASSERT_EQ(symlink(tree.Path("nowhere").c_str(), link.c_str()), 0);
     EXPECT_TRUE(LFile::TestFileExists(link.c_str()));
@@ -184,7 +181,7 @@ TEST(SizeFormattedBytes, LargestUnitTruncated) {
     }
 }
 
-TEST(VolumeFileSizeLimit, TypeNameClasses) {
+TEST(VolumeFileSizeLimit, TypeNameClassesAndKernelNames) {
     for (char const* name : {"fat32", "FAT32", "fat16b"}) {
         EXPECT_EQ(LFile::_GetVolumeFileSizeLimitFromTypeName(name), 1) << name;
     }
@@ -196,9 +193,6 @@ TEST(VolumeFileSizeLimit, TypeNameClasses) {
         EXPECT_EQ(LFile::_GetVolumeFileSizeLimitFromTypeName(name), 2) << name;
     }
     EXPECT_EQ(LFile::_GetVolumeFileSizeLimitFromTypeName(nullptr), 2);
-}
-
-TEST(VolumeFileSizeLimit, KernelNamesMapped) {
     char const* const mapped[][2] = {{"vfat", "FAT32"}, {"msdos", "FAT32"}, {"exfat", "exFAT"},
                                      {"ntfs3", "NTFS"}, {"ntfs", "NTFS"},   {"ext4", "ext4"}};
     for (auto const& [kernel, name] : mapped) {
@@ -223,7 +217,7 @@ TEST(VolumeFileSizeLimit, RealPaths) {
     EXPECT_EQ(LFile::GetVolumeFileSizeLimit(nullptr), 2);
 }
 
-TEST(MountTable, ParsesLines) {
+TEST(MountTable, ParsesLinesAndFindsTheDeepestMountAboveAPath) {
     LMountInfo m;
     ASSERT_TRUE(_LParseMountInfoLine(
         "36 35 98:0 /mnt1 /media/my\\040disk rw,noatime master:1 shared:2 - vfat /dev/sdb1 rw", m));
@@ -239,10 +233,7 @@ TEST(MountTable, ParsesLines) {
     EXPECT_FALSE(_LParseMountInfoLine("21 26 020 / /proc rw - proc proc rw", m));
     EXPECT_FALSE(_LParseMountInfoLine("", m));
     EXPECT_FALSE(_LReadMountTable().empty());
-}
-
-TEST(MountTable, DeepestMountAbovePath) {
-    LMountInfo m;
+    // The deepest mount above a path answers for it.
     ASSERT_TRUE(_LFindMountForPath("/proc/self/status", m));
     EXPECT_EQ(m.mountPoint, "/proc");
     ASSERT_TRUE(_LFindMountForPath("/", m));
@@ -319,7 +310,7 @@ TEST(VolumeTests, LocalTreeAndUnreadablePaths) {
     EXPECT_FALSE(LFile::IsNetworkPath(nullptr));
 }
 
-TEST(VolumeTests, NetworkTypes) {
+TEST(VolumeTests, NetworkTypesAndWritableDrives) {
     for (char const* type : {"nfs4", "cifs", "fuse.sshfs"}) {
         EXPECT_TRUE(_LIsNetworkFileSystemType(type)) << type;
     }
@@ -328,9 +319,6 @@ TEST(VolumeTests, NetworkTypes) {
     EXPECT_TRUE(_LIsNetworkFileSystemMagic(0x6969));
     EXPECT_TRUE(_LIsNetworkFileSystemMagic(0xff534d42));
     EXPECT_FALSE(_LIsNetworkFileSystemMagic(0xef53));  // ext4
-}
-
-TEST(VolumeTests, WritableDrives) {
     int count = LFile::GetNumberOfWritableDrives();
     EXPECT_GE(count, 1);  // the folder the tests write into is on one
     EXPECT_LE(static_cast<size_t>(count), _LReadMountTable().size());
