@@ -125,11 +125,11 @@ TEST(UserDirsLine, Forms) {
     EXPECT_STREQ(dst, "/h/a\"b");
     EXPECT_TRUE(_LParseUserDirsLine("XDG_MUSIC_DIR=$HOME/x # note", "XDG_MUSIC_DIR", "/h/", dst));
     EXPECT_STREQ(dst, "/h/x");
-    EXPECT_FALSE(_LParseUserDirsLine("XDG_MUSIC_DIRS=\"/x\"", "XDG_MUSIC_DIR", "/h", dst));
-    EXPECT_FALSE(_LParseUserDirsLine("#XDG_MUSIC_DIR=\"/x\"", "XDG_MUSIC_DIR", "/h", dst));
-    EXPECT_FALSE(_LParseUserDirsLine("XDG_MUSIC_DIR = \"/x\"", "XDG_MUSIC_DIR", "/h", dst));
-    EXPECT_FALSE(_LParseUserDirsLine("XDG_MUSIC_DIR=\"$HOMEx/y\"", "XDG_MUSIC_DIR", "/h", dst));
-    EXPECT_FALSE(_LParseUserDirsLine("XDG_MUSIC_DIR=\"~/x\"", "XDG_MUSIC_DIR", "/h", dst));
+    for (char const* line :
+         {"XDG_MUSIC_DIRS=\"/x\"", "#XDG_MUSIC_DIR=\"/x\"", "XDG_MUSIC_DIR = \"/x\"",
+          "XDG_MUSIC_DIR=\"$HOMEx/y\"", "XDG_MUSIC_DIR=\"~/x\""}) {
+        EXPECT_FALSE(_LParseUserDirsLine(line, "XDG_MUSIC_DIR", "/h", dst)) << line;
+    }
     std::string longLine = "XDG_MUSIC_DIR=\"/" + std::string(400, 'm') + "\"";
     EXPECT_TRUE(_LParseUserDirsLine(longLine, "XDG_MUSIC_DIR", "/h", dst));
     EXPECT_EQ(strlen(dst), 259u);
@@ -152,7 +152,7 @@ TEST(NonSandboxed, FromTheUserDatabaseNotHome) {
     EXPECT_EQ(Get(LFile::GetUserFolder), account);
 }
 
-TEST(ProgramFolders, DataFolders) {
+TEST(ProgramFolders, DataFoldersAndTheSharedSubFolderOpenedToEverybody) {
     IsolatedHome h;
     std::string support = h.home() + "/Library/Application Support";
     std::string app = support + "/KavelPLVadHelper";
@@ -167,15 +167,12 @@ TEST(ProgramFolders, DataFolders) {
     EXPECT_EQ(std::string(dst), app + "/Logs");
     EXPECT_TRUE(fs::is_directory(app + "/Logs"));
 
-    EXPECT_EQ(Get(LFile::GetSharedDataFolderApp), app + "/Shared");
-    EXPECT_FALSE(fs::exists(app + "/Shared"));
-}
+    const std::string shared = app + "/Shared";
+    EXPECT_EQ(Get(LFile::GetSharedDataFolderApp), shared);
+    EXPECT_FALSE(fs::exists(shared));
 
-TEST(ProgramFolders, SharedSubFolderIsOpenedToEverybody) {
-    IsolatedHome h;
-    std::string shared = h.home() + "/Library/Application Support/KavelPLVadHelper/Shared";
-    char dst[kLPathSize];
-    // Without the shared folder the single-level creation fails, and that is ignored.
+    // Without the shared folder the single-level creation of a subfolder fails, and that is
+    // ignored; with it, the subfolder is opened to everybody, once.
     LFile::GetSharedDataFolderAppSubFolder("Presets", dst);
     EXPECT_EQ(std::string(dst), shared + "/Presets");
     EXPECT_FALSE(fs::exists(dst));
