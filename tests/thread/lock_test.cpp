@@ -57,7 +57,16 @@ TEST(LockObjectShared, ExclusiveWaitsForTheLastReader) {
     writer.join();
     lock.LockShared();
     EXPECT_EQ(guarded, 1);
+    // A sole reader leaving wakes a waiting writer as well.
+    std::thread second([&] {
+        lock.LockExclusive();
+        guarded = 2;
+        lock.UnlockExclusive();
+    });
+    usleep(20000);
     lock.UnlockShared();
+    second.join();
+    EXPECT_EQ(guarded, 2);
     EXPECT_EQ(lock.GetReaderCount(), 0);
 }
 
