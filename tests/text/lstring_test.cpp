@@ -86,6 +86,7 @@ TEST(LStringLong, MoveLeavesSourceNullAndAssignmentReusesBuffer) {
     EXPECT_STREQ(self.GetText(), "cdef");
     self.Append(self.GetText(), self.GetLength());
     EXPECT_STREQ(self.GetText(), "cdefcdef");
+    EXPECT_EQ(self.GetCapacity(), 28u);  // appending grows by four times as well
 }
 
 TEST(LStringLong, AccessorsComparisonAndBufferHandOff) {
