@@ -39,7 +39,9 @@ struct Fixture {
         for (int s = 0; text.size() < kFileBytes; ++s) {
             char section[64];
             std::snprintf(section, sizeof section, "Recorder Profile %d", s);
-            text += "[" + std::string(section) + "]\r\n";
+            text += '[';
+            text += section;
+            text += "]\r\n";
             for (int k = 0; k < kKeysPerSection; ++k) {
                 char key[64];
                 std::snprintf(key, sizeof key, "Setting%03d", k);

@@ -369,14 +369,15 @@ namespace {
 // which the program's static initialiser calls at its fixed place.
 struct RegistryStorage {
     union {
+        char unbuilt;
         LDatFileNativeSystem system;
     };
-    constexpr RegistryStorage() {}
+    constexpr RegistryStorage() : unbuilt(0) {}
     ~RegistryStorage() {}
 };
 
-RegistryStorage gRegistryStorage;
-std::once_flag gRegistryCreated;
+constinit RegistryStorage gRegistryStorage;
+constinit std::once_flag gRegistryCreated;
 
 void DestroyRegistry() {
     gRegistryStorage.system.~LDatFileNativeSystem();
@@ -384,12 +385,12 @@ void DestroyRegistry() {
 
 LDatFileNativeSystem& Registry() {
     LDatFileNativeSystem::Create();
-    return gDatFileNativeSystem;
+    return gRegistryStorage.system;
 }
 
 }  // namespace
 
-LDatFileNativeSystem& gDatFileNativeSystem = gRegistryStorage.system;
+constinit LDatFileNativeSystem& gDatFileNativeSystem = gRegistryStorage.system;
 
 LDatFileNativeSystem::LDatFileNativeSystem() {
     pthread_mutexattr_t attributes;
