@@ -46,7 +46,6 @@ void LDatFileFlush();
 // benchmark may replace it; null restores the wall clock.
 using LDatFileClock = uint32_t (*)();
 void _LDatFileSetClock(LDatFileClock clock);
-uint32_t _LDatFileNow();
 
 // Typed access to one data file. The object holds only the file's path; every accessor goes
 // through LDatFileSetValue and LDatFileGetValue, and every getter gives the default for an

@@ -46,6 +46,8 @@ private:
 uint32_t _LDatFileHashName(std::string_view name);
 // ASCII case-insensitive equality, as the file format compares names.
 bool _LDatFileSameName(std::string_view a, std::string_view b);
+// The registry's clock as set by _LDatFileSetClock (the wall clock by default).
+uint32_t _LDatFileNow();
 
 // Records of one chain: singly linked in order, with the tail kept for appending.
 template <class T>
