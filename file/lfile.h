@@ -8,8 +8,8 @@
 //
 // This header holds the path operations (composition, splitting, relative and absolute
 // forms, display forms, name validation, MIME types, existence tests, error predicates, the
-// current directory) and the special-folder and volume queries. Folder walks, copies,
-// streams and bookmarks join the class in their own files.
+// current directory) and the special-folder and volume queries. Streams and text files are
+// declared in lfile_stream.h and lfile_text.h; bookmarks join the class in their own files.
 #pragma once
 
 #include <cstddef>
@@ -182,6 +182,12 @@ public:
     static int _GetVolumeFileSizeLimitFromTypeName(char const* typeName);
     // "%llu TB", "%llu GB", "%llu MB", "%llu KB" or "%llu Bytes" into dst (260 bytes).
     static void GetSizeFormattedBytes(unsigned long long bytes, char* dst);
+
+    // ---- Text files --------------------------------------------------------------------
+
+    // Tags the file as UTF-8 text (the text-encoding extended attribute); the system call's
+    // result, 0 or -1.
+    static int SetFileAttributeTextEncodingUTF8(char const* path);
 
     // ---- Tree permissions --------------------------------------------------------------
 

@@ -71,3 +71,13 @@ bool _LIsNetworkFileSystemMagic(unsigned long magic);
 // device is unknown there.
 bool _LReadBlockDeviceFlags(char const* sysRoot, unsigned int major, unsigned int minor,
                             bool* removable, bool* internal);
+
+// The pause between the attempts of the timed waits (advisory locks, busy folders). Tests
+// replace it to record the schedule; it must sleep at least ms milliseconds, resuming a sleep
+// that a signal cut short.
+extern void (*_gLFilePause)(unsigned int ms);
+
+// Opens (creating, truncating, mode) path for reading and writing with an exclusive advisory
+// lock requested in the same step, without waiting. -1 with errno EWOULDBLOCK when another
+// holder has the lock; -1 with another errno when the file cannot be opened.
+int _LOpenExclusiveNonBlocking(char const* path, unsigned int mode);

@@ -6,6 +6,8 @@
 
 #include <iterator>
 
+#include "settings/ldatfile_native.h"
+
 LXPCDictionaryKey arVADHelperTxKeys[kLVADHelperKeyTableSize];
 LXPCDictionaryKey arVADHelperRxKeys[kLVADHelperKeyTableSize];
 
@@ -46,10 +48,13 @@ void FillKeyTable(LXPCDictionaryKey (&table)[kLVADHelperKeyTableSize], KeyEntry 
     table[N].type = LXPCDataTypeNone;
 }
 
-// Further start-up pieces (hang detector, thread-registry lock, crash handler, data-file
-// lock) take their places before the key tables as their subsystems provide them.
+// The start-up pieces in their fixed order.
 struct Startup {
     Startup() {
+        // The diagnostics pieces come first, in this order, as their subsystem provides them:
+        // the hang detector (and its destruction at exit), the thread-registry lock, the crash
+        // handler.
+        LDatFileNativeSystem::Create();
         FillKeyTable(arVADHelperTxKeys, kTxKeys);
         FillKeyTable(arVADHelperRxKeys, kRxKeys);
     }

@@ -2,6 +2,8 @@
 // the red-black tree (see lhashtable.h for the ordering and duplicate-key rules).
 #include "settings/lhashtable.h"
 
+#include "settings/ldatfile.h"
+
 #include <cstdlib>
 #include <memory>
 
@@ -407,5 +409,11 @@ void LHashTable::SaveString(LStringLongTemplate<char>& out) const {
         out.Append(it.GetParm());
         out.Append("=", 1);
         out.Append(it.GetData());
+    }
+}
+
+void LHashTable::SaveDatFile(LDatFile& file, const char* section) const {
+    for (ConstIterator it(*this); it; ++it) {
+        LDatFileSetValue(file.GetPath(), section, it.GetParm(), it.GetData());
     }
 }

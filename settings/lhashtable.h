@@ -18,6 +18,8 @@
 #include "settings/lrbtree.h"
 #include "text/lstring.h"
 
+class LDatFile;
+
 // A growable key string owned by a tree node, ordered by strcmp.
 class LStringLongKey : public LStringLongTemplate<char> {
 public:
@@ -155,6 +157,9 @@ public:
     unsigned long SaveHTTPString(LStringLongTemplate<char>& out) const;
     // Appends "key=value" pairs joined by '&', unencoded.
     void SaveString(LStringLongTemplate<char>& out) const;
+    // Sets every pair into one section of the data file, in ascending key order (one set, and
+    // so one save of the file, per pair).
+    void SaveDatFile(LDatFile& file, const char* section) const;
 
     // The tree itself, for inspection.
     const Tree& GetTree() const { return m_tree; }
