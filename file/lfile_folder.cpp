@@ -1,9 +1,10 @@
 // Folder walks, wildcard matching and the folder-tree operations of LFile.
 //
 // Tree operations ignore failures on single entries and report only their last creation or
-// removal. Entry paths are built in 260-byte buffers like every other path; an entry whose
-// path would not fit is left alone, because the cut path names some other entry (possibly
-// the folder being walked, which would never end).
+// removal. Entry paths are built in 260-byte buffers like every other path, from the caller's
+// folder path rather than the walk's (cut) copy; an entry whose path would not fit is left
+// alone, because the cut path names some other entry (possibly the folder being walked,
+// which would never end).
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -59,7 +60,7 @@ bool ForEachEntry(char const* folder, Visit&& visit) {
     do {
         char const* name = walk.GetFileName();
         char path[kLPathSize];
-        if (!IsDotOrDotDot(name) && JoinEntry(path, walk.GetFolder(), name)) {
+        if (!IsDotOrDotDot(name) && JoinEntry(path, folder, name)) {
             visit(static_cast<char const*>(path));
         }
     } while (walk.Next());
@@ -365,7 +366,7 @@ void LFile::DeleteOldFiles(char const* folder, char const* pattern, int days) {
     do {
         char path[kLPathSize];
         long long born = 0;
-        if (JoinEntry(path, walk.GetFolder(), walk.GetFileName()) &&
+        if (JoinEntry(path, folder, walk.GetFileName()) &&
             (!_LGetBirthTime(path, &born) || born < cutoff)) {
             unlink(path);
         }
@@ -394,8 +395,7 @@ int LFile::DeleteFolderContents(LProcessInterface& process, char const* folder, 
     }
     do {
         char path[kLPathSize];
-        if (IsDotOrDotDot(walk.GetFileName()) ||
-            !JoinEntry(path, walk.GetFolder(), walk.GetFileName())) {
+        if (IsDotOrDotDot(walk.GetFileName()) || !JoinEntry(path, folder, walk.GetFileName())) {
             continue;
         }
         if (process.IsToStop()) {
