@@ -81,3 +81,15 @@ extern void (*_gLFilePause)(unsigned int ms);
 // lock requested in the same step, without waiting. -1 with errno EWOULDBLOCK when another
 // holder has the lock; -1 with another errno when the file cannot be opened.
 int _LOpenExclusiveNonBlocking(char const* path, unsigned int mode);
+
+// Creates destination (which must not exist: EEXIST otherwise) as a copy of source: a file
+// with its data (holes kept where the file system allows), extended attributes, mode and
+// times; a symbolic link as a link to the same target; a folder as an empty folder with the
+// same metadata. Links are never followed. 0 on success, else the errno value, with nothing
+// left at destination.
+int _LCopyItem(char const* source, char const* destination);
+// The entry's birth time in seconds, or its change time where the file system keeps none;
+// false when its status cannot be read. Links are not followed.
+bool _LGetBirthTime(char const* path, long long* seconds);
+// Clears the immutable, append-only and no-dump flags of a file so that it can be removed.
+void _LClearFileFlags(char const* path);

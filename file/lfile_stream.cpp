@@ -302,18 +302,17 @@ size_t LReadFileBuffered::Peek(void* buffer, size_t count) {
         memcpy(buffer, m_arBuffer + m_nPosition, count);
         return count;
     }
+    unsigned long long const start = Tell64();
     size_t const n = Read(buffer, count);
-    // The peeked bytes become the buffer. When they fit, the descriptor already stands just
-    // behind them and the logical position is back where it was; otherwise it is moved back
-    // to the end of the part the buffer holds.
+    // The peeked bytes become the buffer, and the descriptor is put just behind them: a refill
+    // during the read may have taken it well past what was delivered.
     size_t const keep = std::min(n, kBufferSize);
-    if (n > keep) {
-        unsigned long long const start = Tell64() - n;
-        lseek(m_hFile, static_cast<off_t>(start + keep), SEEK_SET);
-    }
     memcpy(m_arBuffer, buffer, keep);
     m_nPosition = 0;
     m_nValid = keep;
+    if (m_hFile != -1) {
+        lseek(m_hFile, static_cast<off_t>(start + keep), SEEK_SET);
+    }
     return n;
 }
 
