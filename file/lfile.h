@@ -8,11 +8,14 @@
 //
 // This header holds the path operations (composition, splitting, relative and absolute
 // forms, display forms, name validation, MIME types, existence tests, error predicates, the
-// current directory) and the special-folder and volume queries. Folder walks, copies,
-// streams and bookmarks join the class in their own files.
+// current directory), the folder-tree operations, and the special-folder and volume queries.
+// The folder walks are defined in lfile_folder.h, streams and text files in lfile_stream.h and
+// lfile_text.h; bookmarks join the class in their own files.
 #pragma once
 
 #include <cstddef>
+
+class LProcessInterface;
 
 // Size of every path, name and message buffer handed to LFile: 259 characters and the NUL.
 inline constexpr size_t kLPathSize = 260;
@@ -183,10 +186,54 @@ public:
     // "%llu TB", "%llu GB", "%llu MB", "%llu KB" or "%llu Bytes" into dst (260 bytes).
     static void GetSizeFormattedBytes(unsigned long long bytes, char* dst);
 
-    // ---- Tree permissions --------------------------------------------------------------
+    // ---- Text files --------------------------------------------------------------------
+
+    // Tags the file as UTF-8 text (the text-encoding extended attribute); the system call's
+    // result, 0 or -1.
+    static int SetFileAttributeTextEncodingUTF8(char const* path);
+
+    // ---- Folder walks and trees (lfile_folder.h) -----------------------------------------
+
+    class FolderIterator;
+    class FolderIteratorAllFiles;
+
+    // Wildcard match, case-sensitive: "?" is any one character, "*" any run, even empty.
+    static bool IsMatch(char const* pattern, char const* name);
+
+    // Creates the missing folders above path, then path itself (mode 0777). The result is
+    // that of the last creation: an existing path gives false.
+    static bool CreateFolderTree(char const* path);
+    // Copies data (holes kept), extended attributes, mode and times; a symbolic link is copied
+    // as a link, never followed on either side. A missing destination is created (the result
+    // is then true whatever happened); an existing one is replaced by renaming a finished
+    // copy over it, and the result says whether that succeeded.
+    static bool CopyFile(char const* source, char const* destination);
+    // Copies the folder's files and subfolders into destination (created when missing).
+    static void CopyFolderFiles(char const* source, char const* destination);
+
+    // Removes the folder and everything in it; the result is the removal of the folder itself.
+    // Entries are told apart by their status following symbolic links.
+    static bool DeleteFolderTree(char const* path);
+    // The same, retrying the final removal while the folder is busy, for about waitMs ms.
+    static bool DeleteFolderTree(char const* path, unsigned int waitMs);
+    // As DeleteFolderTree, clearing each file's immutable and append-only flags first.
+    static bool DeleteFolderTreeAlways(char const* path);
+    // Removes the files directly inside the folder, then the folder (which stays, with false,
+    // when it holds subfolders).
+    static bool DeleteFolderAndFiles(char const* path);
+    // Removes the entries matching pattern whose birth time is more than days days ago.
+    static void DeleteOldFiles(char const* folder, char const* pattern, int days);
+    // Removes the folder's files last modified at least ageSeconds ago, and whole subtrees the
+    // same way, reporting through process: 0 done, 1 stopped, 2 no such folder.
+    static int DeleteFolderContents(LProcessInterface& process, char const* folder,
+                                    long ageSeconds);
+    // DeleteFolderContents, then the folder itself: 2 when it could not be removed.
+    static int DeleteFolderTree(LProcessInterface& process, char const* path, long ageSeconds);
 
     // Sets mode 0777 on path and, for a folder, on everything beneath it. Errors ignored.
     static void SetFolderSecurityAllAccess(char const* path);
+    // True when candidate is folder or lies beneath it, by (device, inode) of each level.
+    static bool IsSubFolder(char const* folder, char const* candidate);
 };
 
 // ASCII "0"-"9", "A"-"Z", "a"-"z".

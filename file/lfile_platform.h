@@ -71,3 +71,25 @@ bool _LIsNetworkFileSystemMagic(unsigned long magic);
 // device is unknown there.
 bool _LReadBlockDeviceFlags(char const* sysRoot, unsigned int major, unsigned int minor,
                             bool* removable, bool* internal);
+
+// The pause between the attempts of the timed waits (advisory locks, busy folders). Tests
+// replace it to record the schedule; it must sleep at least ms milliseconds, resuming a sleep
+// that a signal cut short.
+extern void (*_gLFilePause)(unsigned int ms);
+
+// Opens (creating, truncating, mode) path for reading and writing with an exclusive advisory
+// lock requested in the same step, without waiting. -1 with errno EWOULDBLOCK when another
+// holder has the lock; -1 with another errno when the file cannot be opened.
+int _LOpenExclusiveNonBlocking(char const* path, unsigned int mode);
+
+// Creates destination (which must not exist: EEXIST otherwise) as a copy of source: a file
+// with its data (holes kept where the file system allows), extended attributes, mode and
+// times; a symbolic link as a link to the same target; a folder as an empty folder with the
+// same metadata. Links are never followed. 0 on success, else the errno value, with nothing
+// left at destination.
+int _LCopyItem(char const* source, char const* destination);
+// The entry's birth time in seconds, or its change time where the file system keeps none;
+// false when its status cannot be read. Links are not followed.
+bool _LGetBirthTime(char const* path, long long* seconds);
+// Clears the immutable, append-only and no-dump flags of a file so that it can be removed.
+void _LClearFileFlags(char const* path);

@@ -1,5 +1,4 @@
-// The user's standard folders, the program's data folders, the bundle, the trash test and
-// the tree-wide permission opener.
+// The user's standard folders, the program's data folders, the bundle and the trash test.
 //
 // Each standard folder has a kind (answered by the platform folder search) and a fallback
 // under the home folder that is used, and created, when the search has no answer. Program
@@ -282,34 +281,4 @@ bool LFile::IsRecycleBinEmpty() {
     }
     closedir(dir);
     return empty;
-}
-
-void LFile::SetFolderSecurityAllAccess(char const* path) {
-    if (path == nullptr) {
-        return;
-    }
-    chmod(path, 0777);
-    struct stat st;
-    if (stat(path, &st) != 0 || !S_ISDIR(st.st_mode)) {
-        return;
-    }
-    DIR* dir = opendir(path);
-    if (dir == nullptr) {
-        return;
-    }
-    while (dirent* entry = readdir(dir)) {
-        char const* name = entry->d_name;
-        if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0) {
-            continue;
-        }
-        std::string child = std::string(path) + "/" + name;
-        // Links are left alone: changing a link's mode would change whatever it points at,
-        // which may lie outside the tree.
-        struct stat cst;
-        if (lstat(child.c_str(), &cst) != 0 || S_ISLNK(cst.st_mode)) {
-            continue;
-        }
-        SetFolderSecurityAllAccess(child.c_str());
-    }
-    closedir(dir);
 }
