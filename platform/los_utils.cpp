@@ -90,6 +90,11 @@ void LGetOSVersion(unsigned char& major, unsigned char& minor, unsigned char& pa
     patch = static_cast<unsigned char>(gnOSVersionPatch.load(std::memory_order_relaxed));
 }
 
+void LGetOSVersion(unsigned char& major, unsigned char& minor) {
+    unsigned char patch = 0;
+    LGetOSVersion(major, minor, patch);
+}
+
 bool LIsUserRoot() {
     char const* user = getenv("USER");
     return getuid() == 0 || strcmp(user != nullptr ? user : "", "root") == 0;

@@ -13,6 +13,7 @@
 
 // The system version as major, minor and patch numbers; cached after the first call.
 void LGetOSVersion(unsigned char& major, unsigned char& minor, unsigned char& patch);
+void LGetOSVersion(unsigned char& major, unsigned char& minor);
 
 // True when the real user id is 0, or when "USER" is exactly "root".
 bool LIsUserRoot();

@@ -71,9 +71,10 @@ TEST(OSVersion, MatchesThisMachineAndStaysCached) {
     EXPECT_EQ(major, a);
     EXPECT_EQ(minor, b);
     EXPECT_EQ(patch, c);
-    unsigned char again = 0;
-    LGetOSVersion(again, minor, patch);
+    unsigned char again = 0, minorAgain = 0;
+    LGetOSVersion(again, minorAgain);
     EXPECT_EQ(again, major);
+    EXPECT_EQ(minorAgain, minor);
 }
 
 // The user tests run in children that give up root, so the test process keeps it.
