@@ -42,8 +42,9 @@ char const* HeaderValue(char const* line, std::string_view label) {
     return value;
 }
 
-// Reads one report's header; true with its time when all five lines hold.
-bool ReadReport(char const* file, char const* bundleName, char const* ownTail, long& time) {
+}  // namespace
+
+bool _LReadCrashReport(char const* file, char const* bundleName, char const* ownTail, long& time) {
     int fd = open(file, O_RDONLY | O_CLOEXEC);
     if (fd == -1) {
         return false;
@@ -75,8 +76,6 @@ bool ReadReport(char const* file, char const* bundleName, char const* ownTail, l
     return process && path && identifier && version && date;
 }
 
-}  // namespace
-
 bool _LFindLatestCrashReport(char const* folder, char const* bundleName, char const* exe,
                              char* path) {
     if (bundleName == nullptr || bundleName[0] == 0) {
@@ -94,7 +93,7 @@ bool _LFindLatestCrashReport(char const* folder, char const* bundleName, char co
         char file[kLPathSize];
         walk.GetFilePath(file);
         long time = 0;
-        if (ReadReport(file, bundleName, ownTail, time)) {
+        if (_LReadCrashReport(file, bundleName, ownTail, time)) {
             times[position] = time;
             reports[time] = file;
         }

@@ -41,6 +41,9 @@ bool LMacGetLatestCrashReport(char* path);
 void _LMachineDataEncode(char const* text, char* out, size_t size);
 // The "model name" value of a cpuinfo text, cut to 259 characters; false when absent.
 bool _LMachineCPUInfoModelName(std::string_view cpuinfo, char* out);
+// One report's header: true with its time when it names this program (the path compared
+// from bundleName on with ownTail, the executable's path from bundleName on) and is dated.
+bool _LReadCrashReport(char const* file, char const* bundleName, char const* ownTail, long& time);
 // The crash-report search over one folder, for a program whose bundle folder is named
 // bundleName and whose executable is exe.
 bool _LFindLatestCrashReport(char const* folder, char const* bundleName, char const* exe,

@@ -25,7 +25,7 @@ namespace {
 
 thread_local std::jmp_buf* tPciEscape = nullptr;
 
-[[noreturn]] void PciFatal(char*, ...) {
+__attribute__((noreturn)) void PciFatal(char*, ...) {
     std::longjmp(*tPciEscape, 1);
 }
 
@@ -81,8 +81,7 @@ bool _LMachineCPUInfoModelName(std::string_view cpuinfo, char* out) {
             continue;
         }
         rest.remove_prefix(colon + 1);
-        size_t start = rest.find_first_not_of(" \t");
-        rest = start == std::string_view::npos ? std::string_view() : rest.substr(start);
+        rest.remove_prefix(std::min(rest.find_first_not_of(" \t"), rest.size()));
         size_t n = std::min<size_t>(rest.size(), 259);
         memcpy(out, rest.data(), n);
         out[n] = 0;

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "debug/ldebug.h"
 #include "thread/llock.h"
 
 namespace {
@@ -72,6 +73,10 @@ bool _LOSReleaseValue(std::string_view content, std::string_view key, char* out)
         return true;
     }
     return false;
+}
+
+void LUnixAppInitCommon() {
+    LDebugThreadDataStartThread("MAIN");
 }
 
 void LGetOSVersion(unsigned char& major, unsigned char& minor, unsigned char& patch) {

@@ -11,6 +11,10 @@
 #include <string_view>
 #include <vector>
 
+// The common start-up of a program: registers the calling (main) thread in the debug thread
+// registry under the name "MAIN".
+void LUnixAppInitCommon();
+
 // The system version as major, minor and patch numbers; cached after the first call.
 void LGetOSVersion(unsigned char& major, unsigned char& minor, unsigned char& patch);
 void LGetOSVersion(unsigned char& major, unsigned char& minor);
