@@ -1,0 +1,154 @@
+#include "debug/ldebug.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <barrier>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/file/temp_tree.h"
+#include "tests/thread/child_process.h"
+
+namespace {
+
+// A live holder in another process; a second instance beside it; then the holder killed.
+TEST(HangDetector, SecondInstanceAndStaleFileAcrossProcesses) {
+    ltest::TempTree tree;
+    ltest::EnvOverride cache("XDG_CACHE_HOME", tree.root()), logname("LOGNAME", ""),
+        user("USER", "hanger");
+    std::string const path = tree.Path("_kavelplvadhelper_rl_hanger");
+    EXPECT_EQ(LHangDetector().GetLockFilePath(), path);
+    EXPECT_TRUE(std::filesystem::is_empty(tree.root()));  // constructing opens nothing
+    // seconds x 1000 + microseconds / 1000, in 32 bits: 4294968999 wraps to 1703.
+    EXPECT_EQ(_LHangDetectorMakeRecord(4294968, 999999).ticks, 1703u);
+    auto contents = [&] {
+        std::ifstream in(path, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    };
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    logname.Set("hanger");  // LOGNAME comes first
+    user.Set("other");
+    time_t const before = time(nullptr);
+    pid_t holder = ltest::ForkChild([&] {
+        LHangDetector detector;
+        detector.InitAndTest();
+        int fd = detector.GetFileDescriptor();
+        char ok = fd != -1 && (fcntl(fd, F_GETFD) & FD_CLOEXEC) ? 'y' : 'n';
+        (void)!write(ready[1], &ok, 1);
+        return pause();
+    });
+    char ok = 0;
+    ASSERT_TRUE(read(ready[0], &ok, 1) == 1 && ok == 'y');
+    std::string const record = contents();
+    LHangDetectorRecord held{};
+    memcpy(&held, record.data(), std::min<size_t>(record.size(), 16));
+    EXPECT_TRUE(record.size() == 16 && held.seconds >= before && held.seconds <= time(nullptr));
+
+    LHangDetector second;
+    second.InitAndTest();
+    EXPECT_EQ(second.GetFileDescriptor(), -1);
+    EXPECT_EQ(contents(), record);
+    EXPECT_NE(flock(open(path.c_str(), O_RDONLY | O_CLOEXEC), LOCK_SH | LOCK_NB), 0);
+
+    kill(holder, SIGKILL);
+    ltest::WaitChild(holder);
+    second.InitAndTest();  // stale: deleted, no new marker yet
+    EXPECT_EQ(second.GetFileDescriptor(), -1);
+    EXPECT_FALSE(std::filesystem::exists(path));
+    second.InitAndTest();
+    EXPECT_NE(second.GetFileDescriptor(), -1);
+    EXPECT_EQ(contents().size(), 16u);
+    second._Release();
+    EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+class ThreadRegistry : public ::testing::Test {
+    void TearDown() override { EXPECT_EQ(gnDebugThreads.load(), 0u) << "a record was left"; }
+};
+
+TEST_F(ThreadRegistry, SixtyFiveAtOnce) {
+    constexpr int kThreads = 65;
+    std::barrier step(kThreads + 1);
+    std::vector<LDebugThreadData*> records(kThreads);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+        threads.emplace_back([&, i] {
+            step.arrive_and_wait();
+            LDebugThreadDataStartThread("WRKR");
+            records[i] = LDebugThreadFindData();
+            step.arrive_and_wait();
+            step.arrive_and_wait();  // the main thread has looked
+            LDebugThreadDataStopThread();
+        });
+    }
+    step.arrive_and_wait();
+    step.arrive_and_wait();
+    EXPECT_EQ(gnDebugThreads.load(), 64u);
+    EXPECT_EQ(std::count(records.begin(), records.end(), nullptr), 1);
+    step.arrive_and_wait();
+    for (auto& t : threads) {
+        t.join();
+    }
+}
+
+// Stopping trims the count past free slots down to the highest owned or claimed one.
+TEST_F(ThreadRegistry, SlotReuseAndTrimming) {
+    for (uint32_t t = 1001; t <= 1004; ++t) {
+        _LDebugThreadDataStartThread(t, "x");
+    }
+    _LDebugThreadDataStopThread(1002);
+    _LDebugThreadDataStopThread(1003);
+    EXPECT_EQ(gnDebugThreads.load(), 4u);  // free slots below an owned one stay counted
+    _LDebugThreadDataStartThread(1005, "x");
+    EXPECT_EQ(_LDebugThreadFindData(1005), &gDebugThreadData[1]);
+    _LDebugThreadDataStopThread(1004);
+    EXPECT_EQ(gnDebugThreads.load(), 2u);
+    gDebugThreadData[0].dwThread = kLDebugThreadClaimed;  // being filled in by its thread
+    _LDebugThreadDataStopThread(1005);
+    EXPECT_EQ(gnDebugThreads.load(), 1u);
+    gDebugThreadData[0].dwThread = 1001;
+    _LDebugThreadDataStopThread(1001);
+}
+
+TEST_F(ThreadRegistry, NamesAndLastDialog) {
+    auto nameOf = [](uint32_t thread, char const* name) {
+        _LDebugThreadDataStartThread(thread, name);
+        std::string given = _LDebugThreadFindData(thread)->szName;
+        _LDebugThreadDataStopThread(thread);
+        return given;
+    };
+    EXPECT_EQ(nameOf(123456, nullptr), "3456");
+    EXPECT_EQ(nameOf(12, nullptr), "0012");
+    EXPECT_EQ(nameOf(7, "LongName"), "Long");
+    EXPECT_TRUE(LIsMainThread());
+    std::thread([] {
+        char name[8] = "junk";
+        LDebugThreadGetName(name);
+        EXPECT_TRUE(name[0] == 0 && !LIsMainThread());  // unregistered, not the main thread
+        uint32_t const self = gettid();
+        LDebugThreadDataStartThread(nullptr);
+        LDebugThreadGetName(name);
+        EXPECT_EQ(std::stoul(name), self % 10000);
+        LDebugThreadSetName("Opts and more");
+        LDebugThreadSetLastDialog("Opts");  // then the units, tens and hundreds digits
+        std::string const digits = {char('0' + self % 10), char('0' + self / 10 % 10),
+                                    char('0' + self / 100 % 10)};
+        LDebugThreadData const* record = LDebugThreadFindData();
+        EXPECT_EQ(std::string(record->szName) + "/" + record->szLastDialog, "Opts/Opts" + digits);
+        LDebugThreadSetLastDialog(std::string(40, 'd').c_str());
+        EXPECT_EQ(record->szLastDialog, std::string(31, 'd'));
+        LDebugThreadDataStopThread();
+    }).join();
+}
+
+}  // namespace
