@@ -108,10 +108,16 @@ void LVADHelperNotify::Reply(long connection, long message, char const* name, LX
 void LVADHelperNotify::PublishEndpoint(long connection, long message,
                                        LXPCDataListable const& value) {
     lxpc::xpc_object_t endpoint = LXPCValueAsPointer(value.nValue);
+    // Anything else (a file descriptor, above all) would be handed to the next requester
+    // as if the device had published it.
+    if (!endpoint || lxpc::xpc_get_type(endpoint) != lxpc::XPC_TYPE_ENDPOINT) {
+        Reply(connection, message, kNewEndpointReply, LXPCDataTypeBool, 1);
+        return;
+    }
     lxpc::xpc_object_t replaced;
     {
         std::lock_guard<std::mutex> lock(brokerLock_);
-        replaced = std::exchange(pEndpoint, endpoint ? lxpc::xpc_retain(endpoint) : nullptr);
+        replaced = std::exchange(pEndpoint, lxpc::xpc_retain(endpoint));
     }
     if (replaced)
         lxpc::xpc_release(replaced);
@@ -119,9 +125,10 @@ void LVADHelperNotify::PublishEndpoint(long connection, long message,
     Reply(connection, message, kNewEndpointReply, LXPCDataTypeBool, 1);
 
     std::lock_guard<std::mutex> lock(brokerLock_);
-    // A requester that has gone away since it asked gets nothing: its id no longer names a
-    // connection of the server.
-    if (nRequester != 0 && pXPCServer->HasConnection(nRequester)) {
+    // A requester that has gone away since it asked gets nothing, nor does a newcomer that
+    // was given its handle.
+    if (nRequesterGeneration != 0 &&
+        pXPCServer->ConnectionGeneration(nRequester) == nRequesterGeneration) {
         LList<LXPCDataListable> push;
         PushValue(push, kSendEndpoint, LXPCDataTypeObject, LXPCPointerAsValue(pEndpoint));
         pXPCServer->SendMessage(nRequester, push, false);
@@ -133,6 +140,7 @@ void LVADHelperNotify::RequestEndpoint(long connection, long message) {
     {
         std::lock_guard<std::mutex> lock(brokerLock_);
         nRequester = connection;
+        nRequesterGeneration = pXPCServer->ConnectionGeneration(connection);
         endpoint = pEndpoint ? lxpc::xpc_retain(pEndpoint) : nullptr;
     }
     // Without an endpoint the value is a null object, which sets no entry: the reply is an

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <memory>
+#include <thread>
 
 #include "helper/vadhelper_startup.h"
 #include "service_process.h"
@@ -228,6 +229,42 @@ TEST_F(Broker, AMessageWithBothKeysPublishesFirst) {
     }
     EXPECT_TRUE(reachedSecond) << "the sender of both keys did not become the requester";
     EXPECT_FALSE(waiting.Pushed(200ms).has_value());
+}
+
+TEST_F(Broker, OnlyAnEndpointIsPublished) {
+    Client app;
+    ASSERT_TRUE(app.Send({{"REQUEST_ENDPOINT", 1}}));
+    // A plain descriptor in place of the endpoint: answered, neither kept nor pushed.
+    lxpc::xpc_object_t file = lxpc::xpc_fd_create(STDIN_FILENO);
+    Client sender;
+    auto reply = sender.Send({{"NEW_ENDPOINT", AsValue(file)}});
+    lxpc::xpc_release(file);
+    ASSERT_TRUE(reply);
+    EXPECT_NE(vadctl::Find(*reply, "NEW_ENDPOINT_REPLY"), nullptr);
+    EXPECT_FALSE(app.Pushed(200ms).has_value());
+    lxpc::xpc_object_t stored = app.SendRaw({{"REQUEST_ENDPOINT", 1}});
+    ASSERT_NE(stored, nullptr);
+    EXPECT_EQ(lxpc::xpc_dictionary_get_count(stored), 0u);
+    lxpc::xpc_release(stored);
+}
+
+// A requester that left is never confused with a newcomer given the same handle: the
+// allocator often hands the memory of a connection that went to the next one (sanitizer
+// builds keep freed memory aside, so this bites in plain builds).
+TEST_F(Broker, APushNeverReachesANewcomer) {
+    Listener device;
+    int pushed = 0;
+    for (int trial = 0; trial < 20; ++trial) {
+        {
+            Client leaving;
+            ASSERT_TRUE(leaving.Send({{"REQUEST_ENDPOINT", 1}}));
+        }
+        std::this_thread::sleep_for(20ms);  // the service lets it go
+        Client newcomer;
+        ASSERT_TRUE(newcomer.Send({{"NEW_ENDPOINT", AsValue(device.Endpoint())}}));
+        pushed += newcomer.Pushed(100ms).has_value();
+    }
+    EXPECT_EQ(pushed, 0);
 }
 
 TEST_F(Broker, AClientDyingMidExchangeLeavesTheServiceServing) {
