@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <utility>
 
 #include "file/lfile.h"
@@ -165,12 +166,14 @@ void LVADHelperNotify::LoadDriver(long connection, long message, LXPCDataListabl
         if (LFile::TestFileExists(installed))
             LVADHelperReadBundleVersion(installed, installedVersion);
 
-        // A path that could change a command line reads like a bundle without a version.
+        // An offer that could change a command line, or make root copy a link or a special
+        // file, runs nothing at all.
+        bool const acceptable = LVADHelperIsOfferedPathAcceptable(offered);
         char offeredVersion[kLVADHelperTextSize] = "0";
-        if (LVADHelperIsOfferedPathAcceptable(offered))
+        if (acceptable)
             LVADHelperReadBundleVersion(offered, offeredVersion);
 
-        if (LVADHelperCompareVersions(offeredVersion, installedVersion) > 0) {
+        if (acceptable && LVADHelperCompareVersions(offeredVersion, installedVersion) > 0) {
             char olderDriver[kLVADHelperTextSize];
             LFile::_MakeFilePath(olderDriver, kHALFolder, kOlderDriverName, "");
             if (LFile::TestFileExists(olderDriver)) {
@@ -192,8 +195,14 @@ void LVADHelperNotify::LoadDriver(long connection, long message, LXPCDataListabl
                 LRunCommand("mkdir /Library/Audio/Plug-Ins/HAL");
             LRunCommand("rm -fr %s", installed);
             LRunCommand("cp -fr %s %s", offered, installed);
+            // The offer was checked before the copy, but its owner may have changed it
+            // since: what root would load must still be folders and plain files.
+            if (LFile::TestFileExists(installed) && !LVADHelperIsBundleTreeSafe(installed)) {
+                std::error_code ignored;
+                std::filesystem::remove_all(installed, ignored);
+            }
             RestartAudioDaemon();
-        } else if (bHelperRestarted) {
+        } else if (acceptable && bHelperRestarted) {
             RestartAudioDaemon();
             bHelperRestarted = false;
         }

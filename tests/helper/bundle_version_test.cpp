@@ -1,6 +1,8 @@
 // Bundle version reading and the digit-run ordering that decides whether a driver is newer.
 #include "helper/bundle_version.h"
 
+#include <sys/stat.h>
+
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -115,4 +117,16 @@ TEST_F(BundleDir, ReadsContentsInfoPlistOrZero) {
     strcpy(version, "junk");
     EXPECT_FALSE(LVADHelperReadBundleVersion(nullptr, version));
     EXPECT_STREQ(version, "0");
+
+    // A FIFO answers at once (nobody writes to it), and a link to a good list is not
+    // followed.
+    fs::create_directories(root_ / "Fifo.driver/Contents");
+    ASSERT_EQ(mkfifo((root_ / "Fifo.driver/Contents/Info.plist").c_str(), 0644), 0);
+    fs::create_directories(root_ / "Link.driver/Contents");
+    fs::create_symlink(fs::path(bundle) / "Contents/Info.plist",
+                       root_ / "Link.driver/Contents/Info.plist");
+    for (char const* name : {"Fifo.driver", "Link.driver"}) {
+        EXPECT_FALSE(LVADHelperReadBundleVersion((root_ / name).c_str(), version)) << name;
+        EXPECT_STREQ(version, "0");
+    }
 }
