@@ -1,5 +1,10 @@
 // The endpoint broker of the real service, driven by clients over the transport: a device
 // that publishes an anonymous listener's endpoint and applications that ask for it.
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -307,4 +312,25 @@ TEST_F(Broker, AClientDyingMidExchangeLeavesTheServiceServing) {
     lxpc::xpc_object_t endpoint = PushedEndpoint(other.Pushed(5000ms));
     ASSERT_NE(endpoint, nullptr);
     lxpc::xpc_release(endpoint);
+}
+
+// Started by a service manager that asked to be told (NOTIFY_SOCKET), the service says
+// "READY=1" once clients can connect.
+TEST(Startup, TheServiceTellsItsManagerWhenItIsReady) {
+    std::string const path = "/tmp/vadhelper_notify." + std::to_string(getpid());
+    int const manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
+    unlink(path.c_str());
+    ASSERT_EQ(bind(manager, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ServiceProcess service({"NOTIFY_SOCKET=" + path});
+    pollfd wait{manager, POLLIN, 0};
+    char said[256] = {};
+    ASSERT_EQ(poll(&wait, 1, 10000), 1) << "the service said nothing";
+    ASSERT_GT(recv(manager, said, sizeof said - 1, 0), 0);
+    EXPECT_NE(std::string(said).find("READY=1"), std::string::npos) << said;
+    EXPECT_TRUE(Client().Send({{"REQUEST_ENDPOINT", 1}}).has_value());
+    close(manager);
+    unlink(path.c_str());
 }
