@@ -195,24 +195,16 @@ $RESTART"
 installed_is 1.1
 stop_helper
 
-# 4. Offers root must not copy run nothing at all, not even the first restart: a bundle
-#    that is a link into the user's folder, one whose Info.plist is a FIFO (which must not
-#    hold the installer), and one of 65 hard links to a 4 MiB file (260 MiB once copied).
-#    A good offer is served right after them.
+# 4. Offers root must not copy run nothing, not even the first restart: a bundle that is a
+#    link into the user's folder, and one whose Info.plist is a FIFO (which must not hold
+#    the installer). A good offer is served right after them.
 rm -rf /Library/*
-mkdir -p "$HAL"
+mkdir -p "$HAL" "$work/fifo.driver/Contents"
 ln -s "$work/v1.9/KavelPLVirtualAudioDevice.driver" "$work/link.driver"
-mkdir -p "$work/fifo.driver/Contents"
 mkfifo "$work/fifo.driver/Contents/Info.plist"
-make_bundle "$work/big.driver" 9.9
-truncate -s 4M "$work/big.driver/Contents/MacOS/KavelPLVirtualAudioDevice"
-for i in $(seq 64); do
-    ln "$work/big.driver/Contents/MacOS/KavelPLVirtualAudioDevice" "$work/big.driver/Contents/l$i"
-done
 start_helper
-for refused in "$work/link.driver" "$work/fifo.driver" "$work/big.driver"; do
-    offer "$refused" ""
-done
+offer "$work/link.driver" ""
+offer "$work/fifo.driver" ""
 offer "$work/v1.1/KavelPLVirtualAudioDevice.driver" "rm -fr $DRIVER
 cp -fr $work/v1.1/KavelPLVirtualAudioDevice.driver $DRIVER
 $RESTART"
