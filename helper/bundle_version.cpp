@@ -1,7 +1,11 @@
 // Bundle version reading through libplist and the digit-run ordering of versions.
 #include "helper/bundle_version.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <plist/plist.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
@@ -28,22 +32,40 @@ struct PlistDeleter {
 };
 using PlistPtr = std::unique_ptr<std::remove_pointer_t<plist_t>, PlistDeleter>;
 
-struct FileCloser {
-    void operator()(FILE* file) const { std::fclose(file); }
+struct Descriptor {
+    explicit Descriptor(int f) : fd(f) {}
+    ~Descriptor() {
+        if (fd >= 0)
+            close(fd);
+    }
+    Descriptor(Descriptor const&) = delete;
+    Descriptor& operator=(Descriptor const&) = delete;
+    int const fd;
 };
 
+// Reads a regular file of at most kMaxInfoPlistBytes. The file is opened without following
+// a link and without waiting (a FIFO would otherwise hold the installer, as root, for as
+// long as its writer likes), and read only once it is known to be a regular file.
 bool ReadSmallFile(std::string const& path, std::string& bytes) {
-    std::unique_ptr<FILE, FileCloser> file(std::fopen(path.c_str(), "rb"));
-    if (!file)
+    Descriptor const file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat st;
+    if (file.fd < 0 || fstat(file.fd, &st) != 0 || !S_ISREG(st.st_mode) ||
+        static_cast<uint64_t>(st.st_size) > kMaxInfoPlistBytes)
         return false;
     char chunk[4096];
-    size_t got;
-    while ((got = std::fread(chunk, 1, sizeof chunk, file.get())) > 0) {
-        if (bytes.size() + got > kMaxInfoPlistBytes)
+    for (;;) {
+        ssize_t const got = read(file.fd, chunk, sizeof chunk);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0)
             return false;
-        bytes.append(chunk, got);
+        if (got == 0)
+            return true;
+        // The file may have grown since fstat.
+        if (bytes.size() + static_cast<size_t>(got) > kMaxInfoPlistBytes)
+            return false;
+        bytes.append(chunk, static_cast<size_t>(got));
     }
-    return !std::ferror(file.get());
 }
 
 bool IsDigit(unsigned char c) {

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <utility>
 
 #include "file/lfile.h"
@@ -108,10 +109,16 @@ void LVADHelperNotify::Reply(long connection, long message, char const* name, LX
 void LVADHelperNotify::PublishEndpoint(long connection, long message,
                                        LXPCDataListable const& value) {
     lxpc::xpc_object_t endpoint = LXPCValueAsPointer(value.nValue);
+    // Anything else (a file descriptor, above all) would be handed to the next requester
+    // as if the device had published it.
+    if (!endpoint || lxpc::xpc_get_type(endpoint) != lxpc::XPC_TYPE_ENDPOINT) {
+        Reply(connection, message, kNewEndpointReply, LXPCDataTypeBool, 1);
+        return;
+    }
     lxpc::xpc_object_t replaced;
     {
         std::lock_guard<std::mutex> lock(brokerLock_);
-        replaced = std::exchange(pEndpoint, endpoint ? lxpc::xpc_retain(endpoint) : nullptr);
+        replaced = std::exchange(pEndpoint, lxpc::xpc_retain(endpoint));
     }
     if (replaced)
         lxpc::xpc_release(replaced);
@@ -119,9 +126,10 @@ void LVADHelperNotify::PublishEndpoint(long connection, long message,
     Reply(connection, message, kNewEndpointReply, LXPCDataTypeBool, 1);
 
     std::lock_guard<std::mutex> lock(brokerLock_);
-    // A requester that has gone away since it asked gets nothing: its id no longer names a
-    // connection of the server.
-    if (nRequester != 0 && pXPCServer->HasConnection(nRequester)) {
+    // A requester that has gone away since it asked gets nothing, nor does a newcomer that
+    // was given its handle.
+    if (nRequesterGeneration != 0 &&
+        pXPCServer->ConnectionGeneration(nRequester) == nRequesterGeneration) {
         LList<LXPCDataListable> push;
         PushValue(push, kSendEndpoint, LXPCDataTypeObject, LXPCPointerAsValue(pEndpoint));
         pXPCServer->SendMessage(nRequester, push, false);
@@ -133,6 +141,7 @@ void LVADHelperNotify::RequestEndpoint(long connection, long message) {
     {
         std::lock_guard<std::mutex> lock(brokerLock_);
         nRequester = connection;
+        nRequesterGeneration = pXPCServer->ConnectionGeneration(connection);
         endpoint = pEndpoint ? lxpc::xpc_retain(pEndpoint) : nullptr;
     }
     // Without an endpoint the value is a null object, which sets no entry: the reply is an
@@ -157,12 +166,14 @@ void LVADHelperNotify::LoadDriver(long connection, long message, LXPCDataListabl
         if (LFile::TestFileExists(installed))
             LVADHelperReadBundleVersion(installed, installedVersion);
 
-        // A path that could change a command line reads like a bundle without a version.
+        // An offer that could change a command line, or make root copy a link or a special
+        // file, runs nothing at all.
+        bool const acceptable = LVADHelperIsOfferedPathAcceptable(offered);
         char offeredVersion[kLVADHelperTextSize] = "0";
-        if (LVADHelperIsOfferedPathAcceptable(offered))
+        if (acceptable)
             LVADHelperReadBundleVersion(offered, offeredVersion);
 
-        if (LVADHelperCompareVersions(offeredVersion, installedVersion) > 0) {
+        if (acceptable && LVADHelperCompareVersions(offeredVersion, installedVersion) > 0) {
             char olderDriver[kLVADHelperTextSize];
             LFile::_MakeFilePath(olderDriver, kHALFolder, kOlderDriverName, "");
             if (LFile::TestFileExists(olderDriver)) {
@@ -184,8 +195,14 @@ void LVADHelperNotify::LoadDriver(long connection, long message, LXPCDataListabl
                 LRunCommand("mkdir /Library/Audio/Plug-Ins/HAL");
             LRunCommand("rm -fr %s", installed);
             LRunCommand("cp -fr %s %s", offered, installed);
+            // The offer was checked before the copy, but its owner may have changed it
+            // since: what root would load must still be folders and plain files.
+            if (LFile::TestFileExists(installed) && !LVADHelperIsBundleTreeSafe(installed)) {
+                std::error_code ignored;
+                std::filesystem::remove_all(installed, ignored);
+            }
             RestartAudioDaemon();
-        } else if (bHelperRestarted) {
+        } else if (acceptable && bHelperRestarted) {
             RestartAudioDaemon();
             bHelperRestarted = false;
         }

@@ -2,9 +2,10 @@
 // installer.
 //
 // Broker: the last endpoint published with "NEW_ENDPOINT" is kept (retained; the one it
-// replaces is released) and handed to whoever sends "REQUEST_ENDPOINT"; a newly published
-// endpoint is also pushed with "SEND_ENDPOINT" to the last client that asked, so that the
-// application and the audio device end up talking directly.
+// replaces is released; a value that is not an endpoint is answered but not kept) and handed to
+// whoever sends "REQUEST_ENDPOINT"; a newly published endpoint is also pushed with "SEND_ENDPOINT"
+// to the last client that asked, so that the application and the audio device end up talking
+// directly.
 //
 // Installer: "LOAD_DRIVER" offers a driver bundle path. When the offer's "CFBundleVersion"
 // is newer than the installed bundle's, the older edition is removed, the bundle is copied
@@ -54,6 +55,8 @@ private:
     LXPCMachServer* pXPCServer = nullptr;
     lxpc::xpc_object_t pEndpoint = nullptr;
     long nRequester = 0;
+    // The requester's generation: its handle alone may name a newcomer once it has gone.
+    uint64_t nRequesterGeneration = 0;
     std::mutex brokerLock_;
 };
 

@@ -11,8 +11,13 @@
 //   load-driver  offers a driver bundle to the installer and prints the reply.
 //
 // The service is found as every client finds it: by name, in $LXPC_SERVICE_DIR or /run.
-// Output lines are stable ("KEY: value"), so scripts can check them.
+// Output lines are stable ("KEY: value"), so scripts can check them; complaints go to
+// stderr. No wait is unbounded: each answer is waited for at most --timeout seconds.
+#include <errno.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -20,6 +25,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -52,15 +58,26 @@ constexpr char kUsage[] =
     "                            (default 5000) for a pushed SEND_ENDPOINT when none is\n"
     "                            published, connect to the endpoint, record N frames\n"
     "                            (default 5) and print what arrived\n"
-    "  load-driver PATH          offer the driver bundle at PATH (LOAD_DRIVER) and print\n"
-    "                            the reply\n"
+    "  load-driver PATH          offer the driver bundle at PATH (LOAD_DRIVER; a relative\n"
+    "                            PATH is made absolute first) and print the reply\n"
     "  --help                    show this text\n"
     "\n"
-    "exit status: 0 done, 1 nothing to do (no endpoint), 2 the service or the device\n"
-    "did not answer, 64 usage error\n";
+    "every command also takes:\n"
+    "  --timeout SECONDS         wait at most this long for each answer (default 5)\n"
+    "\n"
+    "output: one \"KEY: value\" line per event, on stdout; complaints on stderr\n"
+    "\n"
+    "exit status: 0 done, 1 nothing to do (no endpoint published), 2 the service or the\n"
+    "device did not answer in time or failed, 3 cannot connect to the service, 64 usage\n"
+    "error\n";
 
-constexpr int kExitUsage = 64;
+constexpr int kExitNothing = 1;
 constexpr int kExitNoAnswer = 2;
+constexpr int kExitCannotConnect = 3;
+constexpr int kExitUsage = 64;
+
+// How long any one answer is waited for (--timeout).
+std::chrono::milliseconds gTimeout = 5000ms;
 
 // One frame is 10 ms of a 440 Hz tone, 16-bit mono at 48 kHz.
 constexpr int kSampleRate = 48000;
@@ -74,14 +91,65 @@ void Close(lxpc::xpc_connection_t connection) {
     lxpc::xpc_release(connection);
 }
 
-// Connects to the service with a fresh inbox for its replies and pushed messages; null, said
-// on stderr, when the service cannot be reached.
-lxpc::xpc_connection_t OpenService(std::shared_ptr<Inbox>& inbox) {
-    inbox = std::make_shared<Inbox>(arVADHelperTxKeys, arVADHelperRxKeys);
+// Says why the service's socket cannot be connected to, naming where it was looked for.
+void ExplainCannotConnect() {
+    char const* dir = std::getenv("LXPC_SERVICE_DIR");
+    bool const set = dir && *dir;
+    std::string const path =
+        std::string(set ? dir : "/run") + "/" + kLVADHelperServiceName + ".sock";
+    // The transport does not say why; one more attempt here does.
+    char const* why = "unknown reason";
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path) {
+        why = std::strerror(ENAMETOOLONG);
+    } else if (int const fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0); fd >= 0) {
+        std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+        if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+            why = std::strerror(errno);
+        close(fd);
+    }
+    std::fprintf(
+        stderr, "kavelpl-vadctl: cannot connect to the service at %s (%s; LXPC_SERVICE_DIR %s%s)\n",
+        path.c_str(), why, set ? "is " : "is not set, so /run", set ? dir : "");
+}
+
+// Connects to the service with `inbox` for its replies and pushed messages; null, said on
+// stderr, when the service cannot be reached.
+lxpc::xpc_connection_t OpenService(std::shared_ptr<Inbox> const& inbox) {
     lxpc::xpc_connection_t service = vadctl::ConnectToService(inbox);
+    // A named connection that found nobody to connect to knows no peer.
+    if (service && lxpc::xpc_connection_get_pid(service) == 0) {
+        lxpc::xpc_connection_cancel(service);
+        lxpc::xpc_release(service);
+        service = nullptr;
+    }
     if (!service)
-        std::fprintf(stderr, "kavelpl-vadctl: cannot connect to the service\n");
+        ExplainCannotConnect();
     return service;
+}
+
+// Sends `message` to `who` and waits for the reply; says on stderr why none came.
+std::optional<std::vector<Value>> Ask(lxpc::xpc_connection_t connection, lxpc::xpc_object_t message,
+                                      KeyLists& keys, char const* who, char const* what) {
+    bool timedOut = false;
+    auto reply = vadctl::SendAndWait(connection, message, keys, gTimeout, timedOut);
+    if (timedOut)
+        std::fprintf(stderr, "kavelpl-vadctl: the %s did not answer %s within %.3g s (--timeout)\n",
+                     who, what, gTimeout.count() / 1000.0);
+    else if (!reply)
+        std::fprintf(stderr, "kavelpl-vadctl: the %s connection failed before %s was answered\n",
+                     who, what);
+    return reply;
+}
+
+bool ParseSeconds(char const* text, std::chrono::milliseconds& out) {
+    char* end = nullptr;
+    double const seconds = std::strtod(text, &end);
+    if (!text[0] || *end || !(seconds > 0) || seconds > 86400)
+        return false;
+    out = std::chrono::milliseconds(std::max<long long>(1, std::llround(seconds * 1000)));
+    return true;
 }
 
 bool ParseCount(char const* text, long& out) {
@@ -136,7 +204,7 @@ void Device::Accept(lxpc::xpc_connection_t peer) {
         peer,
         [self = shared_from_this(), peer](lxpc::xpc_object_t event) { self->Handle(peer, event); });
     lxpc::xpc_connection_resume(peer);
-    std::printf("direct connection from the application\n");
+    std::printf("DIRECT_CONNECTION: application\n");
     std::fflush(stdout);
 }
 
@@ -175,7 +243,7 @@ void Device::Handle(lxpc::xpc_connection_t peer, lxpc::xpc_object_t event) {
     if (vadctl::Find(values, "START_RECORDING")) {
         it->second.recording = true;
         it->second.framesSent = 0;
-        std::printf("START_RECORDING\n");
+        std::printf("START_RECORDING: received\n");
         std::fflush(stdout);
         Reply(event, peer, "START_RECORDING");
     }
@@ -231,24 +299,24 @@ int Device::Run(long sessions) {
     lxpc::xpc_endpoint_t endpoint = lxpc::xpc_endpoint_create(listener);
 
     lxpc::xpc_connection_t service =
-        vadctl::ConnectToService(std::make_shared<Inbox>(arVADHelperTxKeys, arVADHelperRxKeys));
-    int status = kExitNoAnswer;
+        OpenService(std::make_shared<Inbox>(arVADHelperTxKeys, arVADHelperRxKeys));
+    int status = service ? kExitNoAnswer : kExitCannotConnect;
     if (service && endpoint) {
         lxpc::xpc_object_t message =
             toService_.Encode({{"NEW_ENDPOINT", LXPCPointerAsValue(endpoint)}});
-        auto reply = vadctl::SendAndWait(service, message, toService_);
+        auto reply = Ask(service, message, toService_, "service", "NEW_ENDPOINT");
         lxpc::xpc_release(message);
         Value const* published = reply ? vadctl::Find(*reply, "NEW_ENDPOINT_REPLY") : nullptr;
         if (published) {
             std::printf("NEW_ENDPOINT_REPLY: %s\n", published->number ? "true" : "false");
-            std::printf("serving direct connections\n");
+            std::printf("SERVING: direct connections\n");
             std::fflush(stdout);
             status = 0;
-        } else {
-            std::fprintf(stderr, "kavelpl-vadctl: the service did not answer NEW_ENDPOINT\n");
+        } else if (reply) {
+            std::fprintf(stderr, "kavelpl-vadctl: the service's reply lacks NEW_ENDPOINT_REPLY\n");
         }
-    } else {
-        std::fprintf(stderr, "kavelpl-vadctl: cannot connect to the service\n");
+    } else if (service) {
+        std::fprintf(stderr, "kavelpl-vadctl: cannot make an endpoint\n");
     }
 
     // Serve until told to stop or until enough sessions have ended; this thread is also the
@@ -282,10 +350,10 @@ int Device::Run(long sessions) {
 // --- request: the application ---------------------------------------------------------------
 
 int Request(long waitMs, long frames) {
-    std::shared_ptr<Inbox> fromService;
+    auto fromService = std::make_shared<Inbox>(arVADHelperTxKeys, arVADHelperRxKeys);
     lxpc::xpc_connection_t service = OpenService(fromService);
     if (!service)
-        return kExitNoAnswer;
+        return kExitCannotConnect;
     KeyLists& keys = fromService->keys;
     auto finish = [&](int status) {
         Close(service);
@@ -293,12 +361,10 @@ int Request(long waitMs, long frames) {
     };
 
     lxpc::xpc_object_t message = keys.Encode({{"REQUEST_ENDPOINT", 1}});
-    auto reply = vadctl::SendAndWait(service, message, keys);
+    auto reply = Ask(service, message, keys, "service", "REQUEST_ENDPOINT");
     lxpc::xpc_release(message);
-    if (!reply) {
-        std::fprintf(stderr, "kavelpl-vadctl: the service did not answer REQUEST_ENDPOINT\n");
+    if (!reply)
         return finish(kExitNoAnswer);
-    }
 
     lxpc::xpc_object_t endpoint = nullptr;
     char const* how = "received";
@@ -325,7 +391,7 @@ int Request(long waitMs, long frames) {
     }
     if (!endpoint) {
         std::printf("SEND_ENDPOINT: none\n");
-        return finish(waitMs > 0 ? 1 : 0);
+        return finish(waitMs > 0 ? kExitNothing : 0);
     }
     std::printf("SEND_ENDPOINT: %s\n", how);
     std::fflush(stdout);
@@ -342,10 +408,9 @@ int Request(long waitMs, long frames) {
 
     int status = 0;
     message = keys.Encode({{"START_RECORDING", 1}});
-    reply = vadctl::SendAndWait(device, message, keys);
+    reply = Ask(device, message, keys, "device", "START_RECORDING");
     lxpc::xpc_release(message);
     if (!reply || !vadctl::Find(*reply, "START_RECORDING")) {
-        std::fprintf(stderr, "kavelpl-vadctl: the device did not answer START_RECORDING\n");
         status = kExitNoAnswer;
     } else {
         std::printf("START_RECORDING: true\n");
@@ -357,9 +422,13 @@ int Request(long waitMs, long frames) {
         size_t bytes = 0;
         int peak = 0;
         while (received < frames) {
-            std::optional<Event> event = fromDevice->events.Pop(5000ms);
-            if (!event || event->error)
+            std::optional<Event> event = fromDevice->events.Pop(gTimeout);
+            if (!event || event->error) {
+                std::fprintf(stderr, "kavelpl-vadctl: %s after %ld of %ld AUDIO_DATA frames\n",
+                             event ? "the device connection failed" : "no frame within --timeout",
+                             received, frames);
                 break;
+            }
             if (Value const* audio = vadctl::Find(event->values, "AUDIO_DATA")) {
                 ++received;
                 bytes += audio->bytes.size();
@@ -375,14 +444,12 @@ int Request(long waitMs, long frames) {
             status = kExitNoAnswer;
 
         message = keys.Encode({{"STOP_RECORDING", 1}});
-        reply = vadctl::SendAndWait(device, message, keys);
+        reply = Ask(device, message, keys, "device", "STOP_RECORDING");
         lxpc::xpc_release(message);
-        if (reply && vadctl::Find(*reply, "STOP_RECORDING")) {
+        if (reply && vadctl::Find(*reply, "STOP_RECORDING"))
             std::printf("STOP_RECORDING: true\n");
-        } else {
-            std::fprintf(stderr, "kavelpl-vadctl: the device did not answer STOP_RECORDING\n");
+        else
             status = kExitNoAnswer;
-        }
     }
     std::fflush(stdout);
     Close(device);
@@ -391,22 +458,38 @@ int Request(long waitMs, long frames) {
 
 // --- load-driver ----------------------------------------------------------------------------
 
-int LoadDriver(char const* path) {
-    std::shared_ptr<Inbox> fromService;
+int LoadDriver(char const* given) {
+    // The service runs elsewhere, in its own working folder, and takes only absolute paths.
+    std::string path = given;
+    if (!path.empty() && path[0] != '/') {
+        std::error_code error;
+        std::filesystem::path const absolute = std::filesystem::absolute(path, error);
+        if (error) {
+            std::fprintf(stderr, "kavelpl-vadctl: cannot make %s absolute: %s\n", given,
+                         error.message().c_str());
+            return kExitUsage;
+        }
+        path = absolute.lexically_normal().string();
+        std::fprintf(stderr, "kavelpl-vadctl: relative path %s offered as %s\n", given,
+                     path.c_str());
+    }
+    auto fromService = std::make_shared<Inbox>(arVADHelperTxKeys, arVADHelperRxKeys);
     lxpc::xpc_connection_t service = OpenService(fromService);
     if (!service)
-        return kExitNoAnswer;
+        return kExitCannotConnect;
+    std::printf("LOAD_DRIVER: %s\n", path.c_str());
     KeyLists& keys = fromService->keys;
-    lxpc::xpc_object_t message = keys.Encode({{"LOAD_DRIVER", LXPCPointerAsValue(path)}});
-    auto reply = vadctl::SendAndWait(service, message, keys);
+    lxpc::xpc_object_t message = keys.Encode({{"LOAD_DRIVER", LXPCPointerAsValue(path.c_str())}});
+    auto reply = Ask(service, message, keys, "service", "LOAD_DRIVER");
     lxpc::xpc_release(message);
     Close(service);
     Value const* answer = reply ? vadctl::Find(*reply, "LOAD_DRIVER_REPLY") : nullptr;
     if (!answer) {
-        std::fprintf(stderr, "kavelpl-vadctl: the service did not answer LOAD_DRIVER\n");
+        if (reply)
+            std::fprintf(stderr, "kavelpl-vadctl: the service's reply lacks LOAD_DRIVER_REPLY\n");
         return kExitNoAnswer;
     }
-    std::printf("LOAD_DRIVER_REPLY = %s\n", answer->number ? "true" : "false");
+    std::printf("LOAD_DRIVER_REPLY: %s\n", answer->number ? "true" : "false");
     return 0;
 }
 
@@ -425,18 +508,16 @@ int main(int argc, char** argv) {
         std::fputs(kUsage, stdout);
         return 0;
     }
-    if (command == "load-driver") {
-        if (argc != 3) {
-            std::fputs(kUsage, stderr);
-            return kExitUsage;
-        }
-        return LoadDriver(argv[2]);
-    }
     long sessions = 0, waitMs = 5000, frames = 5;
+    char const* driverPath = nullptr;
     for (int i = 2; i < argc; ++i) {
         std::string option = argv[i];
         bool ok = i + 1 < argc;
-        if (ok && command == "publish" && option == "--sessions")
+        if (command == "load-driver" && !driverPath && (option.empty() || option[0] != '-'))
+            ok = (driverPath = argv[i]) != nullptr;
+        else if (ok && option == "--timeout")
+            ok = ParseSeconds(argv[++i], gTimeout);
+        else if (ok && command == "publish" && option == "--sessions")
             ok = ParseCount(argv[++i], sessions);
         else if (ok && command == "request" && option == "--wait")
             ok = ParseCount(argv[++i], waitMs);
@@ -449,6 +530,13 @@ int main(int argc, char** argv) {
             std::fputs(kUsage, stderr);
             return kExitUsage;
         }
+    }
+    if (command == "load-driver") {
+        if (!driverPath) {
+            std::fputs(kUsage, stderr);
+            return kExitUsage;
+        }
+        return LoadDriver(driverPath);
     }
     if (command == "publish")
         return std::make_shared<Device>()->Run(sessions);

@@ -183,17 +183,38 @@ lxpc::xpc_connection_t ConnectToService(std::shared_ptr<Inbox> inbox) {
     return connection;
 }
 
+namespace {
+
+// Where a reply meets its waiter; shared with the reply handler, which may run after the
+// waiter gave up.
+struct ReplyWait {
+    ~ReplyWait() {
+        if (reply)
+            lxpc::xpc_release(reply);
+    }
+    std::mutex mutex;
+    std::condition_variable arrived;
+    lxpc::xpc_object_t reply = nullptr;  // retained
+};
+
+}  // namespace
+
 std::optional<std::vector<Value>> SendAndWait(lxpc::xpc_connection_t connection,
-                                              lxpc::xpc_object_t message, KeyLists& keys) {
-    lxpc::xpc_object_t reply =
-        lxpc::xpc_connection_send_message_with_reply_sync(connection, message);
-    if (!reply)
+                                              lxpc::xpc_object_t message, KeyLists& keys,
+                                              std::chrono::milliseconds timeout, bool& timedOut) {
+    auto wait = std::make_shared<ReplyWait>();
+    lxpc::xpc_connection_send_message_with_reply(connection, message, nullptr,
+                                                 [wait](lxpc::xpc_object_t reply) {
+                                                     std::lock_guard<std::mutex> lock(wait->mutex);
+                                                     if (!wait->reply)
+                                                         wait->reply = lxpc::xpc_retain(reply);
+                                                     wait->arrived.notify_all();
+                                                 });
+    std::unique_lock<std::mutex> lock(wait->mutex);
+    timedOut = !wait->arrived.wait_for(lock, timeout, [&] { return wait->reply != nullptr; });
+    if (timedOut || lxpc::xpc_get_type(wait->reply) != lxpc::XPC_TYPE_DICTIONARY)
         return std::nullopt;
-    std::optional<std::vector<Value>> values;
-    if (lxpc::xpc_get_type(reply) == lxpc::XPC_TYPE_DICTIONARY)
-        values = Decode(reply, keys.receive);
-    lxpc::xpc_release(reply);
-    return values;
+    return Decode(wait->reply, keys.receive);
 }
 
 }  // namespace vadctl

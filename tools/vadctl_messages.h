@@ -102,9 +102,10 @@ void Watch(lxpc::xpc_connection_t connection, std::shared_ptr<Inbox> inbox);
 // cancelling).
 lxpc::xpc_connection_t ConnectToService(std::shared_ptr<Inbox> inbox);
 
-// Sends `message` and waits for its reply: the decoded reply values, or nothing when an
-// error came instead.
+// Sends `message` and waits up to `timeout` for its reply: the decoded reply values, or
+// nothing when an error came instead or nothing came in time (`timedOut` then set).
 std::optional<std::vector<Value>> SendAndWait(lxpc::xpc_connection_t connection,
-                                              lxpc::xpc_object_t message, KeyLists& keys);
+                                              lxpc::xpc_object_t message, KeyLists& keys,
+                                              std::chrono::milliseconds timeout, bool& timedOut);
 
 }  // namespace vadctl

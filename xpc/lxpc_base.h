@@ -85,6 +85,9 @@ public:
     bool bSuspended = true;
     // References this object holds on hConnection.
     uint64_t nRetainCount = 0;
+    // Which connection this is, never reused within the process: a handle can name a new
+    // connection once an earlier one with that handle is gone. 0: not kept by a server.
+    uint64_t nGeneration = 0;
 
     explicit LXPCConnection(long connection) : hConnection(connection) {}
     LXPCConnection(const LXPCConnection&) = delete;

@@ -6,6 +6,7 @@
 // may reach a handler that calls Disconnect at once, and Disconnect must then find it.
 #include "xpc/lxpc_server.h"
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <utility>
@@ -102,8 +103,10 @@ void LXPCServerBase::Accept(long connection) {
             return;
         }
     }
+    static std::atomic<uint64_t> generations{0};
     std::lock_guard lock(connectionsLock_);
     auto* accepted = new LXPCConnection(connection);
+    accepted->nGeneration = ++generations;
     lConnections.PushFront(accepted);
     SetupConnectionHandlerAndResume(*accepted);
     accepted->Retain();
@@ -139,6 +142,13 @@ bool LXPCServerBase::HasConnection(long connection) const {
     return lConnections.FindFirst([connection](const LXPCConnection& c) {
         return c.hConnection == connection;
     }) != nullptr;
+}
+
+uint64_t LXPCServerBase::ConnectionGeneration(long connection) const {
+    std::lock_guard lock(connectionsLock_);
+    const LXPCConnection* found = lConnections.FindFirst(
+        [connection](const LXPCConnection& c) { return c.hConnection == connection; });
+    return found != nullptr ? found->nGeneration : 0;
 }
 
 // ---- LXPCServer ----

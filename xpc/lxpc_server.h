@@ -43,6 +43,8 @@ public:
 
     size_t ConnectionCount() const;
     bool HasConnection(long connection) const;
+    // The generation of the kept connection whose handle is `connection`; 0 when none is.
+    uint64_t ConnectionGeneration(long connection) const;
 
 protected:
     LList<LXPCConnection> lConnections;

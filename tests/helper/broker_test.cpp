@@ -1,9 +1,15 @@
 // The endpoint broker of the real service, driven by clients over the transport: a device
 // that publishes an anonymous listener's endpoint and applications that ask for it.
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <memory>
+#include <thread>
 
 #include "helper/vadhelper_startup.h"
 #include "service_process.h"
@@ -230,6 +236,35 @@ TEST_F(Broker, AMessageWithBothKeysPublishesFirst) {
     EXPECT_FALSE(waiting.Pushed(200ms).has_value());
 }
 
+TEST_F(Broker, OnlyAnEndpointIsPublished) {
+    Client app;
+    ASSERT_TRUE(app.Send({{"REQUEST_ENDPOINT", 1}}));
+    // A plain descriptor in place of the endpoint: answered, neither pushed nor kept.
+    lxpc::xpc_object_t file = lxpc::xpc_fd_create(STDIN_FILENO);
+    auto reply = Client().Send({{"NEW_ENDPOINT", AsValue(file)}});
+    lxpc::xpc_release(file);
+    ASSERT_TRUE(reply && vadctl::Find(*reply, "NEW_ENDPOINT_REPLY"));
+    EXPECT_FALSE(app.Pushed(200ms).has_value());
+    auto stored = app.Send({{"REQUEST_ENDPOINT", 1}});
+    EXPECT_TRUE(stored && stored->empty());
+}
+
+// A requester that left is never confused with a newcomer given the same handle: the
+// allocator often hands the memory of a connection that went to the next one (sanitizer
+// builds keep freed memory aside, so this bites in plain builds).
+TEST_F(Broker, APushNeverReachesANewcomer) {
+    Listener device;
+    int pushed = 0;
+    for (int trial = 0; trial < 20; ++trial) {
+        ASSERT_TRUE(Client().Send({{"REQUEST_ENDPOINT", 1}}));
+        std::this_thread::sleep_for(20ms);  // the service lets it go
+        Client newcomer;
+        ASSERT_TRUE(newcomer.Send({{"NEW_ENDPOINT", AsValue(device.Endpoint())}}));
+        pushed += newcomer.Pushed(100ms).has_value();
+    }
+    EXPECT_EQ(pushed, 0);
+}
+
 TEST_F(Broker, AClientDyingMidExchangeLeavesTheServiceServing) {
     std::string const tool = helper_test::ClientToolExecutable();
     ASSERT_FALSE(tool.empty());
@@ -270,4 +305,21 @@ TEST_F(Broker, AClientDyingMidExchangeLeavesTheServiceServing) {
     lxpc::xpc_object_t endpoint = PushedEndpoint(other.Pushed(5000ms));
     ASSERT_NE(endpoint, nullptr);
     lxpc::xpc_release(endpoint);
+}
+
+// Started by a service manager that asked to be told (NOTIFY_SOCKET), the service says
+// "READY=1" once clients can connect.
+TEST(Startup, TheServiceTellsItsManagerWhenItIsReady) {
+    sockaddr_un address{AF_UNIX, {}};
+    std::snprintf(address.sun_path, sizeof address.sun_path, "/tmp/vadhelper_notify.%d", getpid());
+    int const manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(bind(manager, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ServiceProcess service({std::string("NOTIFY_SOCKET=") + address.sun_path});
+    pollfd wait{manager, POLLIN, 0};
+    char said[256] = {};
+    EXPECT_TRUE(poll(&wait, 1, 10000) == 1 && recv(manager, said, sizeof said - 1, 0) > 0);
+    EXPECT_NE(std::string(said).find("READY=1"), std::string::npos) << said;
+    EXPECT_TRUE(Client().Send({{"REQUEST_ENDPOINT", 1}}).has_value());
+    close(manager);
+    unlink(address.sun_path);
 }

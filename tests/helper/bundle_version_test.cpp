@@ -1,6 +1,8 @@
 // Bundle version reading and the digit-run ordering that decides whether a driver is newer.
 #include "helper/bundle_version.h"
 
+#include <sys/stat.h>
+
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -115,4 +117,13 @@ TEST_F(BundleDir, ReadsContentsInfoPlistOrZero) {
     strcpy(version, "junk");
     EXPECT_FALSE(LVADHelperReadBundleVersion(nullptr, version));
     EXPECT_STREQ(version, "0");
+
+    // A FIFO answers at once (nobody writes to it); a link to a good list is not followed.
+    for (char const* name : {"F.driver", "L.driver"})
+        fs::create_directories(root_ / name / "Contents");
+    ASSERT_EQ(mkfifo((root_ / "F.driver/Contents/Info.plist").c_str(), 0644), 0);
+    fs::create_symlink(fs::path(bundle) / "Contents/Info.plist",
+                       root_ / "L.driver/Contents/Info.plist");
+    for (char const* name : {"F.driver", "L.driver"})
+        EXPECT_FALSE(LVADHelperReadBundleVersion((root_ / name).c_str(), version)) << name;
 }

@@ -101,7 +101,7 @@ offer() {
     : >"$log"
     reply=$(LXPC_SERVICE_DIR="$work/run" "$VADCTL" load-driver "$path") ||
         fail "load-driver $path: tool failed"
-    [ "$reply" = "LOAD_DRIVER_REPLY = true" ] || fail "load-driver $path: reply '$reply'"
+    [ "${reply##*$'\n'}" = "LOAD_DRIVER_REPLY: true" ] || fail "load-driver $path: reply '$reply'"
     [ "$(cat "$log")" = "$expected" ] ||
         fail "commands for offer $path differ; expected:"$'\n'"$expected"$'\n'"ran:"$'\n'"$(cat "$log")"
 }
@@ -193,4 +193,37 @@ offer "$work/v1.1/KavelPLVirtualAudioDevice.driver" "rm -fr $DRIVER
 cp -fr $work/v1.1/KavelPLVirtualAudioDevice.driver $DRIVER
 $RESTART"
 installed_is 1.1
+stop_helper
+
+# 4. Offers root must not copy run nothing, not even the first restart: a bundle that is a
+#    link into the user's folder, and one whose Info.plist is a FIFO (which must not hold
+#    the installer). A good offer is served right after them.
+rm -rf /Library/*
+mkdir -p "$HAL" "$work/fifo.driver/Contents"
+ln -s "$work/v1.9/KavelPLVirtualAudioDevice.driver" "$work/link.driver"
+mkfifo "$work/fifo.driver/Contents/Info.plist"
+start_helper
+offer "$work/link.driver" ""
+offer "$work/fifo.driver" ""
+offer "$work/v1.1/KavelPLVirtualAudioDevice.driver" "rm -fr $DRIVER
+cp -fr $work/v1.1/KavelPLVirtualAudioDevice.driver $DRIVER
+$RESTART"
+
+# 5. The installed socket's permissions: group-owned, 0660. Another user is refused at
+#    connect (and the tool names the socket); a member of the group is served.
+need_tool setpriv util-linux
+sock=$work/run/$SERVICE_NAME.sock
+chmod 0711 "$work" "$work/run"
+chgrp 4242 "$sock"
+chmod 0660 "$sock"
+: >"$log"
+rc=0
+out=$(LXPC_SERVICE_DIR="$work/run" setpriv --reuid=65534 --regid=65534 --clear-groups \
+    "$VADCTL" load-driver "$work/v1.2/KavelPLVirtualAudioDevice.driver" 2>&1) || rc=$?
+[ "$rc" -eq 3 ] || fail "another user was not refused at connect (status $rc): $out"
+[[ $out == *"$sock"* ]] || fail "the refusal does not name the socket: $out"
+[ ! -s "$log" ] || fail "another user's offer ran commands"
+reply=$(LXPC_SERVICE_DIR="$work/run" setpriv --reuid=65534 --regid=65534 --groups=4242 \
+    "$VADCTL" request --wait 0) || fail "a member of the group was not served"
+[ "$reply" = "SEND_ENDPOINT: none" ] || fail "a member of the group got '$reply'"
 stop_helper

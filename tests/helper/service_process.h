@@ -56,7 +56,8 @@ inline pid_t Spawn(std::vector<std::string> const& argv, std::vector<std::string
 
 class ServiceProcess {
 public:
-    ServiceProcess() {
+    // `extra`: further environment entries of the service ("NAME=value").
+    explicit ServiceProcess(std::vector<std::string> extra = {}) {
         char tmpl[] = "/tmp/vadhelper_service.XXXXXX";
         if (!mkdtemp(tmpl))
             return;
@@ -64,7 +65,8 @@ public:
         if (char const* old = std::getenv("LXPC_SERVICE_DIR"))
             previousDir_ = old;
         setenv("LXPC_SERVICE_DIR", dir_.c_str(), 1);
-        pid_ = Spawn({ServiceExecutable()}, {"LXPC_SERVICE_DIR=" + dir_});
+        extra.push_back("LXPC_SERVICE_DIR=" + dir_);
+        pid_ = Spawn({ServiceExecutable()}, extra);
         std::string socket = dir_ + "/com.tessalysoftware.KavelPL.VadHelper.sock";
         for (int i = 0; i < 400 && pid_ > 0; ++i) {
             struct stat st;

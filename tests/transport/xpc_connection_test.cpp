@@ -4,9 +4,11 @@
 // xpc_main). Descriptors, endpoints and peer death across processes are held by the message
 // layer's suite, which runs over this transport.
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -26,6 +28,7 @@
 #include <vector>
 
 #include "xpc/transport/xpc_transport.h"
+#include "xpc/transport/xpc_wire.h"
 
 using namespace lxpc;
 using namespace std::chrono_literals;
@@ -551,6 +554,49 @@ TEST(XpcChild, Main) {
         });
         xpc_connection_resume(peer);
     });
+}
+
+// Another user asks the service in the parent, and says "R" only when answered.
+TEST(XpcChild, AsNobody) {
+    CHILD_ONLY();
+    if (setgroups(0, nullptr) == 0 && setgid(65534) == 0 && setuid(65534) == 0 &&
+        Ask(Client("t.share", nullptr)) == 9) {
+        ServeInChild();
+    }
+    _exit(1);
+}
+
+// A connection counts until its socket closes, however long the program keeps the peer
+// (this service keeps them all); one user may hold only part of the connections.
+TEST_F(XpcConnection, ConnectionsAreCountedWhileOpenAndSharedAmongUsers) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root to connect as another user";
+    }
+    chmod(std::getenv("LXPC_SERVICE_DIR"), 0755);
+    Service service("t.share", [](xpc_connection_t peer, xpc_object_t m) { Reply(peer, m, 9); });
+    service.Start();
+    int closedAnswered = 0, openAnswered = 0;
+    for (size_t i = 0; i < wire::kMaxConnections; ++i) {
+        xpc_connection_t c = Client("t.share", nullptr);
+        closedAnswered += Ask(c) == 9;
+        Close(c);
+    }
+    std::this_thread::sleep_for(200ms);  // the service sees the last ones close
+    std::vector<xpc_connection_t> open;
+    for (size_t i = 0; i < wire::kMaxConnections; ++i) {
+        open.push_back(Client("t.share", nullptr));
+        openAnswered += Ask(open.back()) == 9;
+    }
+    EXPECT_EQ(closedAnswered, static_cast<int>(wire::kMaxConnections));
+    EXPECT_EQ(openAnswered, static_cast<int>(wire::kMaxConnectionsPerUser));
+    const pid_t child = SpawnChild("AsNobody");
+    EXPECT_GT(child, 0) << "another user was refused";
+    if (child > 0) {
+        Stop(child);
+    }
+    for (xpc_connection_t c : open) {
+        Close(c);
+    }
 }
 
 TEST_F(XpcConnection, ListenerTakesTheSocketFromSocketActivation) {

@@ -22,6 +22,7 @@
 //   the socket is gone.
 #include <errno.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -42,7 +43,43 @@ using namespace detail;
 
 enum class Role { namedClient, endpointClient, peer, namedListener, anonymousListener };
 
-std::atomic<size_t> g_livePeers{0};
+// Accepted peers alive in this process, in all and per peer user. A slot is taken before a
+// peer is made and given back as soon as its socket is gone, not when the last reference
+// to the connection object goes: a program may keep a connection object long after its
+// client left, and that must not count against newcomers.
+class PeerSlots {
+public:
+    bool Take(uid_t uid) {
+        std::lock_guard lock(mutex_);
+        size_t& mine = byUser_[uid];
+        if (total_ >= wire::kMaxConnections || mine >= wire::kMaxConnectionsPerUser) {
+            if (mine == 0) {
+                byUser_.erase(uid);
+            }
+            return false;
+        }
+        ++total_;
+        ++mine;
+        return true;
+    }
+    void Give(uid_t uid) {
+        std::lock_guard lock(mutex_);
+        --total_;
+        if (auto it = byUser_.find(uid); it != byUser_.end() && --it->second == 0) {
+            byUser_.erase(it);
+        }
+    }
+
+private:
+    std::mutex mutex_;
+    size_t total_ = 0;
+    std::unordered_map<uid_t, size_t> byUser_;
+};
+
+PeerSlots& Slots() {
+    static PeerSlots* slots = new PeerSlots();  // never destroyed: peers may outlive main
+    return *slots;
+}
 
 struct OutItem {
     wire::Packet packet;
@@ -60,11 +97,40 @@ struct Socket {
     Socket& operator=(const Socket&) = delete;
     const int fd;
     std::deque<OutItem> out;
+    // What `out` holds, against the limits a peer that does not read may cost.
+    size_t outPackets = 0;
+    size_t outBytes = 0;
+    size_t outFds = 0;
     bool writerRunning = false;  // a writer thread serves this socket
     bool writerBusy = false;     // ... and is writing an item taken from `out`
     bool ended = false;          // the connection is done with this socket
 };
 using SocketRef = std::shared_ptr<Socket>;
+
+void PushOut(Socket& sock, OutItem item) {
+    if (!item.barrier) {
+        ++sock.outPackets;
+        sock.outBytes += item.packet.bytes.size();
+        sock.outFds += item.packet.fds.size();
+    }
+    sock.out.push_back(std::move(item));
+}
+
+OutItem PopOut(Socket& sock) {
+    OutItem item = std::move(sock.out.front());
+    sock.out.pop_front();
+    if (!item.barrier) {
+        --sock.outPackets;
+        sock.outBytes -= item.packet.bytes.size();
+        sock.outFds -= item.packet.fds.size();
+    }
+    return item;
+}
+
+bool OverLimits(const Socket& sock) {
+    return sock.outPackets > wire::kMaxQueuedPackets || sock.outBytes > wire::kMaxQueuedBytes ||
+           sock.outFds > wire::kMaxQueuedDescriptors;
+}
 
 // A synchronous request's rendezvous. The reader that gets the reply stores it, then writes
 // one byte into the waiting thread's wake-up pipe: a pipe write hands the processor to the
@@ -140,14 +206,20 @@ struct Connection : _xpc_object {
         os::Close(connectorFd);
         os::Close(connectorPeerFd);
         os::Close(wakeup);
-        if (countedPeer) {
-            g_livePeers.fetch_sub(1);
-        }
+        GivePeerSlot();
         QueueRelease(target);
     }
 
     bool IsListener() const {
         return role == Role::namedListener || role == Role::anonymousListener;
+    }
+
+    // Once the peer's socket is gone (mutex held, or the last reference).
+    void GivePeerSlot() {
+        if (countedPeer) {
+            countedPeer = false;
+            Slots().Give(peerUid);
+        }
     }
 
     const Role role;
@@ -169,7 +241,9 @@ struct Connection : _xpc_object {
     uint64_t nextId = 1;
     std::unordered_map<uint64_t, Pending> pending;
     std::condition_variable out_cv;  // a socket's writer waits here for more to write
-    bool countedPeer = false;
+    bool countedPeer = false;        // holds a peer slot for peerUid
+    uid_t peerUid = 0;
+    bool overflowed = false;  // dropped for leaving too much unsent: ends as invalid
 
     // Listeners.
     std::string path;
@@ -271,12 +345,11 @@ Owed TakeOwedLocked(Connection* c, Socket* sock) {
     }
     c->pending.clear();
     if (sock != nullptr) {
-        for (OutItem& item : sock->out) {
-            if (item.barrier) {
+        while (!sock->out.empty()) {
+            if (OutItem item = PopOut(*sock); item.barrier) {
                 owed.barriers.push_back(std::move(item.barrier));
             }
         }
-        sock->out.clear();
         sock->ended = true;
         c->out_cv.notify_all();
     }
@@ -299,6 +372,7 @@ void FinishLocked(Connection* c, std::unique_lock<std::mutex>& lock) {
     }
     c->finished = true;
     const SocketRef sock = std::move(c->socket);
+    c->GivePeerSlot();
     Owed owed = TakeOwedLocked(c, sock.get());
     lock.unlock();
     Settle(c, std::move(owed), XPC_ERROR_CONNECTION_INVALID);
@@ -309,8 +383,9 @@ void FinishLocked(Connection* c, std::unique_lock<std::mutex>& lock) {
 // ---- reading ----
 
 xpc_object_t EndError(const Connection* c) {
-    return c->role == Role::namedClient && !c->cancelled ? XPC_ERROR_CONNECTION_INTERRUPTED
-                                                         : XPC_ERROR_CONNECTION_INVALID;
+    return c->role == Role::namedClient && !c->cancelled && !c->overflowed
+               ? XPC_ERROR_CONNECTION_INTERRUPTED
+               : XPC_ERROR_CONNECTION_INVALID;
 }
 
 // Receives and dispatches one packet; false once the socket has ended (or sent garbage).
@@ -376,9 +451,10 @@ void SocketEnded(Connection* c, const SocketRef& sock) {
     if (c->socket == sock) {
         c->socket.reset();
     }
+    c->GivePeerSlot();
     c->readerRunning = false;
     xpc_object_t error = EndError(c);
-    const bool terminal = c->role != Role::namedClient || c->cancelled;
+    const bool terminal = c->role != Role::namedClient || c->cancelled || c->overflowed;
     Owed owed = TakeOwedLocked(c, sock.get());
     lock.unlock();
     Settle(c, std::move(owed), error);
@@ -420,8 +496,7 @@ void WriterMain(Connection* c, SocketRef sock) {
     bool broken = false;
     for (;;) {
         while (!sock->out.empty()) {
-            OutItem item = std::move(sock->out.front());
-            sock->out.pop_front();
+            OutItem item = PopOut(*sock);
             sock->writerBusy = true;
             lock.unlock();
             if (item.barrier) {
@@ -466,6 +541,23 @@ bool ReconnectLocked(Connection* c) {
     return true;
 }
 
+// A peer that leaves this much unread costs memory and descriptors without bound: its
+// connection ends now, as invalid, and what was queued for it is released at once (mutex
+// held; unlocks it).
+void DropOverflowingLocked(Connection* c, const SocketRef& sock,
+                           std::unique_lock<std::mutex>& lock) {
+    Report(c, "dropping connection: its peer leaves too much unread");
+    c->overflowed = true;
+    os::Shutdown(sock->fd);  // the reader sees the end and finishes the connection
+    if (!c->readerRunning && c->socket == sock) {
+        c->socket.reset();
+        c->GivePeerSlot();
+    }
+    Owed owed = TakeOwedLocked(c, sock.get());
+    lock.unlock();
+    Settle(c, std::move(owed), XPC_ERROR_CONNECTION_INVALID);
+}
+
 // Sends `message`; with a reply wanted, `p` is owed the reply or an error.
 void Send(Connection* c, xpc_object_t message, Pending* p) {
     const DictionaryObject* d = message != nullptr && message->type == XPC_TYPE_DICTIONARY
@@ -501,6 +593,14 @@ void Send(Connection* c, xpc_object_t message, Pending* p) {
         }
         return;
     }
+    if (c->socket->ended) {
+        // Dropped for leaving too much unread; its reader has not seen the end yet.
+        lock.unlock();
+        if (p != nullptr) {
+            DeliverReply(c, std::move(*p), XPC_ERROR_CONNECTION_INVALID, false);
+        }
+        return;
+    }
     const uint64_t id = c->nextId++;
     wire::SetPacketId(packet, id);
     if (p != nullptr) {
@@ -508,7 +608,11 @@ void Send(Connection* c, xpc_object_t message, Pending* p) {
     }
     const SocketRef sock = c->socket;
     auto queueBehind = [&] {
-        sock->out.push_back(OutItem{std::move(packet), nullptr});
+        PushOut(*sock, OutItem{std::move(packet), nullptr});
+        if (OverLimits(*sock)) {
+            DropOverflowingLocked(c, sock, lock);
+            return;
+        }
         if (sock->writerRunning) {
             c->out_cv.notify_all();
         } else {
@@ -555,6 +659,7 @@ void Send(Connection* c, xpc_object_t message, Pending* p) {
             os::Shutdown(sock->fd);
             if (!c->readerRunning && c->socket == sock) {
                 c->socket.reset();
+                c->GivePeerSlot();
                 Owed owed = TakeOwedLocked(c, sock.get());
                 lock.unlock();
                 Settle(c, std::move(owed), EndError(c));
@@ -584,8 +689,8 @@ void DeliverPeer(Connection* listener, Connection* peer) {
 }
 
 Connection* MakePeer(Connection* listener, int fd) {
-    if (g_livePeers.fetch_add(1) >= wire::kMaxConnections) {
-        g_livePeers.fetch_sub(1);
+    uid_t uid = 0;
+    if (!os::PeerUid(fd, uid) || !Slots().Take(uid)) {
         Report(listener, "connection refused: too many connections");
         os::Close(fd);
         return nullptr;
@@ -594,13 +699,19 @@ Connection* MakePeer(Connection* listener, int fd) {
     auto* peer =
         new Connection(Role::peer, std::string(), listener->ownQueue ? nullptr : listener->target);
     peer->countedPeer = true;
+    peer->peerUid = uid;
     peer->socket = std::make_shared<Socket>(fd);
     peer->pid = os::PeerPid(fd);
     return peer;
 }
 
+// Pauses of a listener whose accept fails for want of resources.
+constexpr int kFirstAcceptPauseMs = 1;
+constexpr int kMaxAcceptPauseMs = 200;
+
 void ListenerMain(Connection* c) {
     std::vector<uint8_t> buffer(wire::kHeaderSize + 16);
+    int pause = kFirstAcceptPauseMs;
     for (;;) {
         {
             std::unique_lock lock(c->mutex);
@@ -618,6 +729,17 @@ void ListenerMain(Connection* c) {
         int fd = -1;
         if (readable == c->listenFd) {
             fd = os::Accept(c->listenFd);
+            if (fd < 0 && errno != EAGAIN && errno != EWOULDBLOCK) {
+                // Out of descriptors or memory: the client stays in the backlog (it is
+                // served once something is freed) and polling again at once would only
+                // spin. Wait, longer each time, until an accept succeeds.
+                if (!os::Pause(c->wakeup, pause)) {
+                    break;
+                }
+                pause = std::min(pause * 2, kMaxAcceptPauseMs);
+                continue;
+            }
+            pause = kFirstAcceptPauseMs;
         } else {
             size_t length = 0;
             std::vector<int> fds;
@@ -801,6 +923,9 @@ void xpc_connection_resume(xpc_connection_t connection) {
     if (c->IsListener()) {
         xpc_retain(c);
         std::thread(ListenerMain, c).detach();
+        if (c->role == Role::namedListener) {
+            os::NotifyReady();
+        }
         return;
     }
     if (c->socket) {
@@ -846,6 +971,7 @@ void xpc_connection_cancel(xpc_connection_t connection) {
     }
     // Not resumed yet: settle now; the first resume delivers the final event.
     const SocketRef sock = std::move(c->socket);
+    c->GivePeerSlot();
     Owed owed = TakeOwedLocked(c, sock.get());
     lock.unlock();
     Settle(c, std::move(owed), XPC_ERROR_CONNECTION_INVALID);
@@ -929,8 +1055,8 @@ void xpc_connection_send_barrier(xpc_connection_t connection, xpc_barrier_t barr
         return;
     }
     std::unique_lock lock(c->mutex);
-    if (c->socket && (!c->socket->out.empty() || c->socket->writerBusy)) {
-        c->socket->out.push_back(OutItem{wire::Packet(), std::move(barrier)});
+    if (c->socket && !c->socket->ended && (!c->socket->out.empty() || c->socket->writerBusy)) {
+        PushOut(*c->socket, OutItem{wire::Packet(), std::move(barrier)});
         c->out_cv.notify_all();
         return;
     }

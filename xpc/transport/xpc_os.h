@@ -43,8 +43,15 @@ int ListenPath(const std::string& path, bool& bound);
 // Removes `path` when this process still accepts on it, or nobody does.
 void UnlinkIfOurs(const std::string& path);
 bool SocketPair(int fds[2]);
+// Accepts one client; -1 with errno set when none can be (EAGAIN: nobody waiting; EMFILE,
+// ENFILE, ENOBUFS, ENOMEM: out of resources, which waiting may cure).
 int Accept(int listener);
 pid_t PeerPid(int fd);
+// The peer's user id (SO_PEERCRED); false when it cannot be read.
+bool PeerUid(int fd, uid_t& uid);
+// Tells the service manager that started this process that it is ready (nothing when no
+// manager asked to be told).
+void NotifyReady();
 int MakeWakeup();   // an eventfd
 void Wake(int fd);  // writes one wake-up (eventfd, or the write end of a wake-up pipe)
 // A wake-up pipe: fds[0] blocking read end, fds[1] non-blocking write end.
@@ -53,6 +60,8 @@ bool MakePipe(int fds[2]);
 bool WaitWake(int readEnd);
 // Waits until `a` (or `b`, if >= 0) is readable, or `wakeup` is; false when woken.
 bool WaitReadable(int wakeup, int a, int b, int& readable);
+// Waits up to timeoutMs, or until `wakeup` is readable; false when woken.
+bool Pause(int wakeup, int timeoutMs);
 // Waits up to timeoutMs for room to send on `fd`.
 void WaitWritable(int fd, int timeoutMs);
 

@@ -261,6 +261,22 @@ pid_t PeerPid(int fd) {
     return credentials.pid;
 }
 
+bool PeerUid(int fd, uid_t& uid) {
+    ucred credentials;
+    socklen_t length = sizeof credentials;
+    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) {
+        return false;
+    }
+    uid = credentials.uid;
+    return true;
+}
+
+void NotifyReady() {
+    // The variable goes with the notification: the commands the service runs are not the
+    // service and must not speak for it.
+    ::sd_notify(1, "READY=1");
+}
+
 int MakeWakeup() {
     return ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
 }
@@ -315,6 +331,15 @@ bool WaitReadable(int wakeup, int a, int b, int& readable) {
         readable = fds[1].revents != 0 ? a : b;
         return true;
     }
+}
+
+bool Pause(int wakeup, int timeoutMs) {
+    pollfd p{wakeup, POLLIN, 0};
+    int rc;
+    do {
+        rc = ::poll(&p, 1, timeoutMs);
+    } while (rc < 0 && errno == EINTR);
+    return p.revents == 0;
 }
 
 void WaitWritable(int fd, int timeoutMs) {

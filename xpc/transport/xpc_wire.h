@@ -30,6 +30,13 @@ inline constexpr uint64_t kMaxSealedDataSize = uint64_t{1} << 30;
 inline constexpr size_t kMaxDepth = 32;  // the message dictionary is depth 1
 inline constexpr size_t kMaxDescriptors = 64;
 inline constexpr size_t kMaxConnections = 256;  // live peer connections a process accepts
+// ... of which one user (by peer user id) may hold at most this many: room for a busy user,
+// whose closed connections the service may not have seen close yet, and still for others.
+inline constexpr size_t kMaxConnectionsPerUser = 192;
+// What one connection may leave queued unsent (its peer not reading) before it is dropped.
+inline constexpr size_t kMaxQueuedPackets = 1024;
+inline constexpr size_t kMaxQueuedBytes = 16 * 1024 * 1024;
+inline constexpr size_t kMaxQueuedDescriptors = 256;
 
 enum class Kind : uint8_t {
     message = 1,
