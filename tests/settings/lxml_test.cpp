@@ -1,0 +1,300 @@
+// XML documents: every reader message with its line and column, entities, whitespace rules,
+// the writer's exact text, the element API, file loading results, and round trips of XML
+// files that other programs on this machine wrote.
+#include "settings/lxml.h"
+
+#include <glib.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "tests/file/temp_tree.h"
+#include "thread/lprocess_interface.h"
+
+namespace {
+
+struct Parsed {
+    LXMLDocument doc;
+    char error[260] = {};
+};
+
+void Parse(Parsed& p, const char* text) {
+    LProcessInterfaceVoid process;
+    LXMLLoaderTemplate<char> loader(text, p.error, process);
+    p.doc.LoadData(loader);
+}
+
+std::string Written(const LXMLElement& e, bool format = true) {
+    LStringLongTemplate<char> out;
+    format ? e.SaveToBuffer(out, 0) : e.SaveToBufferNoFormatting(out);
+    return out.GetText();
+}
+
+std::string Reformatted(const char* text) {
+    Parsed p;
+    Parse(p, text);
+    EXPECT_STREQ(p.error, "") << text;
+    return Written(p.doc);
+}
+
+// Same names, texts, flags, attributes (in order) and written children, all the way down.
+bool SameTree(const LXMLElement& a, const LXMLElement& b) {
+    if (std::strcmp(a.name.GetText(), b.name.GetText()) != 0 || a.IsTextNode() != b.IsTextNode() ||
+        std::strcmp(a.text.GetText(), b.text.GetText()) != 0 ||
+        a.bPreserveSpace != b.bPreserveSpace) {
+        return false;
+    }
+    LHashTable::ConstIterator i(a.attributes), j(b.attributes);
+    for (; i && j; ++i, ++j) {
+        if (std::strcmp(i.GetParm(), j.GetParm()) != 0 ||
+            std::strcmp(i.GetData(), j.GetData()) != 0) {
+            return false;
+        }
+    }
+    // Text nodes of blanks alone are never written, so they are not part of the comparison.
+    auto visible = [](const LXMLElement* e) {
+        while (e && e->IsTextNode() &&
+               std::strspn(e->text.GetText(), " \t\r\n") == e->text.GetLength()) {
+            e = e->pNext;
+        }
+        return e;
+    };
+    const LXMLElement *x = visible(a.GetFirstChild()), *y = visible(b.GetFirstChild());
+    for (; x && y; x = visible(x->pNext), y = visible(y->pNext)) {
+        if (!SameTree(*x, *y)) {
+            return false;
+        }
+    }
+    return !i && !j && !x && !y;
+}
+
+constexpr const char kEof[] =
+    " should be terminated with </%s>. Check you have terminated your element properly.";
+
+std::string Eof(const char* where, const char* name) {
+    char tail[200];
+    std::snprintf(tail, sizeof(tail), kEof, name);
+    return std::string(where) + "(EOF) Element <" + name + ">" + tail;
+}
+
+TEST(XMLReader, EveryMessageAtItsLineAndColumn) {
+    const std::string semicolon =
+        "Strings starting with an ampersand (&) must end with a semicolon (;). Either replace "
+        "the '&' with '&amp;' or add a ';' at the end of the control string.";
+    const struct {
+        const char* text;
+        std::string error;
+    } cases[] = {
+        {"<a>x &amp y</a>", "Ln 1, Col 11: " + semicolon},
+        {"<a>&abcdefghijklmnopqrstuvwxyz;</a>", "Ln 1, Col 28: " + semicolon},
+        {"<a b='1'", "Ln 1, Col 9: Tag <a> does not have a closing '>'"},
+        {"<a>\n<b>", Eof("Ln 2, Col 4: ", "b")},
+        {"<a>\r\n\r\n  <b>", Eof("Ln 3, Col 6: ", "b")},
+        {"<a>\n\r<b>x", Eof("Ln 2, Col 5: ", "b")},
+        {"<!-- x", Eof("Ln 1, Col 7: ", "!--")},
+        {"<![CDATA[ x]]", Eof("Ln 1, Col 14: ", "![CDATA[")},
+        {"<a><b></a>",
+         "Ln 1, Col 11: Element <b> should be terminated with </b>, was with a. Check you have "
+         "terminated your element properly."},
+        {"\n</x>", "Ln 2, Col 5: Misplaced </x> which does not match a <x>."},
+        {"<a>< b</a>",
+         "Ln 1, Col 6: Misplaced < without name. Use &lt; instead of < if "
+         "appropriate."},
+        // The first error wins over the later unclosed element.
+        {"<a>&x y</a", "Ln 1, Col 7: " + semicolon},
+        {"<a>ok</a>", ""},
+    };
+    for (const auto& c : cases) {
+        Parsed p;
+        Parse(p, c.text);
+        EXPECT_EQ(p.error, c.error) << c.text;
+    }
+}
+
+TEST(XMLReader, EntitiesAndWhitespace) {
+    const struct {
+        const char* text;
+        const char* data;
+    } cases[] = {
+        {"<a>&foo;x</a>", "&x"},
+        {"<a>&#x41;&#X41;&#65;&#x4a;</a>", "A)AJ"},
+        {"<a>&lt;&gt;&amp;&quot;&apos;</a>", "<>&\"'"},
+        {"<a>&#x20AC;&#0;</a>", "\xE2\x82\xAC"},
+        {"<a>\t\n  x y \t\n</a>", "  x y "},
+        {"<a xml:space='default'>\t x \n</a>", "\t x \n"},
+        {"<a XML:SPACE><b>\tx\t</b></a>", nullptr},
+    };
+    for (const auto& c : cases) {
+        Parsed p;
+        Parse(p, c.text);
+        const LXMLElement* a = p.doc.GetElement("a");
+        ASSERT_NE(a, nullptr) << c.text;
+        if (c.data != nullptr) {
+            EXPECT_STREQ(a->GetElementData(), c.data) << c.text;
+        } else {
+            EXPECT_TRUE(a->attributes.IsEmpty());
+            EXPECT_STREQ(a->GetElement("b")->GetElementData(), "\tx\t");
+        }
+    }
+    Parsed p;
+    Parse(p, "<a n=\"x &amp; 'y'\" m='say \"hi\"' e k = v/>");
+    const LXMLElement* a = p.doc.GetElement("a");
+    EXPECT_STREQ(a->attributes.GetParm("n", "?"), "x & 'y'");
+    EXPECT_STREQ(a->attributes.GetParm("m", "?"), "say \"hi\"");
+    EXPECT_STREQ(a->attributes.GetParm("e", "?"), "");
+    EXPECT_STREQ(a->attributes.GetParm("k", "?"), "v");
+    EXPECT_EQ(a->GetFirstChild(), nullptr);
+}
+
+TEST(XMLWriter, ExactText) {
+    const struct {
+        const char* in;
+        const char* out;
+    } cases[] = {
+        {"<?xml encoding=\"UTF-8\" version=\"1.0\"?><Section><Key value=\"1\"/></Section>",
+         "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<Section>\n\t<Key value=\"1\"/>\n"
+         "</Section>\n"},
+        {"<a b='1' B='2' a='3'/>", "<a B=\"2\" a=\"3\" b=\"1\"/>\n"},
+        {"<a>  \n </a>", "<a/>\n"},
+        {"<a><!-- hi --><b>x</b></a>", "<a>\n\t<!-- hi -->\n\t<b>x</b>\n</a>\n"},
+        {"<a v='&lt;&amp;&quot;&apos;'>&gt;'\r\nz</a>", "<a v=\"&lt;&amp;&quot;'\">&gt;'\nz</a>\n"},
+        {"<!DOCTYPE d [<!ENTITY e \"x>\">]><d><![CDATA[<&>]]></d>",
+         "<!DOCTYPE d [<!ENTITY e \"x>\">]>\n<d>\n\t<![CDATA[<&>]]>\n</d>\n"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(Reformatted(c.in), c.out) << c.in;
+    }
+    Parsed p;
+    Parse(p, "<a><b><c/></b>t</a>");
+    EXPECT_EQ(Written(p.doc, false), "<a><b><c/></b>t</a>");
+}
+
+TEST(XMLElement, Api) {
+    Parsed p;
+    Parse(p, "<r><s>text</s><n>42</n><f>2.5</f><e/><d/><x/><d>2</d></r>");
+    LXMLElement& r = *p.doc.GetElement("r");
+    char out[260];
+    EXPECT_STREQ(r.GetString("s", "def", out), "text");
+    EXPECT_STREQ(r.GetString("missing", "def", out), "def");
+    EXPECT_STREQ(r.GetString("e", "def", out), "def");
+    EXPECT_EQ(r.GetInt("n", 7), 42);
+    EXPECT_EQ(r.GetInt("missing", 7), 7);
+    EXPECT_DOUBLE_EQ(r.GetFloat("f"), 2.5);
+    EXPECT_DOUBLE_EQ(r.GetFloat("missing", -1.5), -1.5);
+
+    const std::string before = Written(r);
+    r.SetString("missing", "v");
+    EXPECT_EQ(Written(r), before);
+    r.SetInt("e", -3);
+    r.SetFloat("f", 0.25);
+    EXPECT_EQ(r.GetInt("e", 0), -3);
+    EXPECT_STREQ(r.GetString("f", "", out), "0.250000");
+
+    LXMLElement copy(r);
+    r.DeleteElement("d");
+    EXPECT_FALSE(r.TestFieldExists("d"));
+    EXPECT_TRUE(r.TestFieldExists("x"));
+    int count = 0;
+    for (ConstNamedElementIterator it(copy, "d"); it.Next() != nullptr;) {
+        ++count;
+    }
+    EXPECT_EQ(count, 2);
+    r.AddElement("z")->AddText("last");
+    EXPECT_TRUE(Written(r).ends_with("\t<x/>\n\t<z>last</z>\n</r>\n"));
+    copy = r;
+    EXPECT_TRUE(SameTree(copy, r));
+}
+
+// Answers "stop" from its n-th question on.
+class StopAfter : public LProcessInterfaceVoid {
+public:
+    explicit StopAfter(int n) : left_(n) {}
+    bool IsToStop() override { return --left_ < 0; }
+    int left_;
+};
+
+TEST(XMLDocument, LoadFromFileResults) {
+    ltest::TempTree tree;
+    std::string body = "<a>";
+    for (int i = 0; i < 200; ++i) {
+        body += "<k v='x'/>";
+    }
+    const std::string path = tree.MakeFile("d.xml", "\xEF\xBB\xBF" + body + "</a>");
+    LXMLDocument doc;
+    char error[260];
+    LProcessInterfaceVoid never;
+    EXPECT_EQ(doc.LoadFromFile(never, path.c_str(), error), 0);
+    EXPECT_STREQ(error, "");
+    EXPECT_EQ(doc.GetElement("a")->children.Count(), 200u);
+    for (int n : {0, 1, 2}) {
+        StopAfter stop(n);
+        EXPECT_EQ(doc.LoadFromFile(stop, path.c_str(), error), 1) << n;
+    }
+    const std::string missing = tree.Path("none.xml");
+    EXPECT_EQ(doc.LoadFromFile(never, missing.c_str(), error), 2);
+    EXPECT_EQ(error, "File does not exist: " + missing);
+
+    // A socket exists but cannot be opened as a file.
+    const std::string socketPath = tree.Path("s.xml");
+    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strcpy(address.sun_path, socketPath.c_str());
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    EXPECT_EQ(doc.LoadFromFile(never, socketPath.c_str(), error), 2);
+    EXPECT_EQ(error, "Cannot open xml file: " + socketPath);
+    close(fd);
+
+    // A sparse file far larger than the free heap could ever be.
+    const std::string huge = tree.MakeFile("huge.xml", "");
+    std::filesystem::resize_file(huge, 1ull << 40);
+    EXPECT_EQ(doc.LoadFromFile(never, huge.c_str(), error), 2);
+    EXPECT_EQ(error, "Not enough memory available to load " + huge);
+}
+
+void ExpectRoundTrip(const std::string& path) {
+    SCOPED_TRACE(path);
+    LXMLDocument first;
+    char error[260];
+    LProcessInterfaceVoid never;
+    ASSERT_EQ(first.LoadFromFile(never, path.c_str(), error), 0);
+    EXPECT_STREQ(error, "");
+    EXPECT_GT(first.children.Count(), 1u);
+    const std::string text = Written(first);
+    Parsed second;
+    Parse(second, text.c_str());
+    EXPECT_STREQ(second.error, "");
+    EXPECT_TRUE(SameTree(first, second.doc));
+    EXPECT_EQ(Written(second.doc), text);
+    Parsed flat;
+    Parse(flat, Written(first, false).c_str());
+    EXPECT_EQ(Written(flat.doc), text);
+}
+
+TEST(XMLDocument, RoundTripsFilesOfThisMachine) {
+    for (const char* path : {"/etc/fonts/fonts.conf", "/usr/share/dbus-1/system.conf",
+                             "/usr/share/dbus-1/session.conf"}) {
+        if (std::filesystem::exists(path)) {
+            ExpectRoundTrip(path);
+        }
+    }
+    ltest::TempTree tree;
+    const std::string xbel = tree.Path("recently-used.xbel");
+    GBookmarkFile* bookmarks = g_bookmark_file_new();
+    g_bookmark_file_set_title(bookmarks, "file:///tmp/a%20b.txt", "A & <b>");
+    g_bookmark_file_set_mime_type(bookmarks, "file:///tmp/a%20b.txt", "text/plain");
+    g_bookmark_file_add_application(bookmarks, "file:///tmp/a%20b.txt", "editor", "ed %u");
+    g_bookmark_file_add_application(bookmarks, "file:///tmp/c.wav", "player", "play %f");
+    g_bookmark_file_add_group(bookmarks, "file:///tmp/c.wav", "Audio");
+    ASSERT_TRUE(g_bookmark_file_to_file(bookmarks, xbel.c_str(), nullptr));
+    g_bookmark_file_free(bookmarks);
+    ExpectRoundTrip(xbel);
+}
+
+}  // namespace
