@@ -16,6 +16,7 @@
 
 #include "file/lfile.h"
 #include "settings/lblowfish.h"
+#include "settings/lxml.h"
 #include "tests/file/temp_tree.h"
 
 namespace {
@@ -272,7 +273,12 @@ TEST_F(SettingsStore, XmlStoresAppendInOrderAndRespectTheLock) {
     std::string before = Read(path);
     int fd = open(path.c_str(), O_RDONLY);
     ASSERT_EQ(flock(fd, LOCK_EX), 0);
-    EXPECT_EQ(InChild([] { return LSharedSettingSetString("New", "k", "v") ? 1 : 0; }), 0);
+    EXPECT_EQ(InChild([] {
+                  LXMLDocument document;
+                  document.AddElement("New")->AddElement("k");
+                  return LSharedSettingsSave(document) ? 1 : 0;
+              }),
+              0);
     close(fd);
     EXPECT_EQ(Read(path), before);
 
