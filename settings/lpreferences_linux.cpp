@@ -2,6 +2,7 @@
 // configuration folders (see lpreferences.h for the invariants).
 #include "settings/lpreferences.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -13,6 +14,7 @@
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <string_view>
 #include <thread>
 
 namespace {
@@ -195,18 +197,39 @@ public:
             }
             std::this_thread::sleep_for(std::chrono::microseconds(200));
         }
+        m_bHeld = true;
     }
     ~FolderLock() {
         if (m_fd >= 0) {
             close(m_fd);  // closing the last descriptor releases the lock
         }
     }
+    bool IsHeld() const { return m_bHeld; }
     FolderLock(const FolderLock&) = delete;
     FolderLock& operator=(const FolderLock&) = delete;
 
 private:
     int m_fd;
+    bool m_bHeld = false;
 };
+
+// A writer killed between creating its temporary file and renaming it leaves the temporary
+// behind. Only the lock holder may remove them: no other writer can be filling one then.
+void RemoveAbandonedTemporaries(const std::string& path) {
+    std::string folder = FolderOf(path);
+    std::string stem = path.substr(folder.size() + 1) + ".";
+    DIR* dir = opendir(folder.c_str());
+    if (dir == nullptr) {
+        return;
+    }
+    while (dirent* entry = readdir(dir)) {
+        std::string_view name = entry->d_name;
+        if (name.size() == stem.size() + 6 && name.starts_with(stem)) {
+            unlinkat(dirfd(dir), entry->d_name, 0);
+        }
+    }
+    closedir(dir);
+}
 
 }  // namespace
 
@@ -289,6 +312,9 @@ bool LPreferencesUpdate(LSettingDomain domain, bool currentHost,
     std::lock_guard guard(gCacheMutex);
     MakeFolders(FolderOf(path));
     FolderLock lock(FolderOf(path));
+    if (lock.IsHeld()) {
+        RemoveAbandonedTemporaries(path);
+    }
     // Under the lock the file on disk is the truth: another process may have written since
     // our last read, and its keys must survive this write.
     plist_t working = plist_copy(CurrentDictionary(path));

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -242,6 +243,12 @@ TEST_F(SettingsStore, AKilledWriterNeverLeavesAnUnreadableFile) {
         EXPECT_EQ(plist_get_node_type(parsed), PLIST_DICT);
         plist_free(parsed);
     }
+    // The next write clears what the killed writers left behind.
+    ASSERT_TRUE(LUserSettingSetString("Loop", "last", "v"));
+    std::string folder = HostFile().substr(0, HostFile().rfind('/'));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder),
+                            std::filesystem::directory_iterator()),
+              1);
 }
 
 TEST_F(SettingsStore, XmlStoresAppendInOrderAndRespectTheLock) {
