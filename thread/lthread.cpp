@@ -23,7 +23,7 @@ void LThread::StopThreadAndWait() {
     stopEvent.Signal();
     if (startedEvent.IsSignaled() && !_IsBodyThread()) {
         finishedEvent.WaitSignal(LSignalInfinite);
-        // The body's last step under the lock happened before the finished event; taking the
+        // The body signals the finished event while it holds the lock; taking the
         // lock once orders everything after it (destroying the mutex included) behind it.
         lock.Lock();
         lock.Unlock();
@@ -87,13 +87,11 @@ void LThread::Start(int newPriority) {
 }
 
 void* LThread::_ThreadEntry(void* self) {
-    auto* t = static_cast<LThread*>(self);
-    t->_RunBody();
-    t->finishedEvent.Signal();
+    static_cast<LThread*>(self)->_RunBody(true);
     return nullptr;
 }
 
-void LThread::_RunBody() {
+void LThread::_RunBody(bool signalFinished) {
     int32_t id = _LThreadCurrentId();
     machThreadId = id;
     bodyThreadId = id;
@@ -104,6 +102,11 @@ void LThread::_RunBody() {
     running = false;
     hasThread = false;
     machThreadId = -1;
+    // Still under the lock: once it is released a Start may begin a new run and reset the
+    // event, and a signal sent after that would claim the new run had finished.
+    if (signalFinished) {
+        finishedEvent.Signal();
+    }
     lock.Unlock();
 }
 
@@ -171,7 +174,7 @@ void LDetachedThread::StartDetached(LDetachedThreadsOwner& newOwner, int newPrio
 void* LDetachedThread::_DetachedEntry(void* self) {
     auto* t = static_cast<LDetachedThread*>(self);
     LDetachedThreadsOwner* owner = t->owner;
-    t->_RunBody();
+    t->_RunBody(false);
     if (!owner->Destruct(t)) {
         // StopThreadsNow has taken the thread off the list and waits for this signal before
         // destroying it: nothing may touch the object after it.

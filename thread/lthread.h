@@ -4,8 +4,9 @@
 //
 // Invariants:
 // - The handle, thread id and running flag change only under the thread's lock; the body's
-//   end detaches the thread and clears them before it signals the finished event, so the
-//   finished event means nothing of the thread touches the object any more.
+//   end detaches the thread, clears them and signals the finished event in one hold of the
+//   lock, so the finished event means nothing of the thread touches the object any more
+//   once the lock is free, and a Start cannot slip between the clearing and the signal.
 // - A stop request is one byte in a pipe: safe from any thread, never reset until the next
 //   Start.
 // - Destroying the object waits for a started body to finish. The body is a virtual of the
@@ -69,8 +70,10 @@ public:
 
 protected:
     // Runs on the new thread: records the id, signals started, runs the body, then clears
-    // the handle under the lock. The caller signals the finished event afterwards.
-    void _RunBody();
+    // the handle under the lock and, when asked, signals the finished event before letting
+    // the lock go, so the signal always belongs to this run. A detached thread signals it
+    // itself, after its owner had the chance to destroy it.
+    void _RunBody(bool signalFinished);
     // The detached threads' start, which shares the bookkeeping of Start.
     bool _StartDetachedThread(int priority, void* (*entry)(void*));
     bool _IsBodyThread() const;

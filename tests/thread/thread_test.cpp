@@ -278,3 +278,26 @@ TEST(ProcessRun, ReportsTheExitCode) {
 }
 
 }  // namespace
+
+namespace {
+
+// Restarting a thread the moment its body has ended: the finished event of the new run must
+// not be set by the run before it, or a stop-and-wait would return while the new body runs.
+TEST(ThreadRace, RestartedRunOwnsItsFinishedEvent) {
+    LSignalObject go;
+    FunctionThread t([&](FunctionThread&) {
+        go.WaitSignal(LSignalInfinite);
+        go.Reset();
+    });
+    int stale = 0;
+    for (int cycle = 0; cycle < 1000 && stale == 0; ++cycle) {
+        t.Start(0);
+        stale += t.GetFinishedEvent().IsSignaled();
+        go.Signal();
+        while (t.IsRunning()) {
+        }
+    }
+    EXPECT_EQ(stale, 0);
+}
+
+}  // namespace
