@@ -13,8 +13,9 @@
 //   most derived class, so a class whose body uses its own members calls StopThreadAndWait
 //   in its own destructor, before those members go.
 //
-// LDetachedThread owns itself: it is listed in its owner before it can run and destroys
-// itself when its body ends, unless the owner has taken it off the list to stop it.
+// LDetachedThread owns itself: it is listed in its owner once its body has started and
+// before the body can end, and destroys itself when its body ends, unless the owner has taken
+// it off the list to stop it. A thread that could not be created destroys itself at once.
 #pragma once
 
 #include <pthread.h>
@@ -74,8 +75,9 @@ protected:
     // the lock go, so the signal always belongs to this run. A detached thread signals it
     // itself, after its owner had the chance to destroy it.
     void _RunBody(bool signalFinished);
-    // The detached threads' start, which shares the bookkeeping of Start.
-    bool _StartDetachedThread(int priority, void* (*entry)(void*));
+    // The detached threads' start, which shares the bookkeeping of Start. listStarted runs
+    // once the body has started and before it can end (the lock is held meanwhile).
+    bool _StartDetachedThread(int priority, void* (*entry)(void*), void (*listStarted)(LThread&));
     bool _IsBodyThread() const;
 
     LSignalObject stopEvent;
@@ -103,8 +105,9 @@ public:
     LDetachedThread() = default;
     explicit LDetachedThread(char const* name) : LThread(name) {}
 
-    // Lists the thread in owner, then starts it. From then on the thread belongs to the owner
-    // and to itself: it is destroyed when its body ends or by the owner's StopThreadsNow.
+    // Starts the thread and lists it in owner. From then on the thread belongs to the owner
+    // and to itself: it is destroyed when its body ends or by the owner's StopThreadsNow, and
+    // at once when no thread could be created. The object must come from new.
     void StartDetached(LDetachedThreadsOwner& owner, int priority);
 
 private:

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <functional>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -298,6 +299,25 @@ TEST(ThreadRace, RestartedRunOwnsItsFinishedEvent) {
         }
     }
     EXPECT_EQ(stale, 0);
+}
+
+// The owner stops threads while another thread is starting them: a stop must neither
+// destroy a thread whose start is still using it nor be erased by that start.
+TEST(ThreadRace, OwnerStopsThreadsWhileTheyStart) {
+    for (bool now : {true, false}) {
+        SCOPED_TRACE(now ? "StopThreadsNow" : "StopThreadsSoon");
+        std::atomic<int> destroyed{0};
+        LDetachedThreadsOwner owner;
+        int const rounds = 200;
+        for (int round = 0; round < rounds; ++round) {
+            std::thread starter([&] { StartWaiters(owner, destroyed, 1); });
+            while (owner.GetThreadCount() == 0) {
+            }
+            now ? owner.StopThreadsNow() : owner.StopThreadsSoon();
+            starter.join();
+            ASSERT_TRUE(WaitForCount(destroyed, round + 1)) << "round " << round;
+        }
+    }
 }
 
 }  // namespace
