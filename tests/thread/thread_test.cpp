@@ -3,6 +3,7 @@
 #include "thread/lthread.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -140,7 +141,7 @@ TEST(Thread, DestructionStopsAndWaitsForTheBody) {
 
 TEST(Thread, SetPriorityOnARunningThreadKeepsItRunning) {
     FunctionThread t([](FunctionThread& self) { self.ProcessWaitUntilStopped(); });
-    t.Start(91);  // the audio priority falls back on the ordinary call here
+    t.Start(91);
     EXPECT_EQ(t.GetPriority(), 91);
     t.SetPriority(0);
     EXPECT_TRUE(t.IsRunning());
@@ -318,6 +319,27 @@ TEST(ThreadRace, OwnerStopsThreadsWhileTheyStart) {
             ASSERT_TRUE(WaitForCount(destroyed, round + 1)) << "round " << round;
         }
     }
+}
+
+// The audio priority is the real-time FIFO class at 20 (granted to root); any other value
+// goes back to the ordinary class with the value as its priority.
+TEST(ThreadPriority, AudioPriorityIsRealTimeForRoot) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "real-time scheduling needs root";
+    }
+    FunctionThread t([](FunctionThread& self) { self.ProcessWaitUntilStopped(); });
+    struct Case {
+        int priority, policy, schedPriority;
+    } const cases[] = {{91, SCHED_FIFO, 20}, {0, SCHED_OTHER, 0}, {91, SCHED_FIFO, 20}};
+    t.Start(cases[0].priority);
+    for (Case const& c : cases) {
+        t.SetPriority(c.priority);
+        sched_param param{};
+        ASSERT_EQ(sched_getparam(t.GetMachThreadId(), &param), 0);
+        EXPECT_EQ(sched_getscheduler(t.GetMachThreadId()), c.policy) << c.priority;
+        EXPECT_EQ(param.sched_priority, c.schedPriority) << c.priority;
+    }
+    t.StopThreadAndWait();
 }
 
 }  // namespace
