@@ -12,8 +12,10 @@
 //     engine took, so no call reads an argument of the wrong class; a floating conversion that
 //     takes an integer slot (E, G, F, a, A) reads the slot's 64 bits as a double, as a
 //     platform that passes every variadic argument in memory would;
-//   - a conversion that would store through the slot or read memory through it, or address
-//     arguments by position ("n", "S", "$", "*"), takes its slot and writes nothing;
+//   - a conversion that would store through the slot or read memory through it ("n", "S"
+//     with a slot other than null), or address an argument by position beyond the one
+//     passed ("%2$"), takes its slot and writes nothing; every other letter, "$" and "*"
+//     included, goes to snprintf;
 //   - a conversion cut off by the end of the format writes nothing and ends formatting;
 //   - one that ends in a flag or length modifier ("%-", "%h") is not handed to snprintf, which
 //     would fail on it and write nothing anyway (and whose sanitizer interceptors reject it).
@@ -180,9 +182,33 @@ void FormatOne(W& writer, char* conversion, unsigned long collected, char letter
     const uint64_t slot = static_cast<uint64_t>(va_arg(*args, long long));
     switch (letter) {
         case 'n':
+            return;  // would store through the slot
         case 'S':
-        case '$':
+            // Reads a wide text through the slot: only a null one, which the C library prints
+            // without reading memory, is handed over.
+            if (slot == 0) {
+                WriteConverted(writer, conversion, static_cast<const wchar_t*>(nullptr));
+            }
+            return;
+        case '$': {
+            // Digits alone before "$" address an argument by position; the one slot passed is
+            // argument 1, and reading any later one would read past what was passed.
+            unsigned long position = 0;
+            bool digitsOnly = !chars.empty();
+            for (char c : chars) {
+                digitsOnly = digitsOnly && c >= '0' && c <= '9';
+                if (digitsOnly && position < 1000) {
+                    position = position * 10 + static_cast<unsigned long>(c - '0');
+                }
+            }
+            if (digitsOnly && position > 1) {
+                return;
+            }
+            WriteConverted(writer, conversion, slot);
+            return;
+        }
         case '*':
+            WriteConverted(writer, conversion, static_cast<int>(slot));  // the width is an int
             return;
         // A flag or length modifier as the last character leaves the conversion without a
         // conversion: the C library fails the call and writes nothing, so it is not called.
