@@ -1,13 +1,11 @@
 // The Linux sources of volume facts: the mount table (/proc/self/mountinfo), file-system
-// statistics (statfs, statvfs), block-device attributes in sysfs and inode flags.
+// statistics (statfs, statvfs), block-device attributes in sysfs and inode attributes (statx).
 //
 // A path's volume is found by its device number and the deepest mount point above its
 // resolved path, so bind mounts and overmounts answer for the file system really holding
 // the path. Anything that cannot be read answers "unknown" (false), never a guess.
 #include <fcntl.h>
 #include <limits.h>
-#include <linux/fs.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <sys/statvfs.h>
@@ -365,15 +363,13 @@ bool LFile::TestFileLocked(char const* path) {
     if (path == nullptr) {
         return false;
     }
-    int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) {
-        return false;
-    }
-    // One immutable flag covers both the user and the system flag of other platforms.
-    int flags = 0;
-    bool locked = ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0 && (flags & FS_IMMUTABLE_FL) != 0;
-    close(fd);
-    return locked;
+    // statx reports the inode's attributes without opening it: no read permission is needed,
+    // and a FIFO or a device is never opened just to be asked. One immutable flag covers both
+    // the user and the system flag of other platforms.
+    struct statx st;
+    return statx(AT_FDCWD, path, AT_STATX_SYNC_AS_STAT, STATX_TYPE, &st) == 0 &&
+           (st.stx_attributes_mask & STATX_ATTR_IMMUTABLE) != 0 &&
+           (st.stx_attributes & STATX_ATTR_IMMUTABLE) != 0;
 }
 
 int LFile::GetNumberOfWritableDrives() {

@@ -20,6 +20,7 @@
 #include "file/lfile_platform.h"
 #include "file/lknown_folders.h"
 #include "temp_tree.h"
+#include "tests/thread/child_process.h"
 
 namespace {
 
@@ -355,6 +356,37 @@ TEST(FileLocked, ImmutableFlag) {
     ioctl(fd, FS_IOC_SETFLAGS, &flags);  // so that the tree can be removed
     close(fd);
     EXPECT_FALSE(LFile::TestFileLocked(file.c_str()));
+}
+
+}  // namespace
+
+namespace {
+
+// The immutable flag is read without opening the file: an unprivileged caller who may look
+// the path up but not read the file still gets the answer.
+TEST(FileLocked, AnsweredWithoutReadPermission) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root to set the flag and to act as another user";
+    }
+    TempTree tree;
+    std::string file = tree.MakeFile("sealed.wav");
+    ASSERT_EQ(chmod(tree.root().c_str(), 0711), 0);
+    ASSERT_EQ(chmod(file.c_str(), 0), 0);
+    int fd = open(file.c_str(), O_RDONLY);
+    ASSERT_GE(fd, 0);
+    int flags = 0;
+    bool haveFlags = ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
+    int locked = flags | FS_IMMUTABLE_FL;
+    if (!haveFlags || ioctl(fd, FS_IOC_SETFLAGS, &locked) != 0) {
+        close(fd);
+        GTEST_SKIP() << "no inode flags here";
+    }
+    pid_t child = ltest::ForkChild(
+        [&] { return setuid(65534) == 0 && LFile::TestFileLocked(file.c_str()) ? 0 : 1; });
+    int result = ltest::WaitChild(child);
+    ioctl(fd, FS_IOC_SETFLAGS, &flags);  // so that the tree can be removed
+    close(fd);
+    EXPECT_EQ(result, 0);
 }
 
 }  // namespace
