@@ -4,8 +4,10 @@
 // and byte counts.
 #include <fcntl.h>
 #include <linux/fs.h>
+#include <sched.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -387,6 +389,48 @@ TEST(FileLocked, AnsweredWithoutReadPermission) {
     ioctl(fd, FS_IOC_SETFLAGS, &flags);  // so that the tree can be removed
     close(fd);
     EXPECT_EQ(result, 0);
+}
+
+}  // namespace
+
+namespace {
+
+// Where "/" is not a mount point (a chroot into a plain folder) the mount table lists no
+// mount above most paths; the lookup still finds the mount holding them. Run in a child with
+// a private mount namespace, so nothing mounted here reaches the machine.
+TEST(MountTable, FoundWhereRootIsNotAMountPoint) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root to chroot and mount";
+    }
+    TempTree tree;
+    LMountInfo outside;
+    ASSERT_TRUE(_LFindMountForPath(tree.root().c_str(), outside));
+    tree.MakeFolder("proc");
+    tree.MakeFolder("sub/deeper");
+    pid_t child = ltest::ForkChild([&] {
+        if (unshare(CLONE_NEWNS) != 0 ||
+            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("proc", tree.Path("proc").c_str(), "proc", 0, nullptr) != 0 ||
+            chroot(tree.root().c_str()) != 0 || chdir("/") != 0) {
+            return 2;
+        }
+        const struct {
+            char const* path;
+            char const* mountPoint;
+            std::string fsType;
+        } cases[] = {{"/", "/", outside.fsType},
+                     {"/sub/deeper", "/", outside.fsType},
+                     {"/proc/self", "/proc", "proc"}};
+        for (auto const& c : cases) {
+            LMountInfo m;
+            if (!_LFindMountForPath(c.path, m) || m.mountPoint != c.mountPoint ||
+                m.fsType != c.fsType) {
+                return 1;
+            }
+        }
+        return 0;
+    });
+    EXPECT_EQ(ltest::WaitChild(child), 0);
 }
 
 }  // namespace
