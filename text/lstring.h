@@ -366,8 +366,8 @@ public:
 //   - each other conversion goes through the C library's formatter into a 272-character
 //     scratch area and is cut at 271 characters; what the formatter would do by storing
 //     through the slot or reading memory through it ("n", "S" with a slot other than null,
-//     an argument addressed by a position above 1 as in "%2$") is withheld: the slot is
-//     taken and nothing is written.
+//     an argument addressed by position as in "%1$") is withheld: the slot is taken and
+//     nothing is written.
 // Instantiated for the three writers declared above.
 template <typename W>
 unsigned long tplprintf(W& writer, const char* format, va_list args);

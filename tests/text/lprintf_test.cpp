@@ -223,7 +223,7 @@ TEST(TplPrintfOutput, TprintfGoesToStandardOutputThroughTheCLibrary) {
 namespace {
 
 // Every letter goes to the C library's formatter with its slot, except where the library
-// would store through the slot or read memory through it (or read arguments never passed):
+// would store through the slot, read memory through it or address arguments by position:
 // those take their slot and write nothing. Either way the next conversion gets the next slot.
 TEST(TplPrintfLetters, OnlyStoringAndReadingThroughASlotIsWithheld) {
     char library[64];
@@ -235,12 +235,13 @@ TEST(TplPrintfLetters, OnlyStoringAndReadingThroughASlotIsWithheld) {
     } cases[] = {
         {"%$", 0, nullptr},
         {"%.1$", 0, nullptr},
-        {"%1$", 0, nullptr},
+        {"%l$", 0, nullptr},
         {"%5*", 5, nullptr},
         {"%S", 0, "(null)"},
         {"%5S", 0, "(null)"},
         {"%S", 1, ""},
-        {"%2$", 0, ""},
+        {"%1$", 0, ""},
+        {"%0$", 0, ""},
         {"%n", static_cast<long long>(reinterpret_cast<intptr_t>(&target)), ""},
     };
     for (const auto& c : cases) {
