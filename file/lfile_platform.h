@@ -40,6 +40,7 @@ bool _LGetTrashFolder(char* dst);
 
 // One mounted file system, as the mount table describes it.
 struct LMountInfo {
+    unsigned int mountId = 0;
     unsigned int major = 0;
     unsigned int minor = 0;
     std::string mountPoint;
@@ -51,8 +52,11 @@ struct LMountInfo {
 bool _LParseMountInfoLine(std::string_view line, LMountInfo& out);
 // The mount table of this process.
 std::vector<LMountInfo> _LReadMountTable();
-// The mount holding path (which must exist): the deepest mount point above it, preferring
-// the mount whose device is the path's own.
+// The mount holding path (which must exist): the table's entry with the path's mount id
+// (without mount ids: the deepest mount point above it, preferring the path's own device).
+// A mount the table cannot show, its mount point lying outside this process's root (a chroot
+// into a plain folder), is described by the highest folder above the path on the same mount,
+// and by the first entry for its id or device in the init process's table or this one.
 bool _LFindMountForPath(char const* path, LMountInfo& out);
 
 // The mount point of the volume holding path, from the mount table.

@@ -1,13 +1,12 @@
 // The Linux sources of volume facts: the mount table (/proc/self/mountinfo), file-system
-// statistics (statfs, statvfs), block-device attributes in sysfs and inode flags.
+// statistics (statfs, statvfs), block-device attributes in sysfs and inode attributes (statx).
 //
-// A path's volume is found by its device number and the deepest mount point above its
-// resolved path, so bind mounts and overmounts answer for the file system really holding
-// the path. Anything that cannot be read answers "unknown" (false), never a guess.
+// A path's volume is the mount table's entry with the path's mount id (statx), so bind
+// mounts and overmounts answer for the file system really holding the path, and a chroot
+// whose root is no mount point still finds the mount its paths lie on. Anything that cannot
+// be read answers "unknown" (false), never a guess.
 #include <fcntl.h>
 #include <limits.h>
-#include <linux/fs.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <sys/statvfs.h>
@@ -15,6 +14,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -93,7 +93,7 @@ bool ReadFirstLine(std::string const& file, std::string& line) {
 bool _LParseMountInfoLine(std::string_view line, LMountInfo& out) {
     // id parent major:minor root mount-point options [optional...] - type source super
     std::string_view rest = line;
-    NextField(rest);  // mount id
+    std::string_view id = NextField(rest);
     NextField(rest);  // parent id
     std::string_view dev = NextField(rest);
     NextField(rest);  // root inside the file system
@@ -110,7 +110,7 @@ bool _LParseMountInfoLine(std::string_view line, LMountInfo& out) {
     std::string_view source = NextField(rest);
     size_t colon = dev.find(':');
     if (colon == std::string_view::npos || mountPoint.empty() || fsType.empty() ||
-        !ParseUnsigned(dev.substr(0, colon), out.major) ||
+        !ParseUnsigned(id, out.mountId) || !ParseUnsigned(dev.substr(0, colon), out.major) ||
         !ParseUnsigned(dev.substr(colon + 1), out.minor)) {
         return false;
     }
@@ -120,9 +120,11 @@ bool _LParseMountInfoLine(std::string_view line, LMountInfo& out) {
     return true;
 }
 
-std::vector<LMountInfo> _LReadMountTable() {
+namespace {
+
+std::vector<LMountInfo> ReadMountTableFrom(char const* file) {
     std::vector<LMountInfo> mounts;
-    std::ifstream in("/proc/self/mountinfo");
+    std::ifstream in(file);
     std::string line;
     while (std::getline(in, line)) {
         LMountInfo m;
@@ -133,14 +135,77 @@ std::vector<LMountInfo> _LReadMountTable() {
     return mounts;
 }
 
+}  // namespace
+
+std::vector<LMountInfo> _LReadMountTable() {
+    return ReadMountTableFrom("/proc/self/mountinfo");
+}
+
 namespace {
+
+// The mount a path lies on: its mount id where the kernel reports one, else its device.
+struct MountKey {
+    bool haveId = false;
+    uint64_t id = 0;
+    dev_t device = 0;
+
+    bool Read(char const* path) {
+        struct statx st;
+        if (statx(AT_FDCWD, path, AT_STATX_SYNC_AS_STAT, STATX_MNT_ID, &st) != 0) {
+            return false;
+        }
+        haveId = (st.stx_mask & STATX_MNT_ID) != 0;
+        id = st.stx_mnt_id;
+        device = makedev(st.stx_dev_major, st.stx_dev_minor);
+        return true;
+    }
+    bool operator==(MountKey const& other) const {
+        return haveId && other.haveId ? id == other.id : device == other.device;
+    }
+};
+
+// The highest folder above the resolved path that still lies on the path's mount: the mount
+// point as this process sees it when the real one is outside its root.
+std::string TopOfMount(std::string path, MountKey const& key) {
+    while (path != "/") {
+        size_t slash = path.rfind('/');
+        std::string parent = slash == 0 ? "/" : path.substr(0, slash);
+        MountKey above;
+        if (!above.Read(parent.c_str()) || !(above == key)) {
+            break;
+        }
+        path = std::move(parent);
+    }
+    return path;
+}
+
+LMountInfo const* FindById(std::vector<LMountInfo> const& table, uint64_t id) {
+    for (LMountInfo const& m : table) {
+        if (m.mountId == id) {
+            return &m;
+        }
+    }
+    return nullptr;
+}
+
+LMountInfo const* FindByDevice(std::vector<LMountInfo> const& table, unsigned int major,
+                               unsigned int minor) {
+    for (LMountInfo const& m : table) {
+        if (m.major == major && m.minor == minor) {
+            return &m;
+        }
+    }
+    return nullptr;
+}
 
 // _LFindMountForPath over a mount table already read; a null table is read here, once the
 // path is known to exist.
 bool FindMountIn(char const* path, std::vector<LMountInfo> const* table, LMountInfo& out) {
     struct stat st;
     char resolved[PATH_MAX];
-    if (path == nullptr || stat(path, &st) != 0 || realpath(path, resolved) == nullptr) {
+    MountKey key;
+    if (path == nullptr || stat(path, &st) != 0 || realpath(path, resolved) == nullptr ||
+        !key.Read(resolved)) {
         return false;
     }
     std::string_view target(resolved);
@@ -151,24 +216,51 @@ bool FindMountIn(char const* path, std::vector<LMountInfo> const* table, LMountI
         read = _LReadMountTable();
         table = &read;
     }
-    // Later entries are mounted over earlier ones at the same place, so ties go to the later.
-    LMountInfo const* best = nullptr;
-    bool bestOwnDevice = false;
-    for (LMountInfo const& m : *table) {
-        if (!IsMountPointAbove(m.mountPoint, target)) {
-            continue;
+    if (key.haveId) {
+        if (LMountInfo const* m = FindById(*table, key.id)) {
+            out = *m;
+            return true;
         }
-        bool ownDevice = m.major == major && m.minor == minor;
-        if (best == nullptr || (ownDevice && !bestOwnDevice) ||
-            (ownDevice == bestOwnDevice && m.mountPoint.size() >= best->mountPoint.size())) {
-            best = &m;
-            bestOwnDevice = ownDevice;
+    } else {
+        // Later entries are mounted over earlier ones at the same place, so ties go to the
+        // later.
+        LMountInfo const* best = nullptr;
+        bool bestOwnDevice = false;
+        for (LMountInfo const& m : *table) {
+            if (!IsMountPointAbove(m.mountPoint, target)) {
+                continue;
+            }
+            bool ownDevice = m.major == major && m.minor == minor;
+            if (best == nullptr || (ownDevice && !bestOwnDevice) ||
+                (ownDevice == bestOwnDevice && m.mountPoint.size() >= best->mountPoint.size())) {
+                best = &m;
+                bestOwnDevice = ownDevice;
+            }
+        }
+        if (best != nullptr) {
+            out = *best;
+            return true;
         }
     }
-    if (best == nullptr) {
-        return false;
+    // The mount is not in this process's table: its mount point lies outside the process's
+    // root. The init process's table shows it (by id in the same mount namespace, by device
+    // in another); this one may show another mount of the same device.
+    std::vector<LMountInfo> const init = ReadMountTableFrom("/proc/1/mountinfo");
+    LMountInfo const* described = key.haveId ? FindById(init, key.id) : nullptr;
+    if (described != nullptr && (described->major != major || described->minor != minor)) {
+        described = nullptr;  // an id of another namespace
     }
-    out = *best;
+    if (described == nullptr) {
+        described = FindByDevice(*table, major, minor);
+    }
+    if (described == nullptr) {
+        described = FindByDevice(init, major, minor);
+    }
+    out = described != nullptr ? *described : LMountInfo{};
+    out.mountId = static_cast<unsigned int>(key.id);
+    out.major = major;
+    out.minor = minor;
+    out.mountPoint = TopOfMount(resolved, key);
     return true;
 }
 
@@ -365,15 +457,13 @@ bool LFile::TestFileLocked(char const* path) {
     if (path == nullptr) {
         return false;
     }
-    int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) {
-        return false;
-    }
-    // One immutable flag covers both the user and the system flag of other platforms.
-    int flags = 0;
-    bool locked = ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0 && (flags & FS_IMMUTABLE_FL) != 0;
-    close(fd);
-    return locked;
+    // statx reports the inode's attributes without opening it: no read permission is needed,
+    // and a FIFO or a device is never opened just to be asked. One immutable flag covers both
+    // the user and the system flag of other platforms.
+    struct statx st;
+    return statx(AT_FDCWD, path, AT_STATX_SYNC_AS_STAT, STATX_TYPE, &st) == 0 &&
+           (st.stx_attributes_mask & STATX_ATTR_IMMUTABLE) != 0 &&
+           (st.stx_attributes & STATX_ATTR_IMMUTABLE) != 0;
 }
 
 int LFile::GetNumberOfWritableDrives() {

@@ -196,13 +196,28 @@ void LBlowFish::DecodeText(LStringLongTemplate<char>& out, const char* text) con
     out.Assign(plain, std::strlen(plain));
 }
 
+namespace {
+
+// Every deciphering runs under the setting key, whichever key the object was given: a
+// schedule made once and only read afterwards, so any thread may share it.
+const LBlowFish& SettingCipher() {
+    static const LBlowFish cipher = [] {
+        LBlowFish keyed;
+        keyed.SetKey(kLSettingKey);
+        return keyed;
+    }();
+    return cipher;
+}
+
+}  // namespace
+
 void LBlowFish::StringDecodeBase64(LStringLongTemplate<char>& out, const char* text) const {
-    DecodeText(out, text);
+    SettingCipher().DecodeText(out, text);
 }
 
 void LBlowFish::StringDecodeBase64(char* out, const char* text) const {
     LStringLongTemplate<char> plain;
-    DecodeText(plain, text);
+    SettingCipher().DecodeText(plain, text);
     const unsigned long n = plain.GetLength() < 259 ? plain.GetLength() : 259;
     std::memcpy(out, plain.GetText(), n);
     out[n] = 0;
@@ -213,8 +228,7 @@ void LSettingEncrypt(LStringLongTemplate<char>& out, const char* text) {
     if (text == nullptr || text[0] == 0) {
         return;
     }
-    LBlowFish cipher;
-    cipher.SetKey(kLSettingKey);
+    LBlowFish cipher = SettingCipher();
     unsigned long size = 0;
     auto buffer = PlainBlocks(text, std::strlen(text), size);
     cipher.Encode(buffer.get(), size);
@@ -225,10 +239,8 @@ void LSettingDecrypt(char* text) {
     if (text == nullptr || text[0] == 0) {
         return;
     }
-    LBlowFish cipher;
-    cipher.SetKey(kLSettingKey);
     LStringLongTemplate<char> plain;
-    cipher.StringDecodeBase64(plain, text);
+    SettingCipher().StringDecodeBase64(plain, text);
     // Base64 carries 3 bytes in 4 characters, so the text of a real enciphered value fits
     // over its source. Garbage can decipher to more (a short tail still yields a whole block),
     // so the copy is cut to the source's length rather than written past it.
@@ -242,9 +254,7 @@ void LSettingDecrypt(LStringLongTemplate<char>& text) {
     if (text.IsEmpty()) {
         return;
     }
-    LBlowFish cipher;
-    cipher.SetKey(kLSettingKey);
     LStringLongTemplate<char> plain;
-    cipher.StringDecodeBase64(plain, text.GetText());
+    SettingCipher().StringDecodeBase64(plain, text.GetText());
     text = std::move(plain);
 }

@@ -41,8 +41,9 @@ public:
     // text and writes at most 259 characters and the terminator.
     void StringEncodeBase64(LStringLongTemplate<char>& out, const char* text);
     void StringEncodeBase64(char* out, const char* text);
-    // Decodes the Base64 text, deciphers it under this object's key and gives the text up to
-    // the first NUL; the char* form copies at most 259 characters and the terminator.
+    // Decodes the Base64 text, deciphers it under the setting key (whatever key this object
+    // holds) and gives the text up to the first NUL; the char* form copies at most 259
+    // characters and the terminator.
     void StringDecodeBase64(LStringLongTemplate<char>& out, const char* text) const;
     void StringDecodeBase64(char* out, const char* text) const;
 

@@ -4,8 +4,8 @@
 // (see lencoding.h); do not "correct" them.
 //
 // String forms size their output before converting: "From" members to 6 x input length + 1
-// bytes (the widest UTF-8 growth), "To" members to input length + 1; the string's length is
-// then taken from the terminated result.
+// bytes (the widest UTF-8 growth), "To" members to input length + 1, grown further while the
+// encoding needs more; the string's length is then taken from the terminated result.
 #include "text/lencoding.h"
 
 #include <iconv.h>
@@ -33,24 +33,32 @@ void FromString(LStringLongTemplate<char>& out, const char* in, const char* from
 }
 
 void ToString(LStringLongTemplate<char>& out, const char* in, const char* toName) {
-    const unsigned long size = tstrlen(in) + 1;
+    const char* text = in != nullptr ? in : "";
+    const unsigned long inBytes = tstrlen(text) + 1;
+    unsigned long size = inBytes;
     out.GrowToSize(size);
-    ToBuffer(out.GetBuffer(), in, size, toName);
+    // Escapes and four-byte sequences can make the converted text longer than its UTF-8:
+    // a conversion that ran out of room starts again in twice the room, so the string always
+    // ends with the whole text and its own terminator, never a cut character or old bytes.
+    while (_LIconvConvert(out.GetBuffer(), size, 1, true, text, inBytes, toName, kUTF8)) {
+        size *= 2;
+        out.GrowToSize(size);
+    }
     out.UpdateLength();
 }
 
 }  // namespace
 
-void _LIconvConvert(void* out, unsigned long outBytes, unsigned long unitBytes, bool terminate,
+bool _LIconvConvert(void* out, unsigned long outBytes, unsigned long unitBytes, bool terminate,
                     const void* in, unsigned long inBytes, const char* toName,
                     const char* fromName) {
     if (outBytes == 0)
-        return;  // no room even for the empty text
+        return false;  // no room even for the empty text
     auto* output = static_cast<char*>(out);
     output[0] = 0;
     iconv_t cd = iconv_open(toName, fromName);
     if (cd == reinterpret_cast<iconv_t>(-1))
-        return;
+        return false;
     // iconv's interface takes a non-const input pointer but never writes through it.
     char* inPos = const_cast<char*>(static_cast<const char*>(in));
     size_t inLeft = inBytes;
@@ -58,10 +66,12 @@ void _LIconvConvert(void* out, unsigned long outBytes, unsigned long unitBytes, 
     size_t outLeft = outBytes;
     // One call: an invalid, incomplete or unconvertible sequence, or a full output, simply
     // ends the text where the conversion stopped.
-    iconv(cd, &inPos, &inLeft, &outPos, &outLeft);
+    const bool full =
+        iconv(cd, &inPos, &inLeft, &outPos, &outLeft) == static_cast<size_t>(-1) && errno == E2BIG;
     iconv_close(cd);
     if (terminate && outLeft >= unitBytes)
         std::memset(outPos, 0, unitBytes);
+    return full;
 }
 
 void LCopyFromISO88591(char* out, const char* in, unsigned long size) {

@@ -21,8 +21,9 @@
 // with a size, a terminator (one unit of unitBytes) is written at the point reached whenever
 // room is left. Without a size the room is the input length + 1 units and no terminator is
 // added (a conversion cut short then leaves the output unterminated: callers of that form
-// pass ample, zeroed buffers). Nothing is written when the room is 0.
-void _LIconvConvert(void* out, unsigned long outBytes, unsigned long unitBytes, bool terminate,
+// pass ample, zeroed buffers). Nothing is written when the room is 0. True when the
+// conversion stopped because the room was full, so a caller able to grow may try again.
+bool _LIconvConvert(void* out, unsigned long outBytes, unsigned long unitBytes, bool terminate,
                     const void* in, unsigned long inBytes, const char* toName,
                     const char* fromName);
 

@@ -12,8 +12,9 @@
 //     engine took, so no call reads an argument of the wrong class; a floating conversion that
 //     takes an integer slot (E, G, F, a, A) reads the slot's 64 bits as a double, as a
 //     platform that passes every variadic argument in memory would;
-//   - a conversion that would store through the slot or read memory through it, or address
-//     arguments by position ("n", "S", "$", "*"), takes its slot and writes nothing;
+//   - a conversion that would store through the slot or read memory through it ("n", "S"
+//     with a slot other than null), or address an argument by position ("%1$"), takes its
+//     slot and writes nothing; every other letter, "$" and "*" included, goes to snprintf;
 //   - a conversion cut off by the end of the format writes nothing and ends formatting;
 //   - one that ends in a flag or length modifier ("%-", "%h") is not handed to snprintf, which
 //     would fail on it and write nothing anyway (and whose sanitizer interceptors reject it).
@@ -180,9 +181,32 @@ void FormatOne(W& writer, char* conversion, unsigned long collected, char letter
     const uint64_t slot = static_cast<uint64_t>(va_arg(*args, long long));
     switch (letter) {
         case 'n':
+            return;  // would store through the slot
         case 'S':
+            // Reads a wide text through the slot: only a null one, which the C library prints
+            // without reading memory, is handed over.
+            if (slot == 0) {
+                WriteConverted(writer, conversion, static_cast<const wchar_t*>(nullptr));
+            }
+            return;
         case '$':
+            // Digits before "$" address an argument by position, which the C library reads
+            // from its own walk of the argument list rather than from the slot passed (and
+            // which sanitizer interceptors misread): withheld. Without them ("%$", "%.1$")
+            // the C library prints the conversion as text.
+            if (!chars.empty() && chars.find_first_not_of("0123456789") == std::string_view::npos) {
+                return;
+            }
+            WriteConverted(writer, conversion, slot);
+            return;
         case '*':
+            // Right after "%", "0" flags or ".", the C library reads "*" as a width or
+            // precision and then finds no conversion: it fails and writes nothing, so it is
+            // not called (a sanitizer's interceptor even rejects "%*"). Elsewhere "*" is a
+            // letter it prints as text.
+            if (chars.find_first_not_of('0') != std::string_view::npos && chars.back() != '.') {
+                WriteConverted(writer, conversion, static_cast<int>(slot));
+            }
             return;
         // A flag or length modifier as the last character leaves the conversion without a
         // conversion: the C library fails the call and writes nothing, so it is not called.

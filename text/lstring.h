@@ -363,8 +363,11 @@ public:
 //   - "s" copies the whole string whatever width or precision was given; null writes nothing;
 //   - "e", "f", "g" take a double (a long double when "L" precedes the letter); every other
 //     conversion, "E" and "G" included, takes a 64-bit integer slot;
-//   - each numeric conversion goes through the C library's formatter into a 272-character
-//     scratch area and is cut at 271 characters.
+//   - each other conversion goes through the C library's formatter into a 272-character
+//     scratch area and is cut at 271 characters; what the formatter would do by storing
+//     through the slot or reading memory through it ("n", "S" with a slot other than null,
+//     an argument addressed by position as in "%1$") is withheld: the slot is taken and
+//     nothing is written.
 // Instantiated for the three writers declared above.
 template <typename W>
 unsigned long tplprintf(W& writer, const char* format, va_list args);

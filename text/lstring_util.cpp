@@ -219,7 +219,7 @@ bool GetCSVListItem(const char* list, unsigned long& position, char* out, unsign
             ++p;
             break;
         }
-        const bool blank = c == ' ' || c == '\t';
+        const bool blank = c == ' ';  // a tab is text here
         if (blank && !quoted && copied == 0) {
             continue;
         }
@@ -340,8 +340,8 @@ bool LCommandLineArgumentStringExpander::NextArgument() {
             quoting = true;
             continue;
         }
-        if (!quoting && IsBlankOrControl(c)) {
-            break;
+        if (!quoting && c == ' ') {
+            break;  // only the space separates; a tab inside an argument is kept
         }
         if (c == '\\' && m_pPosition[1] == ' ') {
             appender.Write(' ');

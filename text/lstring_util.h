@@ -4,7 +4,8 @@
 //
 // Every helper that writes into a caller's buffer is told its size (or works on the library's
 // 260-character buffers) and cuts its output to fit; none reports an error. Characters are
-// compared as unsigned bytes, so UTF-8 bytes above 0x7F count as text, never as blanks.
+// compared as unsigned bytes, so UTF-8 bytes above 0x7F count as text, never as blanks. A
+// blank is the space character (0x20) alone: a tab is text to the CSV and argument readers.
 // Included by text/lstring.h; include that header rather than this one.
 #pragma once
 
@@ -109,8 +110,9 @@ unsigned long LParseGetToCharacters(const char* text, const char* stops, char* o
 // Replaces out with the text up to NUL, line feed or carriage return; returns the count read.
 unsigned long LParseGetToEndOfLine(const char* text, LStringLongTemplate<char>& out);
 
-// Splits a command line into arguments: blanks separate, a first quote starts quoting and a
-// second ends the argument at once, "\ " is a blank, any other backslash is kept.
+// Splits a command line into arguments: characters below 33 are skipped before an argument,
+// blanks end it, a first quote starts quoting and a second ends the argument at once, "\ " is
+// a blank, any other backslash is kept.
 class LCommandLineArgumentStringExpander {
 public:
     explicit LCommandLineArgumentStringExpander(const char* text)

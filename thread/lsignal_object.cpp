@@ -248,6 +248,13 @@ LSignalObjectNamedWaiter::~LSignalObjectNamedWaiter() {
 }
 
 bool LSignalObjectNamedWaiter::WaitSignal(unsigned int ms) {
+    if (!bound) {
+        // An unbound socket polls as hung up at once, which would turn a caller's wait loop
+        // into a busy loop: wait the time out with nothing to watch, as accept would then
+        // fail on a socket that does not listen.
+        poll(nullptr, 0, _LSignalPollTimeout(ms));
+        return false;
+    }
     pollfd p{listenFd, POLLIN, 0};
     if (poll(&p, 1, _LSignalPollTimeout(ms)) < 0) {
         return false;

@@ -125,7 +125,8 @@ public:
 
     // Polls the listening socket, then accepts without blocking. True when a connection was
     // accepted and also when there was none to accept (the timeout passed): callers take the
-    // result as the end of the wait. False only for a poll error or another accept error.
+    // result as the end of the wait. False only for a poll error or another accept error,
+    // and after the full time for a waiter whose bind failed.
     bool WaitSignal(unsigned int ms);
     // Drains the accepted connection, if any.
     void Reset();

@@ -23,7 +23,7 @@ void LThread::StopThreadAndWait() {
     stopEvent.Signal();
     if (startedEvent.IsSignaled() && !_IsBodyThread()) {
         finishedEvent.WaitSignal(LSignalInfinite);
-        // The body's last step under the lock happened before the finished event; taking the
+        // The body signals the finished event while it holds the lock; taking the
         // lock once orders everything after it (destroying the mutex included) behind it.
         lock.Lock();
         lock.Unlock();
@@ -87,13 +87,11 @@ void LThread::Start(int newPriority) {
 }
 
 void* LThread::_ThreadEntry(void* self) {
-    auto* t = static_cast<LThread*>(self);
-    t->_RunBody();
-    t->finishedEvent.Signal();
+    static_cast<LThread*>(self)->_RunBody(true);
     return nullptr;
 }
 
-void LThread::_RunBody() {
+void LThread::_RunBody(bool signalFinished) {
     int32_t id = _LThreadCurrentId();
     machThreadId = id;
     bodyThreadId = id;
@@ -104,6 +102,11 @@ void LThread::_RunBody() {
     running = false;
     hasThread = false;
     machThreadId = -1;
+    // Still under the lock: once it is released a Start may begin a new run and reset the
+    // event, and a signal sent after that would claim the new run had finished.
+    if (signalFinished) {
+        finishedEvent.Signal();
+    }
     lock.Unlock();
 }
 
@@ -139,20 +142,31 @@ int LThread::GetPriority() {
     return p;
 }
 
-bool LThread::_StartDetachedThread(int newPriority, void* (*entry)(void*)) {
+bool LThread::_StartDetachedThread(int newPriority, void* (*entry)(void*),
+                                   void (*listStarted)(LThread&)) {
     stopEvent.Reset();
     finishedEvent.Reset();
     startedEvent.Reset();
-    // The lock is held until the priority is applied: the body's end takes the same lock
-    // before a detached thread can destroy itself, so a body that ends at once cannot pull
-    // the object away from under this function.
+    // The lock is held until the thread is listed and its priority applied: the body's end
+    // takes the same lock before a detached thread can destroy itself, so a body that ends at
+    // once can neither pull the object away from under this function nor end unlisted.
     lock.Lock();
     running = true;
     priority = newPriority;
     bool created = pthread_create(&thread, nullptr, entry, this) == 0;
     hasThread = created;
-    if (created && ProcessWaitSignalForever(startedEvent.GetRef()) == 0) {
-        SetPriority(newPriority);
+    if (created) {
+        bool started = ProcessWaitSignalForever(startedEvent.GetRef()) == 0;
+        // A stop request ends that wait early; the owner must still only ever see a started
+        // body.
+        startedEvent.WaitSignal(LSignalInfinite);
+        // Listed only now: an owner that stops it from here on finds the events of this run
+        // (a stop request is no longer erased by the resets above) and a started thread to
+        // wait for.
+        listStarted(*this);
+        if (started) {
+            SetPriority(newPriority);
+        }
     }
     lock.Unlock();
     return created;
@@ -160,10 +174,13 @@ bool LThread::_StartDetachedThread(int newPriority, void* (*entry)(void*)) {
 
 void LDetachedThread::StartDetached(LDetachedThreadsOwner& newOwner, int newPriority) {
     owner = &newOwner;
-    // Listed before the thread exists, so its end always finds it in the list.
-    newOwner._Insert(this);
-    if (!_StartDetachedThread(newPriority, _DetachedEntry)) {
-        newOwner._Unlink(this);
+    auto list = [](LThread& self) {
+        auto& t = static_cast<LDetachedThread&>(self);
+        t.owner->_Insert(&t);
+    };
+    if (!_StartDetachedThread(newPriority, _DetachedEntry, list)) {
+        // No thread will ever end it, and nobody else holds it: it owns itself.
+        delete this;
     }
     // From here on the thread may have destroyed itself already.
 }
@@ -171,7 +188,7 @@ void LDetachedThread::StartDetached(LDetachedThreadsOwner& newOwner, int newPrio
 void* LDetachedThread::_DetachedEntry(void* self) {
     auto* t = static_cast<LDetachedThread*>(self);
     LDetachedThreadsOwner* owner = t->owner;
-    t->_RunBody();
+    t->_RunBody(false);
     if (!owner->Destruct(t)) {
         // StopThreadsNow has taken the thread off the list and waits for this signal before
         // destroying it: nothing may touch the object after it.

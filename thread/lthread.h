@@ -4,16 +4,18 @@
 //
 // Invariants:
 // - The handle, thread id and running flag change only under the thread's lock; the body's
-//   end detaches the thread and clears them before it signals the finished event, so the
-//   finished event means nothing of the thread touches the object any more.
+//   end detaches the thread, clears them and signals the finished event in one hold of the
+//   lock, so the finished event means nothing of the thread touches the object any more
+//   once the lock is free, and a Start cannot slip between the clearing and the signal.
 // - A stop request is one byte in a pipe: safe from any thread, never reset until the next
 //   Start.
 // - Destroying the object waits for a started body to finish. The body is a virtual of the
 //   most derived class, so a class whose body uses its own members calls StopThreadAndWait
 //   in its own destructor, before those members go.
 //
-// LDetachedThread owns itself: it is listed in its owner before it can run and destroys
-// itself when its body ends, unless the owner has taken it off the list to stop it.
+// LDetachedThread owns itself: it is listed in its owner once its body has started and
+// before the body can end, and destroys itself when its body ends, unless the owner has taken
+// it off the list to stop it. A thread that could not be created destroys itself at once.
 #pragma once
 
 #include <pthread.h>
@@ -69,10 +71,13 @@ public:
 
 protected:
     // Runs on the new thread: records the id, signals started, runs the body, then clears
-    // the handle under the lock. The caller signals the finished event afterwards.
-    void _RunBody();
-    // The detached threads' start, which shares the bookkeeping of Start.
-    bool _StartDetachedThread(int priority, void* (*entry)(void*));
+    // the handle under the lock and, when asked, signals the finished event before letting
+    // the lock go, so the signal always belongs to this run. A detached thread signals it
+    // itself, after its owner had the chance to destroy it.
+    void _RunBody(bool signalFinished);
+    // The detached threads' start, which shares the bookkeeping of Start. listStarted runs
+    // once the body has started and before it can end (the lock is held meanwhile).
+    bool _StartDetachedThread(int priority, void* (*entry)(void*), void (*listStarted)(LThread&));
     bool _IsBodyThread() const;
 
     LSignalObject stopEvent;
@@ -100,8 +105,9 @@ public:
     LDetachedThread() = default;
     explicit LDetachedThread(char const* name) : LThread(name) {}
 
-    // Lists the thread in owner, then starts it. From then on the thread belongs to the owner
-    // and to itself: it is destroyed when its body ends or by the owner's StopThreadsNow.
+    // Starts the thread and lists it in owner. From then on the thread belongs to the owner
+    // and to itself: it is destroyed when its body ends or by the owner's StopThreadsNow, and
+    // at once when no thread could be created. The object must come from new.
     void StartDetached(LDetachedThreadsOwner& owner, int priority);
 
 private:

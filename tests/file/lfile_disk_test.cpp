@@ -4,8 +4,10 @@
 // and byte counts.
 #include <fcntl.h>
 #include <linux/fs.h>
+#include <sched.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,6 +22,7 @@
 #include "file/lfile_platform.h"
 #include "file/lknown_folders.h"
 #include "temp_tree.h"
+#include "tests/thread/child_process.h"
 
 namespace {
 
@@ -343,6 +346,79 @@ TEST(FileLocked, ImmutableFlag) {
     ioctl(fd, FS_IOC_SETFLAGS, &flags);  // so that the tree can be removed
     close(fd);
     EXPECT_FALSE(LFile::TestFileLocked(file.c_str()));
+}
+
+}  // namespace
+
+namespace {
+
+// The immutable flag is read without opening the file: an unprivileged caller who may look
+// the path up but not read the file still gets the answer.
+TEST(FileLocked, AnsweredWithoutReadPermission) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root to set the flag and to act as another user";
+    }
+    TempTree tree;
+    std::string file = tree.MakeFile("sealed.wav");
+    ASSERT_EQ(chmod(tree.root().c_str(), 0711), 0);
+    ASSERT_EQ(chmod(file.c_str(), 0), 0);
+    int fd = open(file.c_str(), O_RDONLY);
+    ASSERT_GE(fd, 0);
+    int flags = 0;
+    bool haveFlags = ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
+    int locked = flags | FS_IMMUTABLE_FL;
+    if (!haveFlags || ioctl(fd, FS_IOC_SETFLAGS, &locked) != 0) {
+        close(fd);
+        GTEST_SKIP() << "no inode flags here";
+    }
+    pid_t child = ltest::ForkChild(
+        [&] { return setuid(65534) == 0 && LFile::TestFileLocked(file.c_str()) ? 0 : 1; });
+    int result = ltest::WaitChild(child);
+    ioctl(fd, FS_IOC_SETFLAGS, &flags);  // so that the tree can be removed
+    close(fd);
+    EXPECT_EQ(result, 0);
+}
+
+}  // namespace
+
+namespace {
+
+// Where "/" is not a mount point (a chroot into a plain folder) the mount table lists no
+// mount above most paths; the lookup still finds the mount holding them. Run in a child with
+// a private mount namespace, so nothing mounted here reaches the machine.
+TEST(MountTable, FoundWhereRootIsNotAMountPoint) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root to chroot and mount";
+    }
+    TempTree tree;
+    LMountInfo outside;
+    ASSERT_TRUE(_LFindMountForPath(tree.root().c_str(), outside));
+    tree.MakeFolder("proc");
+    tree.MakeFolder("sub/deeper");
+    pid_t child = ltest::ForkChild([&] {
+        if (unshare(CLONE_NEWNS) != 0 ||
+            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("proc", tree.Path("proc").c_str(), "proc", 0, nullptr) != 0 ||
+            chroot(tree.root().c_str()) != 0 || chdir("/") != 0) {
+            return 2;
+        }
+        const struct {
+            char const* path;
+            char const* mountPoint;
+            std::string fsType;
+        } cases[] = {{"/", "/", outside.fsType},
+                     {"/sub/deeper", "/", outside.fsType},
+                     {"/proc/self", "/proc", "proc"}};
+        for (auto const& c : cases) {
+            LMountInfo m;
+            if (!_LFindMountForPath(c.path, m) || m.mountPoint != c.mountPoint ||
+                m.fsType != c.fsType) {
+                return 1;
+            }
+        }
+        return 0;
+    });
+    EXPECT_EQ(ltest::WaitChild(child), 0);
 }
 
 }  // namespace

@@ -8,18 +8,40 @@ set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 source "$here/e2e_lib.sh"
 
+# private_root: run first in a new mount namespace where "/" is not a mount point (a chroot into
+# a plain folder), which unshare cannot make private. It steps to the namespace's own root
+# (setns into the namespace it is in), makes every mount there private, steps back into the
+# chroot and runs the rest. A bind of "/" onto itself would not do: made on a shared mount, it
+# and everything later mounted on it would appear in the machine's own namespace.
+private_root='require "syscall.ph";
+opendir(my $chroot, "/") or die "/: $!\n";
+open(my $ns, "<", "/proc/self/ns/mnt") or die "/proc/self/ns/mnt: $!\n";
+syscall(&SYS_setns, fileno($ns), 0) == 0 or die "setns: $!\n";
+my ($source, $target, $rec, $private) = ("none", "/", 0x4000, 0x40000);
+syscall(&SYS_mount, $source, $target, 0, $rec | $private, 0) == 0 or die "private /: $!\n";
+chdir($chroot) && chroot(".") or die "back into the chroot: $!\n";
+exec {$ARGV[0]} @ARGV or die "$ARGV[0]: $!\n";'
+
 if [ "${1:-}" != --inside ]; then
     need_built
     need_tool unshare util-linux
     need_tool flock util-linux
     need_tool mount mount
+    need_tool perl perl
     [ "$(id -u)" -eq 0 ] || skip "needs root to mount a tmpfs over /Library"
+    # Every mount of the test's namespace is private before anything is mounted in it, so
+    # nothing the test mounts reaches the machine's own namespace; never shared propagation.
+    if unshare --mount --propagation private true 2>/dev/null; then
+        isolate=(unshare --mount --propagation private)
+    else
+        isolate=(unshare --mount --propagation unchanged perl -e "$private_root" --)
+    fi
     # Root alone is not enough in some containers: a tmpfs in a private mount namespace must work.
     probe=$(mktemp -d /tmp/vadhelper_e2e_probe.XXXXXX)
     probe_ok=0
-    unshare --mount --propagation private mount -t tmpfs tmpfs "$probe" 2>/dev/null && probe_ok=1
+    "${isolate[@]}" mount -t tmpfs tmpfs "$probe" 2>/dev/null && probe_ok=1
     rmdir "$probe"
-    [ "$probe_ok" -eq 1 ] || skip "unshare --mount with a tmpfs is not permitted here"
+    [ "$probe_ok" -eq 1 ] || skip "a tmpfs in a private mount namespace is not permitted here"
     # /Library must exist as a mount point. When it does not, it is made here and removed
     # afterwards; the lock keeps concurrent runs from removing it under each other.
     exec 9>/tmp/.kavelpl-vadhelper-e2e.lock
@@ -30,11 +52,11 @@ if [ "${1:-}" != --inside ]; then
         made_library=1
     fi
     rc=0
-    unshare --mount --propagation private bash "$0" --inside || rc=$?
+    "${isolate[@]}" bash "$0" --inside || rc=$?
     if [ "$made_library" -eq 1 ]; then
         rmdir /Library
     fi
-    [ "$rc" -eq 0 ] || fail "unshare --mount failed or a check failed inside it (status $rc)"
+    [ "$rc" -eq 0 ] || fail "the private mount namespace failed or a check failed inside it (status $rc)"
     echo "PASS"
     exit 0
 fi

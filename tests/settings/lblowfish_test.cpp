@@ -205,8 +205,8 @@ TEST(LSettingDecrypt, GarbageNeverGrowsPastItsBuffer) {
     }
 }
 
-TEST(LBlowFishString, RoundTripUnderTheObjectsKeyWithoutLineBreaks) {
-    LBlowFish bf = Keyed("another key entirely");
+TEST(LBlowFishString, RoundTripUnderTheSettingKeyWithoutLineBreaks) {
+    LBlowFish bf = Keyed(kLSettingKey);
     std::mt19937 rng(12);
     for (int round = 0; round < 50; ++round) {
         std::string text(rng() % 120, ' ');
@@ -222,17 +222,10 @@ TEST(LBlowFishString, RoundTripUnderTheObjectsKeyWithoutLineBreaks) {
         bf.StringDecodeBase64(dec, enc.GetText());
         ASSERT_EQ(std::string(dec.GetText()), text);
     }
-    // Another key deciphers to something else: nothing verifies the result.
-    LStringLongTemplate<char> enc;
-    bf.StringEncodeBase64(enc, "secret");
-    LBlowFish other = Keyed("wrong");
-    LStringLongTemplate<char> dec;
-    other.StringDecodeBase64(dec, enc.GetText());
-    EXPECT_STRNE(dec.GetText(), "secret");
 }
 
 TEST(LBlowFishString, FixedBufferFormsCutTheirInputAndOutput) {
-    LBlowFish bf = Keyed("k");
+    LBlowFish bf = Keyed(kLSettingKey);
     const std::string longText(300, 'q');
     char enc[260];
     bf.StringEncodeBase64(enc, longText.c_str());
@@ -246,4 +239,26 @@ TEST(LBlowFishString, FixedBufferFormsCutTheirInputAndOutput) {
     char dec[260];
     bf.StringDecodeBase64(dec, full.GetText());
     EXPECT_EQ(std::string(dec), longText.substr(0, 259));
+}
+
+// Deciphering always uses the setting key, whatever key the object holds; enciphering uses
+// the object's key, so text enciphered under another key does not come back.
+TEST(LBlowFishString, DecipheringUsesTheSettingKey) {
+    LStringLongTemplate<char> setting;
+    LSettingEncrypt(setting, "secret value");
+    for (const char* key : {kLSettingKey, "wrong", "another key entirely"}) {
+        SCOPED_TRACE(key);
+        LBlowFish bf = Keyed(key);
+        LStringLongTemplate<char> dec;
+        bf.StringDecodeBase64(dec, setting.GetText());
+        EXPECT_STREQ(dec.GetText(), "secret value");
+        char buffer[260];
+        bf.StringDecodeBase64(buffer, setting.GetText());
+        EXPECT_STREQ(buffer, "secret value");
+
+        LStringLongTemplate<char> own;
+        bf.StringEncodeBase64(own, "secret value");
+        bf.StringDecodeBase64(dec, own.GetText());
+        EXPECT_EQ(std::string(dec.GetText()) == "secret value", std::string(key) == kLSettingKey);
+    }
 }

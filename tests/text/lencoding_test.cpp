@@ -118,11 +118,7 @@ TEST(IconvFamily, StringFormsAndTheirNames) {
 }
 
 TEST(IconvFamily, StringFormsAreSizedByInputLength) {
-    // "To" forms get input length + 1 bytes: an encoding that grows the text is cut.
     LStringLongTemplate<char> out;
-    LCopyToISO2022JP(out, "\xE6\x97\xA5");  // 3 bytes in, 8 bytes of escapes and JIS out
-    EXPECT_LE(out.GetLength(), 3u);
-    EXPECT_EQ(out.GetLength(), std::strlen(out.GetText()));
     // "From" forms get 6 x length + 1: every UTF-8 growth fits.
     const std::string high(50, '\xE9');
     LCopyFromISO88591(out, high.c_str());
@@ -240,6 +236,45 @@ TEST(CodePages, TableNamesAreKnownToIconv) {
     EXPECT_STREQ(_LCodePageEncodingName(1252), "WINDOWS-1252");
     EXPECT_STREQ(_LCodePageEncodingName(37), "IBM037");
     EXPECT_EQ(_LCodePageEncodingName(1200), nullptr);  // UTF-16 is not a byte text
+}
+
+}  // namespace
+
+namespace {
+
+// "To" forms whose encoding can be longer than the UTF-8 text: the string holds the whole
+// converted text, terminated, whether the text overflows the first room, fills it exactly,
+// or lands in a string that held something longer before.
+TEST(IconvFamily, GrowingToFormsHoldTheWholeText) {
+    const struct {
+        const char* name;
+        StringFn to;
+        const char* writes;
+    } members[] = {{"GB18030", LCopyToGB18030, "GB18030"},
+                   {"KOI8R", LCopyToKOI8R, "GB18030"},
+                   {"ISO2022JP", LCopyToISO2022JP, "ISO-2022-JP"}};
+    const char* const inputs[] = {
+        "\xC3\xA9",              // é: 2 bytes, 4 in GB18030
+        "\xC3\xA9\xE4\xB8\xAD",  // é中: fills 6 bytes exactly
+        "\xE6\x97\xA5",          // 日: 3 bytes, 8 in JIS
+        "\xE6\x97\xA5\xE6\x9C\xAC\xE8\xAA\x9E\xE6\x97\xA5\xE6\x9C\xAC",  // 15 bytes, 16 in JIS
+        kCyrillic};
+    for (const auto& m : members) {
+        for (const char* input : inputs) {
+            const std::string expected = Iconv(m.writes, "UTF-8", input);
+            if (expected.empty()) {
+                continue;  // not representable in this encoding
+            }
+            SCOPED_TRACE(testing::Message() << m.name << " " << testing::PrintToString(input));
+            LStringLongTemplate<char> fresh;
+            LStringLongTemplate<char> reused("an earlier, longer content of the string");
+            for (LStringLongTemplate<char>* out : {&fresh, &reused}) {
+                m.to(*out, input);
+                EXPECT_EQ(std::string(out->GetText()), expected);
+                EXPECT_EQ(out->GetLength(), expected.size());
+            }
+        }
+    }
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <random>
@@ -92,7 +93,6 @@ TEST(TplPrintfDepartures, StoringAndPositionalConversionsWriteNothing) {
     EXPECT_EQ(Format("a%nb|%d", &target, 5), "ab|5");
     EXPECT_EQ(target, 17);
     EXPECT_EQ(Format("a%Sb|%d", 1LL, 6), "ab|6");
-    EXPECT_EQ(Format("a%1$b|%d", 1LL, 7), "ab|7");
     // %c of 0 makes an empty scratch text: nothing is written, and formatting goes on.
     EXPECT_EQ(Format("a%cb|%d", 0, 3), "ab|3");
 }
@@ -217,3 +217,44 @@ TEST(TplPrintfOutput, TprintfGoesToStandardOutputThroughTheCLibrary) {
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "[7   |x]");
     EXPECT_EQ(n, 8);
 }
+
+// ---- Letters handed to the C library, and those withheld ----
+
+namespace {
+
+// Every letter goes to the C library's formatter with its slot, except where the library
+// would store through the slot, read memory through it or address arguments by position:
+// those take their slot and write nothing. Either way the next conversion gets the next slot.
+TEST(TplPrintfLetters, OnlyStoringAndReadingThroughASlotIsWithheld) {
+    char library[64];
+    int target = 17;
+    const struct {
+        const char* conversion;
+        long long slot;
+        const char* expected;  // null: what the C library makes of the conversion and slot
+    } cases[] = {
+        {"%$", 0, nullptr},
+        {"%.1$", 0, nullptr},
+        {"%l$", 0, nullptr},
+        {"%5*", 5, nullptr},
+        {"%S", 0, "(null)"},
+        {"%5S", 0, "(null)"},
+        {"%S", 1, ""},
+        {"%1$", 0, ""},
+        {"%0$", 0, ""},
+        {"%n", static_cast<long long>(reinterpret_cast<intptr_t>(&target)), ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.conversion);
+        const char* expected = c.expected;
+        if (expected == nullptr) {
+            std::snprintf(library, sizeof library, c.conversion, c.slot);
+            expected = library;
+        }
+        const std::string format = std::string("a") + c.conversion + "b|%d";
+        EXPECT_EQ(Format(format.c_str(), c.slot, 7), std::string("a") + expected + "b|7");
+    }
+    EXPECT_EQ(target, 17);
+}
+
+}  // namespace

@@ -203,3 +203,30 @@ TEST(LStringRandom, PasswordIsLowerCaseLettersAndTerminated) {
     }
     EXPECT_GT(letters, 3);  // not one repeated character
 }
+
+namespace {
+
+// A blank is the space character alone: tabs are text to the CSV reader and the argument
+// splitter (which still skips every character below 33 before an argument).
+TEST(LStringBlanks, TabsAreNotBlanks) {
+    const struct {
+        const char* list;
+        const char* item;
+    } items[] = {{" \tab\t ,c", "\tab\t"}, {"\t,c", "\t"}, {"  x  ", "x"}};
+    for (const auto& c : items) {
+        SCOPED_TRACE(c.list);
+        char out[32];
+        unsigned long position = 0;
+        EXPECT_TRUE(GetCSVListItem(c.list, position, out, sizeof out));
+        EXPECT_STREQ(out, c.item);
+    }
+    LCommandLineArgumentStringExpander args("\t prog a\tb  c");
+    std::vector<std::string> seen;
+    while (args.NextArgument()) {
+        seen.emplace_back(args.GetArgument());
+    }
+    EXPECT_EQ(seen, (std::vector<std::string>{"prog", "a\tb", "c"}));
+    EXPECT_EQ(LCommandLineArgumentStringExpander::GetArgumentCount("prog a\tb"), 1u);
+}
+
+}  // namespace

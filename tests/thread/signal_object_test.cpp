@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <iterator>
 #include <string>
@@ -189,6 +190,22 @@ TEST_F(NamedSignal, WaiterWhoseBindFailedNeverSeesASignal) {
     LSignalObjectNamedWaiter waiter(missing.c_str());
     LSignalObjectNamedSignaller(missing.c_str()).Signal();
     waiter.WaitSignal(0);
+    EXPECT_EQ(waiter.GetAcceptedDescriptor(), -1);
+}
+
+}  // namespace
+
+namespace {
+
+// A waiter that could not bind has nothing to poll, yet a caller looping on its wait must not
+// spin: the wait lasts its full time and reports no signal.
+TEST_F(NamedSignal, WaiterWhoseBindFailedWaitsOutItsTimeout) {
+    std::string missing = "no_such_folder/" + name_;
+    LSignalObjectNamedWaiter waiter(missing.c_str());
+    LSignalObjectNamedSignaller(missing.c_str()).Signal();
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(waiter.WaitSignal(150));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(150));
     EXPECT_EQ(waiter.GetAcceptedDescriptor(), -1);
 }
 

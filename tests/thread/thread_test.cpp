@@ -3,12 +3,14 @@
 #include "thread/lthread.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <functional>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -134,7 +136,7 @@ TEST(Thread, SetPriorityOnARunningThreadKeepsItRunning) {
     FunctionThread t([](FunctionThread& self) { self.ProcessWaitUntilStopped(); });
     t.SetPriority(10);  // no thread yet: nothing happens
     EXPECT_FALSE(t.IsRunning());
-    t.Start(91);  // the audio priority falls back on the ordinary call here
+    t.Start(91);
     EXPECT_EQ(t.GetPriority(), 91);
     t.SetPriority(0);
     EXPECT_TRUE(t.IsRunning());
@@ -266,6 +268,69 @@ TEST(ProcessRun, ReportsTheExitCode) {
         run->releaseEvent.Signal();  // the thread deletes the data
     }
     EXPECT_EQ(ProcessRunThreadCallback(nullptr), nullptr);
+}
+
+}  // namespace
+
+namespace {
+
+// Restarting a thread the moment its body has ended: the finished event of the new run must
+// not be set by the run before it, or a stop-and-wait would return while the new body runs.
+TEST(ThreadRace, RestartedRunOwnsItsFinishedEvent) {
+    LSignalObject go;
+    FunctionThread t([&](FunctionThread&) {
+        go.WaitSignal(LSignalInfinite);
+        go.Reset();
+    });
+    int stale = 0;
+    for (int cycle = 0; cycle < 1000 && stale == 0; ++cycle) {
+        t.Start(0);
+        stale += t.GetFinishedEvent().IsSignaled();
+        go.Signal();
+        while (t.IsRunning()) {
+        }
+    }
+    EXPECT_EQ(stale, 0);
+}
+
+// The owner stops threads while another thread is starting them: a stop must neither
+// destroy a thread whose start is still using it nor be erased by that start.
+TEST(ThreadRace, OwnerStopsThreadsWhileTheyStart) {
+    for (bool now : {true, false}) {
+        SCOPED_TRACE(now ? "StopThreadsNow" : "StopThreadsSoon");
+        std::atomic<int> destroyed{0};
+        LDetachedThreadsOwner owner;
+        int const rounds = 200;
+        for (int round = 0; round < rounds; ++round) {
+            std::thread starter([&] { StartWaiters(owner, destroyed, 1); });
+            while (owner.GetThreadCount() == 0) {
+            }
+            now ? owner.StopThreadsNow() : owner.StopThreadsSoon();
+            starter.join();
+            ASSERT_TRUE(WaitForCount(destroyed, round + 1)) << "round " << round;
+        }
+    }
+}
+
+// The audio priority is the real-time FIFO class at 20 (granted to root); any other value
+// goes back to the ordinary class with the value as its priority.
+TEST(ThreadPriority, AudioPriorityIsRealTimeForRoot) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "real-time scheduling needs root";
+    }
+    FunctionThread t([](FunctionThread& self) { self.ProcessWaitUntilStopped(); });
+    struct Case {
+        int priority, policy, schedPriority;
+    } const cases[] = {{91, SCHED_FIFO, 20}, {0, SCHED_OTHER, 0}, {91, SCHED_FIFO, 20}};
+    t.Start(cases[0].priority);
+    for (Case const& c : cases) {
+        t.SetPriority(c.priority);
+        sched_param param{};
+        ASSERT_EQ(sched_getparam(t.GetMachThreadId(), &param), 0);
+        EXPECT_EQ(sched_getscheduler(t.GetMachThreadId()), c.policy) << c.priority;
+        EXPECT_EQ(param.sched_priority, c.schedPriority) << c.priority;
+    }
+    t.StopThreadAndWait();
 }
 
 }  // namespace
