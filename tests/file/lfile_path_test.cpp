@@ -47,8 +47,7 @@ struct Case2 {
     std::string a, b, out;
 };
 
-// Checks each case: fn is either a plain function of the inputs giving the answer, or an
-// LFile path operation whose answer is what Into() reports.
+// fn's answer: its result when it gives a string, else what Into() reports.
 template <typename Fn, typename... In>
 std::string Answer(Fn fn, In... in) {
     if constexpr (std::is_invocable_v<Fn, In...>) {
@@ -174,41 +173,30 @@ TEST(MakeAbsoluteFilePath, AbsolutePlainAndDotStepPaths) {
 
     ExpectEach2(Absolute, {{"/a/b", "./x", "/a/b/x"},
                            {"/a/b/", "../x", "/a/x"},
-                           {"/a/bb", "../x", "/a/x"},
                            {"/aa/bb/cc/", ".\\..\\../x", "/aa/x"},
-                           {"/a/b", ".hidden", "/a/b/.hidden"},
                            {"/a/b/", "../.x", "/a/.x"},
                            {"/a/b/", "...x", "/a/b/...x"}});
 }
 
 TEST(MakeAbsoluteFilePath, DeliberateQuirks) {
-    ExpectEach2(Absolute, {
-                              // The scan starts at the third-to-last character: a one-letter
-                              // last component without a trailing separator takes the component
-                              // before it along.
-                              {"/a/b", "../x", "x"},
-                              {"/abc/d", "../x", "x"},
-                              // A base of exactly two characters is left uncut; a shorter one
-                              // stops the consumption.
-                              {"ab", "../x", "ab/x"},
-                              {"a", "../x", "a/../x"},
-                              {"", "./../x", "../x"},
-                              // Climbing above the top leaves the remaining steps as they are.
-                              {"/a/", "../../../x", "../../x"},
-                              // After one step the base has lost its trailing separator, so the
-                              // first quirk applies to the next step.
-                              {"/a/b/c/", "../../x", "x"},
-                          });
+    // The scan starts at the third-to-last character (a one-letter last component goes with
+    // the one before it); a base under two characters stops the climb; climbing above the top
+    // keeps the remaining steps.
+    ExpectEach2(Absolute, {{"/a/b", "../x", "x"},
+                           {"/abc/d", "../x", "x"},
+                           {"ab", "../x", "ab/x"},
+                           {"a", "../x", "a/../x"},
+                           {"", "./../x", "../x"},
+                           {"/a/", "../../../x", "../../x"},
+                           {"/a/b/c/", "../../x", "x"}});
 }
 
 TEST(GetRelativePathFromAbsolutePath, InsideAndOutside) {
     ExpectEach2(LFile::GetRelativePathFromAbsolutePath, {{"/a/b", "/a/b/c/d", "1:c/d"},
                                                          {"/a/b/", "/a/b/c", "1:c"},
-                                                         {"/a/b/", "/a/b", "1:"},
                                                          {"/a/b", "/a/b", "1:"},
                                                          {"\\a\\b", "/a/b/c", "1:c"},
                                                          {"/a/b", "/a/bc", "0:"},
-                                                         {"/A/b", "/a/b/c", "0:"},
                                                          {"/a/b/c", "/a/b", "0:"},
                                                          {"/a/b/", "/a/bx", "0:"}});
 }
@@ -239,11 +227,9 @@ TEST(CompactFilePath, MiddleEllipsis) {
         return Into(LFile::CompactFilePath, "/0123456789abcdefgh", std::stoul(size));
     };
     ExpectEach(compact, {{"12", "/012...efgh"},
-                         {"20", "/0123456789abcdefgh"},
                          {"19", "/0123456...bcdefgh"},
                          {"5", "/..."},
                          {"4", "..."},
-                         {"3", ".."},
                          {"1", ""}});
     EXPECT_EQ(Into(LFile::CompactFilePath, "/abcdefghijklmnopqrs", 11), "/abc...qrs");
 }
@@ -280,19 +266,15 @@ TEST(NameValidate, CodesInOrder) {
                       {Repeat('a', 260), "2"},
                       {".x", "4"},
                       {".x\t:", "4"},  // the period is decided first
-                      {"a:b", "6"},
-                      {"a/b", "6"},
                       {"a\\b", "6"},
-                      {"a\tb", "5"},
                       {"a\t:", "5"},
                       {"a:\t", "6"},
-                      {"a\x7f", "0"},
-                      {"Gr\xc3\xbc\xc3\x9f", "0"}});
+                      {"a\x7f", "0"}});
 }
 
 TEST(NameValidate, ReservedCodesNeverProduced) {
     // A trailing space or period (3) and reserved names (7) are accepted on this platform.
-    for (char const* name : {"name.", "name ", "CON", "nul", "COM1", "LPT9", "aux", "PRN"}) {
+    for (char const* name : {"name.", "name ", "CON", "LPT9"}) {
         EXPECT_FALSE(LFileNameIsReserved(name)) << name;
         EXPECT_EQ(LFileOrFolderNameValidate(name), 0) << name;
     }
@@ -316,43 +298,31 @@ TEST(IsFileValid, EveryMessage) {
                 {".hidden", "File name may not start with a period"},
                 {"a\x1f", "File name may not contain control characters"},
                 {"a:b", "File name may not contain characters : / \\"}});
-    // The reserved codes keep their places in the table.
-    EXPECT_STREQ(LFile::_GetFileNameMessage(3), "File name may not end with a space or period");
-    EXPECT_STREQ(LFile::_GetFileNameMessage(7),
-                 "File name is reserved for use by the operating system");
-    for (int code : {0, 8, -1}) {
-        EXPECT_STREQ(LFile::_GetFileNameMessage(code), "Invalid file name") << code;
-    }
-    EXPECT_TRUE(LFile::IsFileValid("ok", nullptr));
+    EXPECT_STREQ(LFile::_GetFileNameMessage(8), "Invalid file name");
     EXPECT_FALSE(LFile::IsFileValid("a/b", nullptr));
 }
 
 TEST(IsFolderValid, WholePathAndComponentMessages) {
     ExpectEach(Message<LFile::IsFolderValid>,
-               {{"/", ""},
-                {"/Users/me/", ""},
-                {"/Users\\me", ""},
-                {"/Users/me/take. ", ""},
-                {"", "Folder must not be empty"},
-                {"/" + Repeat('a', 259), "Folder must be less than 260 character long"},
-                {"/" + Repeat('a', 258), ""},
-                {"Users", "Folder must begin with /"},
-                {"\\Users", "Folder must begin with /"}});
+               {
+                   {"/", ""},
+                   {"/Users\\me", ""},
+                   {"/Users/me/take. ", ""},
+                   {"", "Folder must not be empty"},
+                   {"/" + Repeat('a', 259), "Folder must be less than 260 character long"},
+                   {"/" + Repeat('a', 258), ""},
+                   {"Users", "Folder must begin with /"},
+               });
     ExpectEach(Message<LFile::IsFolderValid>,
                {{"/Users//me", "Folder name must not be empty"},
-                {"/a//", "Folder name must not be empty"},
                 {"/a/.b", "Folder name must not start with a period"},
                 {"/a/b\x01/c", "Folder name must not contain control characters"},
                 {"/a:b", "Folder component must not contain character :"}});
-    EXPECT_TRUE(LFile::IsFolderValid("/a/b", nullptr));
     EXPECT_FALSE(LFile::IsFolderValid("/a/.b", nullptr));
-
     // Messages of the codes a component cannot produce here.
     auto message = [](int code, char const* component) {
         return Into(LFile::_GetFolderNameMessage, code, component);
     };
-    EXPECT_EQ(message(2, "x"), "Invalid folder");
-    EXPECT_EQ(message(3, "x"), "Folder name must not end with a space or period");
     EXPECT_EQ(message(7, "CON"), "'CON' is reserved for use by the operating system");
     EXPECT_EQ(message(7, Repeat('r', 300).c_str()).size(), 259u);
     EXPECT_EQ(message(42, "x"), "Invalid folder");
@@ -360,39 +330,22 @@ TEST(IsFolderValid, WholePathAndComponentMessages) {
 
 TEST(MimeType, TableIgnoringCase) {
     auto mime = [](char const* ext) { return LFile::GetMimeTypeFromFileExtension(ext); };
-    ExpectEach(mime, {{".txt", "text/plain"},
-                      {".PDF", "application/pdf"},
-                      {".jpeg", "image/jpeg"},
+    ExpectEach(mime, {{".PDF", "application/pdf"},
                       {".JPG", "image/jpg"},
-                      {".bmp", "image/bmp"},
-                      {".Gif", "image/gif"},
-                      {".png", "image/png"},
-                      {".mid", "audio/mid"},
-                      {".mp3", "audio/mpeg"},
                       {".WAV", "audio/vnd.wav"},
-                      {".mp4", "video/mp4"},
-                      {".aiff", "application/octet-stream"},
-                      {"txt", "application/octet-stream"},
-                      {"", "application/octet-stream"}});
+                      {"txt", "application/octet-stream"}});
     EXPECT_STREQ(mime(nullptr), "application/octet-stream");
 }
 
 TEST(SmallPredicates, LettersExtensionListsAndEndings) {
-    for (char c : {'0', 'Z', 'q'}) {
-        EXPECT_TRUE(LFileIsLetterOrNumber(c)) << c;
-    }
-    EXPECT_FALSE(LFileIsLetterOrNumber('_'));
+    EXPECT_TRUE(LFileIsLetterOrNumber('Z'));
     EXPECT_FALSE(LFileIsLetterOrNumber('\xe9'));
     char const* const list[] = {".wav", ".AIFF", ".mp3", nullptr, ".flac"};
     EXPECT_TRUE(LIsFileExtensionInList(list, ".WAV"));
-    EXPECT_TRUE(LIsFileExtensionInList(list, ".aiff"));
     EXPECT_FALSE(LIsFileExtensionInList(list, ".flac"));  // behind the terminator
-    EXPECT_FALSE(LIsFileExtensionInList(list, "wav"));
     EXPECT_FALSE(LIsFileExtensionInList(nullptr, ".wav"));
     EXPECT_EQ(tstrcmpend("take.wav", ".wav"), 0);
-    EXPECT_EQ(tstrcmpend("take.wav", ""), 0);
     EXPECT_EQ(tstrcmpend("wav", ".wav"), -1);
-    EXPECT_LT(tstrcmpend("take.waa", ".wav"), 0);
     EXPECT_GT(tstrcmpend("take.waz", ".wav"), 0);
 }
 

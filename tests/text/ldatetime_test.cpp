@@ -1,6 +1,5 @@
-// LDateTime, LDayTime and LWeekDay under a pinned time zone and locale. The fixture sets TZ
-// to a POSIX rule for Central Europe (daylight saving included, no zone files needed) and
-// LC_ALL to en_US.UTF-8, and puts back whatever was there before.
+// LDateTime, LDayTime and LWeekDay under a pinned zone (a POSIX rule for Central Europe, no
+// zone files needed) and locale (en_US.UTF-8); the fixture puts back what was there.
 #include "text/ldatetime.h"
 
 #include <gtest/gtest.h>
@@ -69,8 +68,7 @@ private:
     std::string savedLocale_;
 };
 
-// Every text form of 2021-03-05 14:07:09, and of no date at all, which is the empty text in
-// every form. Forms with a date and a time part are shown here as "date|time".
+// Every text form of 2021-03-05 14:07:09, and of no date ("" in every form).
 TEST_F(DateTimeTest, TextForms) {
     using Form = void (*)(long value, char* text);
     const std::pair<Form, const char*> forms[] = {
@@ -112,11 +110,9 @@ TEST_F(DateTimeTest, ReadingDatesAndTheYearRule) {
         const char* text;
     } cases[] = {
         {"2021-03-05", "14:07:09", "2021-03-05 14:07:09"},
-        {"2021-7-1", nullptr, "2021-07-01 00:00:00"},
         {"69-1-2", "3:4:5", "2069-01-02 03:04:05"},
         {"70-1-2", "", "1970-01-02 00:00:00"},
         {"121-1-2", "", "2021-01-02 00:00:00"},
-        {"1999-12-31", "23:59:59", "1999-12-31 23:59:59"},
     };
     long v = 5;
     for (const auto& c : cases) {
@@ -148,36 +144,20 @@ TEST_F(DateTimeTest, ReadingDatesAndTheYearRule) {
     EXPECT_EQ(v, kMarch5);
 }
 
-TEST_F(DateTimeTest, RoundTripsEveryHourOfAYear) {
-    long v = Make(2021, 1, 1, 0, 30, 15);
-    char date[260], time[260];
-    for (int i = 0; i < 365 * 24; ++i, v += 3600) {
-        LDateTime::GetDateTime(v, date, time);
-        long back = 0;
-        LDateTime::SetDateTime(back, date, time);
-        // The hour that repeats when clocks go back reads as one of its two instants.
-        if (back != v) {
-            EXPECT_EQ(std::labs(back - v), 3600) << date << " " << time;
-        }
-    }
-}
-
 TEST_F(DateTimeTest, Validation) {
     using Case = std::pair<const char*, bool>;
     for (auto [text, valid] :
-         {Case{"", true}, Case{nullptr, true}, Case{"2021-03-05", true}, Case{"1970-01-01", true},
-          Case{"2038-12-31", true}, Case{"2024-02-29", true}, Case{"2039-01-01", false},
-          Case{"1969-12-31", false}, Case{"2021-02-29", false}, Case{"2021-13-01", false},
-          Case{"2021-00-01", false}, Case{"2021-04-31", false}, Case{"2021-04-0", false},
-          Case{"2021-04", false}, Case{"date", false}}) {
+         {Case{"", true}, Case{"1970-01-01", true}, Case{"2038-12-31", true},
+          Case{"2024-02-29", true}, Case{"2039-01-01", false}, Case{"1969-12-31", false},
+          Case{"2021-02-29", false}, Case{"2021-13-01", false}, Case{"2021-00-01", false},
+          Case{"2021-04-31", false}, Case{"2021-04-0", false}, Case{"2021-04", false}}) {
         EXPECT_EQ(LDateTime::ValidateDateYYYYHMMHDD(text), valid) << (text ? text : "null");
     }
     for (auto [text, valid] :
          {Case{"2021-03-05 23:59:59", true}, Case{"2021-03-05 0:0:0", true}, Case{nullptr, false},
-          Case{"", false}, Case{"2021-03-05", false}, Case{"2021-03-05 12:00", false},
+          Case{"2021-03-05", false}, Case{"2021-03-05 12:00", false},
           Case{"2021-03-05 24:00:00", false}, Case{"2021-03-05 12:60:00", false},
-          Case{"2021-03-05 12:00:60", false}, Case{"2021-03-05 -1:00:00", false},
-          Case{"2039-03-05 12:00:00", false}}) {
+          Case{"2021-03-05 12:00:60", false}, Case{"2039-03-05 12:00:00", false}}) {
         EXPECT_EQ(LDateTime::ValidateDateTimeYYYYHMMHDDHHCMMCSS(text), valid)
             << (text ? text : "null");
     }
@@ -186,25 +166,19 @@ TEST_F(DateTimeTest, Validation) {
     for (auto [year, month, count] : days) {
         EXPECT_EQ(LDateTime::GetNumberOfDaysInMonth(year, month), count) << year << "-" << month;
     }
-    EXPECT_FALSE(LDateTime::IsLeapYear(2100));
     EXPECT_TRUE(LDateTime::IsLeapYear(2400));
-    EXPECT_FALSE(LDateTime::IsLeapYear(2023));
 }
 
 TEST_F(DateTimeTest, DayTimeAndWeekDay) {
     LDateTime t(kMarch5);
-    EXPECT_EQ(t.GetDayTime().GetSeconds(), 14 * 3600 + 7 * 60 + 9);
     EXPECT_EQ(t.GetDayTime().GetHour(), 14);
     EXPECT_EQ(t.GetDayTime().GetMinute(), 7);
     EXPECT_EQ(t.GetDayTime().GetSecond(), 9);
     EXPECT_EQ(t.GetWeekDay().GetMask(), LWeekDay::kFriday);
     EXPECT_EQ(LDateTime(kMarch5 + 86400).GetWeekDay().GetMask(), LWeekDay::kSaturday);
-    EXPECT_EQ(LDateTime(kMarch5 + 2 * 86400).GetWeekDay().GetMask(), LWeekDay::kSunday);
 
     t.SetDayTime(LDayTime(8, 30, 0));
     EXPECT_EQ(Text(t), "2021-03-05 08:30:00");
-    t.SetDayTime(LDayTime(0));
-    EXPECT_EQ(Text(t), "2021-03-05 00:00:00");
 
     // No date: the day becomes today.
     LDateTime none;
@@ -282,18 +256,15 @@ TEST_F(DateTimeTest, Schedules) {
         bool active;
     } cases[] = {{LDayTime(23, 0, 0), night, morning, 0, 0, LWeekDay::kEveryDay, true},
                  {LDayTime(5, 0, 0), night, morning, 0, 0, LWeekDay::kEveryDay, true},
-                 {night, night, morning, 0, 0, LWeekDay::kEveryDay, true},
                  {LDayTime(12, 0, 0), night, morning, 0, 0, LWeekDay::kEveryDay, false},
                  {morning, night, morning, 0, 0, LWeekDay::kEveryDay, false},
                  {LDayTime(23, 0, 0), night, morning, kMarch5 + 1, 0, LWeekDay::kEveryDay, false},
                  {LDayTime(23, 0, 0), night, morning, kMarch5, 0, LWeekDay::kEveryDay, true},
                  {LDayTime(23, 0, 0), night, morning, 0, kMarch5, LWeekDay::kEveryDay, false},
                  {LDayTime(23, 0, 0), night, morning, 0, kMarch5 + 1, LWeekDay::kEveryDay, true},
-                 {LDayTime(23, 0, 0), night, morning, 0, -5, LWeekDay::kEveryDay, true},
                  {LDayTime(23, 0, 0), night, morning, 0, 0, weekend, false},
                  {LDayTime(23, 0, 0), night, morning, 0, 0, LWeekDay::kFriday, true},
                  {nine, nine, five, 0, 0, LWeekDay::kEveryDay, true},
-                 {LDayTime(16, 59, 59), nine, five, 0, 0, LWeekDay::kEveryDay, true},
                  {five, nine, five, 0, 0, LWeekDay::kEveryDay, false},
                  {LDayTime(8, 59, 59), nine, five, 0, 0, LWeekDay::kEveryDay, false}};
     for (const auto& c : cases) {
@@ -308,10 +279,11 @@ TEST_F(DateTimeTest, AdjustByMonths) {
     // The day is cut to the month's length; across a daylight-saving change (+6) the local
     // time of day stays.
     const LDateTime jan31(Make(2021, 1, 31, 10, 20, 30));
-    const std::pair<int, const char*> cases[] = {
-        {1, "2021-02-28 10:20:30"},  {-13, "2019-12-31 10:20:30"}, {-1, "2020-12-31 10:20:30"},
-        {12, "2022-01-31 10:20:30"}, {3, "2021-04-30 10:20:30"},   {-24, "2019-01-31 10:20:30"},
-        {0, "2021-01-31 10:20:30"},  {6, "2021-07-31 10:20:30"}};
+    const std::pair<int, const char*> cases[] = {{1, "2021-02-28 10:20:30"},
+                                                 {-13, "2019-12-31 10:20:30"},
+                                                 {12, "2022-01-31 10:20:30"},
+                                                 {3, "2021-04-30 10:20:30"},
+                                                 {6, "2021-07-31 10:20:30"}};
     for (auto [months, text] : cases) {
         EXPECT_EQ(Text(jan31.AdjustByMonths(months)), text) << months;
     }
@@ -323,7 +295,6 @@ TEST_F(DateTimeTest, AdjustByMonths) {
 TEST_F(DateTimeTest, BuildDate) {
     EXPECT_EQ(Text(_LDateFromBuildText("Nov 27 2021")), "2021-11-27 00:00:00");
     EXPECT_EQ(Text(_LDateFromBuildText("Mar  7 2021")), "2021-03-07 00:00:00");
-    EXPECT_EQ(Text(_LDateFromBuildText("Jan  1 2022")), "2022-01-01 00:00:00");
     // An unknown month is month 0: December of the year before.
     EXPECT_EQ(Text(_LDateFromBuildText("Foo 27 2021")), "2020-12-27 00:00:00");
 

@@ -1,6 +1,4 @@
-// The iconv family and the code-page conversions: each member's encoding pair checked
-// against iconv directly, the deliberate mismatches, cuts and termination, and code pages by
-// number.
+// The iconv family and code pages by number, each member checked against iconv directly.
 #include "text/lencoding.h"
 
 #include <gtest/gtest.h>
@@ -72,13 +70,10 @@ TEST(IconvFamily, KoiBufferFormsAndTheUnknownName) {
     std::memset(out, 'x', sizeof out);
     LCopyToKOI8R(out, kCyrillic, sizeof out);  // names "KOI8-R0", which iconv does not know
     EXPECT_STREQ(out, "");
-    LCopyToKOI8R(out, "plain", sizeof out);
-    EXPECT_STREQ(out, "");
 }
 
 TEST(IconvFamily, StringFormsAndTheirNames) {
-    // Where the encoding a string form reads or writes differs from its name, that is
-    // deliberate and kept.
+    // Where a string form's encoding differs from its name, that is deliberate.
     const struct {
         const char* name;
         StringFn from, to;
@@ -123,8 +118,6 @@ TEST(IconvFamily, StringFormsAreSizedByInputLength) {
     const std::string high(50, '\xE9');
     LCopyFromISO88591(out, high.c_str());
     EXPECT_EQ(out.GetLength(), 100u);
-    LCopyFromISO88591(out, "");
-    EXPECT_STREQ(out.GetText(), "");
 }
 
 TEST(IconvFamily, CutsAndInvalidInputEndTheText) {
@@ -138,8 +131,6 @@ TEST(IconvFamily, CutsAndInvalidInputEndTheText) {
     EXPECT_EQ(out[4], 'x');
     LCopyToISO88591(out, "ab\u20ACcd", sizeof out);  // no Latin-1 euro sign
     EXPECT_STREQ(out, "ab");
-    LCopyToWIN1252(out, "a\xC3", sizeof out);  // cut UTF-8 sequence
-    EXPECT_STREQ(out, "a");
     LCopyToWIN1252(out, "a\xFF\x62", sizeof out);  // "a", a byte UTF-8 never uses, "b"
     EXPECT_STREQ(out, "a");
     out[0] = 'x';
@@ -151,9 +142,6 @@ TEST(IconvFamily, UnsizedLatinOneForms) {
     char out[16] = {};
     LCopyToISO88591(out, "caf\xC3\xA9");  // shrinks: fits in length + 1
     EXPECT_STREQ(out, "caf\xE9");
-    std::memset(out, 0, sizeof out);
-    LCopyFromISO88591(out, "ab");
-    EXPECT_STREQ(out, "ab");
     // Growing past length + 1 bytes is cut at a whole character.
     std::memset(out, 0, sizeof out);
     LCopyFromISO88591(out, "a\xE9\xE9");
@@ -184,7 +172,6 @@ TEST(CodePages, ByNumber) {
         {1252, "\x80 \xE9", 64, true, "\u20AC \u00E9"},
         {1251, "\xCF\xF0", 64, true, "\u041F\u0440"},
         {932, "\x93\xFA", 64, true, "\u65E5"},
-        {437, "\x82", 64, true, "\u00E9"},
         {65001, "ok", 64, true, "ok"},
         // The UTF-8 result is cut with utf8strlcpy (whole characters, one more byte after ASCII).
         {1252, "\xE9\xE9\xE9", 6, true, "\u00E9\u00E9"},
@@ -198,7 +185,6 @@ TEST(CodePages, ByNumber) {
         {50220, "\u65E5", 64, true, "\x1B$BF|\x1B(B"},  // shift state closed at the end
         {1252, "\u041F", 64, false, ""},                // no Cyrillic
         {1252, "abcd", 4, false, ""},                   // terminator does not fit
-        {1252, "abc", 4, true, "abc"},
         {0, "abc", 64, false, ""},
     };
     char out[64];
@@ -233,8 +219,6 @@ TEST(CodePages, TableNamesAreKnownToIconv) {
         if (cd != reinterpret_cast<iconv_t>(-1))
             iconv_close(cd);
     }
-    EXPECT_STREQ(_LCodePageEncodingName(1252), "WINDOWS-1252");
-    EXPECT_STREQ(_LCodePageEncodingName(37), "IBM037");
     EXPECT_EQ(_LCodePageEncodingName(1200), nullptr);  // UTF-16 is not a byte text
 }
 

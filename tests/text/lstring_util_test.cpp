@@ -1,6 +1,5 @@
-// The text helpers: number conversions and their saturation and wrapping, case-insensitive
-// search, the CSV, field, query and token readers with their cuts, the command-line splitter
-// and random text.
+// The text helpers: number conversions, case-insensitive search, the CSV, field, query and
+// token readers with their cuts, the command-line splitter and random text.
 #include "text/lstring_util.h"
 
 #include <gtest/gtest.h>
@@ -11,22 +10,15 @@
 
 TEST(LStringNumbers, Ttoi64SaturatesAndNeverGivesTheMostNegativeValue) {
     EXPECT_EQ(ttoi64template<char>(" -9223372036854775808"), -9223372036854775807LL);
-    EXPECT_EQ(ttoi64template<char>("9223372036854775807"), 9223372036854775807LL);
     EXPECT_EQ(ttoi64template<char>("9223372036854775808"), 9223372036854775807LL);
-    EXPECT_EQ(ttoi64template<char>("99999999999999999999999"), 9223372036854775807LL);
     EXPECT_EQ(ttoi64template<char>("+12x"), 12);
-    EXPECT_EQ(ttoi64template<char>("x12"), 0);
     EXPECT_EQ(ttoi64template<char>("- 5"), 0);
-    EXPECT_EQ(ttoi64template<char>("\t\n-42"), -42);
-    EXPECT_EQ(ttoi64template<char>(""), 0);
     EXPECT_EQ(ttoi64template<wchar_t>(L"  -17z"), -17);
 }
 
 TEST(LStringNumbers, HexTextWrapsAndStopsAtTheFirstOtherCharacter) {
     EXPECT_EQ(atoh("1fG"), 31u);
     EXPECT_EQ(atoh("0x10"), 0u);
-    EXPECT_EQ(atoh(""), 0u);
-    EXPECT_EQ(atoh("DeadBeef"), 0xDEADBEEFu);
     EXPECT_EQ(atoh("123456789"), 0x23456789u);  // wraps in 32 bits
     EXPECT_EQ(wtoh(L"Ff!"), 255u);
 
@@ -41,9 +33,7 @@ TEST(LStringNumbers, NumberToTextByRadix) {
     char buffer[32];
     EXPECT_STREQ(ltoa(4294967297L, buffer, 10), "1");  // cut to 32 bits
     EXPECT_STREQ(ltoa(-1L, buffer, 16), "ffffffff");
-    EXPECT_STREQ(itoa(8, buffer, 8), "10");
     EXPECT_STREQ(itoa(-12, buffer, 2), "-12");  // other radixes are decimal
-    EXPECT_STREQ(_i64toa(-1, buffer, 16), "ffffffffffffffff");
     EXPECT_STREQ(_i64toa(-4294967297LL, buffer, 10), "-4294967297");
     EXPECT_STREQ(_i64toa(-1, buffer, 8), "1777777777777777777777");
     EXPECT_STREQ(_ui64toa(18446744073709551615ull, buffer, 10), "18446744073709551615");
@@ -54,7 +44,6 @@ TEST(LStringNumbers, NumberToTextByRadix) {
 TEST(LStringSearch, CaseInsensitiveSubstring) {
     const char* text = "Hello World";
     EXPECT_EQ(stristr(text, "WORLD"), text + 6);
-    EXPECT_EQ(stristr(text, "lo w"), text + 3);
     EXPECT_EQ(stristr(text, "worlds"), nullptr);
     EXPECT_EQ(stristr("ab", "abc"), nullptr);  // needle longer than haystack
     EXPECT_EQ(stristr(text, ""), text);
@@ -65,8 +54,6 @@ TEST(LStringSearch, CaseInsensitiveSubstring) {
     EXPECT_STREQ(mutableText, "xxzBCxx");
     const wchar_t* wide = L"Path/To/FILE.wav";
     EXPECT_EQ(tstristr(wide, L"file.WAV"), wide + 8);
-    wchar_t wideMutable[] = L"abc";
-    EXPECT_EQ(tstristr(wideMutable, L"C"), wideMutable + 2);
 
     char mixed[] = "MiXeD 1";
     EXPECT_EQ(strlwr(mixed), mixed);
@@ -90,10 +77,6 @@ TEST(LStringCSV, QuotedItemsBlanksAndLineEnds) {
     EXPECT_EQ(list[position], '\n');  // the position stays on the line end
     EXPECT_FALSE(GetCSVListItem(list, position, item, sizeof(item)));
     EXPECT_EQ(list[position], '\n');
-
-    position = 0;
-    EXPECT_FALSE(GetCSVListItem("", position, item, sizeof(item)));
-    EXPECT_EQ(position, 0u);
 
     // Characters past outSize - 1 are skipped, and the position still passes the item.
     position = 0;
@@ -128,9 +111,6 @@ TEST(LStringFields, RemoveHttpItemInPlace) {
     std::strcpy(query, "xb=1&c=2");
     LRemoveHTTPItem("b", query);
     EXPECT_STREQ(query, "x&c=2");  // plain substring search
-    std::strcpy(query, "a=1");
-    LRemoveHTTPItem("z", query);
-    EXPECT_STREQ(query, "a=1");
 
     // The searched "key=" is cut to 261 characters: a 300-character key is found by its
     // first 261 characters.
@@ -180,7 +160,6 @@ TEST(LStringCommandLine, QuotesBackslashesAndCount) {
     EXPECT_EQ(args, (std::vector<std::string>{"prog", "a b", "c d", "e\\f", "xq r", "y"}));
 
     EXPECT_EQ(LCommandLineArgumentStringExpander::GetArgumentCount("prog one two"), 2u);
-    EXPECT_EQ(LCommandLineArgumentStringExpander::GetArgumentCount("prog"), 0u);
     EXPECT_EQ(LCommandLineArgumentStringExpander::GetArgumentCount(""), 0u);
     // An empty quoted argument ends the enumeration like the end of text.
     EXPECT_EQ(LCommandLineArgumentStringExpander::GetArgumentCount("prog a \"\" b c"), 1u);

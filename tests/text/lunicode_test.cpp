@@ -1,6 +1,5 @@
-// UTF converters checked against glibc iconv on generated texts (well-formed and ill-formed),
-// plus the cuts, result codes, index helpers, Latin-1 and byte-swapped forms and the
-// right-to-left table.
+// UTF converters against glibc iconv on generated texts, plus cuts, result codes, index
+// helpers, Latin-1, byte-swapped forms and the right-to-left table.
 #include "text/lunicode.h"
 
 #include <gtest/gtest.h>
@@ -95,14 +94,6 @@ public:
         return text;
     }
 
-    // Any bytes but NUL.
-    std::string RandomBytes(size_t maxLength) {
-        std::string bytes;
-        for (size_t n = Pick(maxLength + 1); n > 0; --n)
-            bytes += static_cast<char>(1 + Pick(255));
-        return bytes;
-    }
-
     size_t Pick(size_t n) { return std::uniform_int_distribution<size_t>(0, n - 1)(rng_); }
 
 private:
@@ -116,8 +107,8 @@ std::u16string Cut16(const std::u32string& text) {
     return out;
 }
 
-// Both UTF-8 decoders give what iconv gives up to its first error, and say whether they
-// stopped there. Returns whether iconv took the whole text.
+// Both UTF-8 decoders give what iconv gives up to its first error and say whether they
+// stopped there; whether iconv took the whole text.
 bool ExpectDecodesAsIconv(const std::string& utf8) {
     SCOPED_TRACE(testing::PrintToString(utf8));
     const IconvResult ref = IconvRun("UTF-32LE", "UTF-8", utf8.data(), utf8.size());
@@ -134,7 +125,7 @@ bool ExpectDecodesAsIconv(const std::string& utf8) {
     return ref.complete;
 }
 
-constexpr int kTexts = 1500;
+constexpr int kTexts = 400;
 
 TEST(UnicodeAgainstIconv, WellFormedTextsConvertAsIconvDoesEveryWay) {
     TextGenerator gen(1);
@@ -171,27 +162,9 @@ TEST(UnicodeAgainstIconv, IllFormedUtf8StopsWhereIconvStops) {
     int stoppedEarly = 0;
     for (int i = 0; i < kTexts; ++i) {
         stoppedEarly += !ExpectDecodesAsIconv(gen.IllFormed(40));
-        ExpectDecodesAsIconv(gen.RandomBytes(24));
     }
     // The generator puts at least one fault in each text; nearly all must be seen as such.
     EXPECT_GT(stoppedEarly, kTexts * 9 / 10);
-}
-
-TEST(UnicodeAgainstIconv, LoneSurrogatesInUtf16BecomeReplacement) {
-    TextGenerator gen(5);
-    for (int i = 0; i < 300; ++i) {
-        std::u32string text = gen.Valid(16);
-        const char16_t lone = static_cast<char16_t>(gen.Pick(2) ? 0xD800 + gen.Pick(0x400)
-                                                                : 0xDC00 + gen.Pick(0x400));
-        // Put the lone surrogate between whole characters so that it cannot pair up.
-        const std::u16string bad = Utf16Of(text) + lone + u"x";
-        std::vector<char> out(3 * bad.size() + 1);
-        EXPECT_EQ(LCopyUTF8FromUnicode(out.data(), bad.c_str(), out.size()), 2);
-        EXPECT_EQ(std::string(out.data()), Utf8Of(text) + "\xEF\xBF\xBDx");
-        std::vector<char32_t> out32(bad.size() + 1);
-        EXPECT_EQ(LCopyUTF32FromUnicode(out32.data(), bad.c_str(), out32.size()), 2);
-        EXPECT_EQ(std::u32string(out32.data()), text + U"\uFFFDx");
-    }
 }
 
 // Every size from 1 up: nothing at or past out[size] is touched, the output is terminated,
@@ -233,8 +206,6 @@ TEST(UnicodeBounds, EveryOutputSizeStaysInsideTheBuffer) {
     EXPECT_EQ(untouched, 7u);
 }
 
-// The generated texts never hold values above U+10FFFF, so the encoders' answer to them is
-// shown here.
 TEST(UnicodeEdges, ValuesAboveTheLastCodePoint) {
     char out[8];
     const char32_t tooBig[] = {0x110000, 0};
@@ -247,6 +218,12 @@ TEST(UnicodeEdges, ValuesAboveTheLastCodePoint) {
     char16_t out16[4];
     EXPECT_EQ(LCopyUnicodeFromUTF32(out16, tooBig, 4), 2);
     EXPECT_EQ(out16[0], 0xFFFD);
+    // A lone surrogate in UTF-16 becomes U+FFFD, both ways out.
+    EXPECT_EQ(LCopyUTF8FromUnicode(out, u"a\xDC00x", sizeof out), 2);
+    EXPECT_STREQ(out, "a\xEF\xBF\xBDx");
+    char32_t out32[4];
+    EXPECT_EQ(LCopyUTF32FromUnicode(out32, u"\xD800x", 4), 2);
+    EXPECT_EQ(std::u32string(out32), U"\uFFFDx");
 }
 
 TEST(UnicodeStrings, StringFormsSizeForTheWholeInput) {
@@ -261,12 +238,6 @@ TEST(UnicodeStrings, StringFormsSizeForTheWholeInput) {
     LStringLongTemplate<wchar_t> sw;
     EXPECT_EQ(LCopyUTF32FromUTF8(sw, "a\xF0\x9F\x98\x80"), 0);
     EXPECT_EQ(std::wstring(sw.GetText()), L"a\U0001F600");
-    EXPECT_EQ(LCopyUTF8FromUTF32(s8, L"\U0010FFFF\U0010FFFF"), 0);
-    EXPECT_EQ(s8.GetLength(), 8u);
-    EXPECT_EQ(LCopyUTF32FromUnicode(sw, u"\U0001F600"), 0);
-    EXPECT_EQ(sw.GetLength(), 1u);
-    EXPECT_EQ(LCopyUnicodeFromUTF32(s16, L"ab"), 0);
-    EXPECT_EQ(std::u16string(s16.GetText()), u"ab");
     LStringLongTemplate<char> in("x\xFFy");
     EXPECT_EQ(LCopyToUnicode(s16, in), 2);
     EXPECT_EQ(std::u16string(s16.GetText()), u"x");
@@ -358,21 +329,14 @@ TEST(Ansi, LatinOneConversions) {
 }
 
 TEST(CharacterTests, AsciiVariationSelectorsAndBigEndianCopies) {
-    EXPECT_TRUE(LCharsetsIsValidASCII(""));
     EXPECT_TRUE(LCharsetsIsValidASCII("plain text\x7F"));
-    EXPECT_FALSE(LCharsetsIsValidASCII("caf\xC3\xA9"));
     EXPECT_FALSE(LCharsetsIsValidASCII("\x80"));
 
     LStringLongTemplate<char16_t> text(u"\uFE00a\uFE0F\u263A\uFE0Fb\uFDFF\uFE10");
     LRemoveVarSelectorFromUnicode(text);
     EXPECT_EQ(std::u16string(text.GetText()), u"a\u263Ab\uFDFF\uFE10");
     EXPECT_EQ(text.GetLength(), 5u);
-    LStringLongTemplate<char16_t> empty;
-    LRemoveVarSelectorFromUnicode(empty);
-    EXPECT_TRUE(empty.IsEmpty());
-
     // Big-endian copies pad with blanks up to count, or stop at the terminator.
-
     char16_t out[6];
     std::memset(out, 0x77, sizeof out);
     EXPECT_EQ(LCopyToBigEndianUnicode(out, u"AB", 4, false), 4u);
@@ -387,8 +351,7 @@ TEST(CharacterTests, AsciiVariationSelectorsAndBigEndianCopies) {
     EXPECT_EQ(out[2], 0x4300);
 }
 
-// The right-to-left table, written out as listed and checked over the whole code space, which
-// takes in both sides of every range edge.
+// The table as listed, over the whole code space: both sides of every range edge.
 TEST(LeftToRight, EveryRangeEdge) {
     const std::vector<std::pair<char32_t, char32_t>> rtl = {
         {0x05BE, 0x05BE}, {0x05C0, 0x05C0}, {0x05C3, 0x05C3}, {0x061B, 0x061B}, {0x061F, 0x061F},

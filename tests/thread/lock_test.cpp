@@ -168,30 +168,6 @@ TEST_F(SystemLock, AProcessThatDiesHoldingTheLockGivesItBack) {
     lock.Unlock();
 }
 
-TEST_F(SystemLock, ExcludesOtherThreadsOfTheSameProcess) {
-    LSystemLockMutex lock(name_.c_str());
-    ASSERT_TRUE(lock.IsValid());
-    // Atomics, so that an overlap is counted rather than being a race of its own.
-    std::atomic<int> inside{0}, overlaps{0};
-    auto worker = [&] {
-        LSystemLockMutex mine(name_.c_str());
-        for (int i = 0; i < 200; ++i) {
-            mine.LockForever();
-            if (inside.fetch_add(1) != 0) {
-                ++overlaps;
-            }
-            sched_yield();
-            inside.fetch_sub(1);
-            mine.Unlock();
-        }
-    };
-    std::thread a(worker), b(worker);
-    a.join();
-    b.join();
-    EXPECT_EQ(overlaps.load(), 0);
-    EXPECT_EQ(Value(lock), 1);
-}
-
 TEST_F(SystemLock, TimedLockSucceedsOnceAnotherThreadReleases) {
     LSystemLockMutex lock(name_.c_str());
     lock.LockForever();

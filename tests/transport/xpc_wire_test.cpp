@@ -1,5 +1,5 @@
-// The packet codec: every value type round trips, the envelope's exact bytes, large data in
-// sealed memfds, and the decoder's refusals of hostile packets without leaking descriptors.
+// The packet codec: round trips, the exact envelope, large data in sealed memfds, and the
+// decoder's refusals of hostile packets without leaking descriptors.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -106,44 +106,20 @@ TEST(XpcWire, EveryValueTypeRoundTrips) {
     ASSERT_NE(r, nullptr);
     EXPECT_EQ(out.kind, Kind::messageWantingReply);
     EXPECT_EQ(out.id, 42u);
-    EXPECT_EQ(xpc_dictionary_get_count(r), xpc_dictionary_get_count(m));
-    EXPECT_EQ(xpc_get_type(xpc_dictionary_get_value(r, "null")), XPC_TYPE_NULL);
-    EXPECT_TRUE(xpc_dictionary_get_bool(r, "bool"));
-    EXPECT_EQ(xpc_dictionary_get_int64(r, "int64"), std::numeric_limits<int64_t>::min());
-    EXPECT_EQ(xpc_dictionary_get_uint64(r, "uint64"), std::numeric_limits<uint64_t>::max());
-    EXPECT_EQ(xpc_dictionary_get_double(r, "double"), -0.125);
-    EXPECT_EQ(xpc_dictionary_get_date(r, "date"), 1700000000123456789);
-    size_t n = 0;
-    const void* p = xpc_dictionary_get_data(r, "data", &n);
-    ASSERT_EQ(n, 3u);
-    EXPECT_EQ(std::memcmp(p, "\0\1\2", 3), 0);
-    EXPECT_EQ(xpc_data_get_length(xpc_dictionary_get_value(r, "empty")), 0u);
-    p = xpc_dictionary_get_data(r, "big", &n);
-    ASSERT_EQ(n, big.size());
-    EXPECT_EQ(std::memcmp(p, big.data(), n), 0);
-    EXPECT_EQ(std::memcmp(xpc_dictionary_get_uuid(r, "uuid"), uuid, 16), 0);
-    EXPECT_STREQ(xpc_dictionary_get_string(r, "string"), "h\xc3\xa9llo");
-    EXPECT_STREQ(xpc_dictionary_get_string(r, ""), "empty key");
+    // Deep equality (shown to tell values apart in the object tests) takes in every value,
+    // the NaN, and descriptors of the same files; the order of keys survives as well.
+    EXPECT_TRUE(xpc_equal(r, m));
     EXPECT_EQ(xpc_get_type(xpc_dictionary_get_value(r, "endpoint")), XPC_TYPE_ENDPOINT);
-    xpc_object_t ra = xpc_dictionary_get_value(r, "array");
-    ASSERT_EQ(xpc_array_get_count(ra), 2u);
-    EXPECT_TRUE(std::isnan(xpc_dictionary_get_double(xpc_array_get_value(ra, 0), "nan")));
-    EXPECT_STREQ(xpc_string_get_string_ptr(xpc_array_get_value(ra, 1)), "second");
-    // Descriptors arrive as new descriptors for the same files.
-    const int fd = xpc_dictionary_dup_fd(r, "fd");
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(write(fd, "!", 1), 1);
-    char c = 0;
-    ASSERT_EQ(read(pipeFds[0], &c, 1), 1);
-    EXPECT_EQ(c, '!');
-    EXPECT_TRUE(xpc_equal(xpc_dictionary_get_value(r, "endpoint"),
-                          xpc_dictionary_get_value(m, "endpoint")));
-    // Order of keys survives the trip.
     std::vector<std::string> sent, got;
     xpc_dictionary_apply(m,
                          [&](const char* k, xpc_object_t) { return sent.emplace_back(k), true; });
     xpc_dictionary_apply(r, [&](const char* k, xpc_object_t) { return got.emplace_back(k), true; });
     EXPECT_EQ(sent, got);
+    const int fd = xpc_dictionary_dup_fd(r, "fd");
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(write(fd, "!", 1), 1);
+    char c = 0;
+    ASSERT_EQ(read(pipeFds[0], &c, 1), 1);
     close(fd);
     xpc_release(r);
     xpc_release(m);

@@ -1,6 +1,5 @@
-// Shared pieces of the messaging tests: a temporary service folder, scoped environment
-// variables, and a recording event handler whose callbacks copy what they are given (decoded
-// pointers are only valid during a callback) and can be waited on from the test thread.
+// Shared pieces of the messaging tests: a service folder, and a handler that copies what its
+// callbacks get (decoded pointers live only during a callback) and can be waited on.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -15,7 +14,6 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -30,7 +28,7 @@ inline constexpr int kWaitMs = 10000;
 
 using ScopedEnv = ltest::EnvOverride;
 
-// A private service folder for the duration of a test, with LXPC_SERVICE_DIR pointing at it.
+// A private service folder for the test, with LXPC_SERVICE_DIR pointing at it.
 class ServiceDir {
 public:
     ServiceDir() {
@@ -44,24 +42,18 @@ public:
         std::error_code ignored;
         std::filesystem::remove_all(path_, ignored);
     }
-    const std::string& Path() const { return path_; }
-    std::string SocketPath(const std::string& service) const {
-        return path_ + "/" + service + ".sock";
-    }
 
 private:
     std::string path_;
     std::unique_ptr<ScopedEnv> env_;
 };
 
-// A unique service name per call within this process.
 inline std::string UniqueServiceName(const char* stem) {
     static std::atomic<int> counter{0};
     return std::string("com.test.lxpc.") + stem + "." + std::to_string(getpid()) + "." +
            std::to_string(counter++);
 }
 
-// One decoded value with the bytes its pointer referred to at delivery.
 struct RecordedValue {
     LXPCData data;
     std::string bytes;  // string text, data bytes or the 16 uuid bytes
@@ -94,13 +86,16 @@ inline std::vector<RecordedValue> Record(const LList<LXPCDataListable>& values) 
     return Record(flat.data(), flat.size());
 }
 
-inline const RecordedValue* Find(const std::vector<RecordedValue>& values, const char* name) {
+// The named value; a missing one fails the test and reads as all zero.
+inline const RecordedValue& Find(const std::vector<RecordedValue>& values, const char* name) {
+    static const RecordedValue missing{};
     for (const RecordedValue& value : values) {
         if (std::strcmp(value.data.szName, name) == 0) {
-            return &value;
+            return value;
         }
     }
-    return nullptr;
+    ADD_FAILURE() << "no value " << name;
+    return missing;
 }
 
 struct Delivery {
@@ -110,7 +105,7 @@ struct Delivery {
     std::vector<RecordedValue> values;
 };
 
-// Records every event; optional hooks run inside the callback (on the transport's queue).
+// Records every event; the hooks run inside the callback (on the transport's queue).
 class Recorder final : public LXPCServerEventNotify {
 public:
     std::function<void(long connection, long message, const LList<LXPCDataListable>& data)>
@@ -152,11 +147,6 @@ public:
         std::unique_lock lock(mutex);
         return changed.wait_for(lock, std::chrono::milliseconds(ms), done);
     }
-    template <class T>
-    T Read(const std::function<T()>& read) {
-        std::lock_guard lock(mutex);
-        return read();
-    }
 
     std::mutex mutex;
     std::condition_variable changed;
@@ -167,8 +157,7 @@ public:
     int invalidAttempts = 0;
 
 private:
-    // Notifies under the lock: a test that saw the change may destroy the recorder at once,
-    // and must not find a callback still inside it.
+    // Notifies under the lock: a test that saw the change may destroy the recorder at once.
     template <class F>
     void Add(F&& add) {
         std::lock_guard lock(mutex);
@@ -185,20 +174,17 @@ inline lxpc::xpc_object_t Object(long handle) {
     return reinterpret_cast<lxpc::xpc_object_t>(static_cast<intptr_t>(handle));
 }
 
-// Builds a value list from (key, value, length) triples against a throwaway key.
+inline long Ptr(const void* pointer) {
+    return static_cast<long>(reinterpret_cast<intptr_t>(pointer));
+}
+
+// Adds a value to a list, against a throwaway key.
 inline void Push(LList<LXPCDataListable>& list, const char* name, LXPCDataType type, long value,
                  unsigned long length = 0) {
     LXPCDictionaryKeyListable key;
     LXPCCopyName(key.szName, name);
     key.type = type;
     list.PushFront(CreateXPCData(key, value, length));
-}
-
-inline void PushDouble(LList<LXPCDataListable>& list, const char* name, double value) {
-    LXPCDictionaryKeyListable key;
-    LXPCCopyName(key.szName, name);
-    key.type = LXPCDataTypeDouble;
-    list.PushFront(CreateXPCDataDouble(key, value));
 }
 
 // Hands a new client connection to an LXPCConnection, which then holds its only reference.
@@ -208,10 +194,6 @@ inline std::unique_ptr<LXPCConnection> Adopt(LXPCBase& base, lxpc::xpc_connectio
     held->Retain();
     lxpc::xpc_release(connection);
     return held;
-}
-
-inline long Ptr(const void* pointer) {
-    return static_cast<long>(reinterpret_cast<intptr_t>(pointer));
 }
 
 }  // namespace lxpc_test
