@@ -66,7 +66,11 @@ TEST(Load, UnreadRepliesCostTheServiceABoundedAmount) {
     long const growth = (Proc(service.Pid(), "statm", 2) - rss) * getpagesize() / 1024;
     std::printf("descriptors held: %ld, resident growth: %ld KiB\n", held, growth);
     EXPECT_LE(held, 256 + 16);  // at most what one connection may leave unsent
+#if !defined(__SANITIZE_THREAD__)
+    // The race detector's shadow and history grow with every event it watches, whatever the
+    // service keeps: the plain and address-checked passes hold it to the bound.
     EXPECT_LT(growth, 32 * 1024);
+#endif
     for (xpc_object_t o : {endpoint, publish, ask})
         xpc_release(o);
     for (xpc_connection_t c : {flood, device})
