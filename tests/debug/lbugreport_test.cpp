@@ -1,0 +1,159 @@
+#include "debug/lbugreport.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <thread>
+
+#include "debug/ldebug.h"
+#include "platform/los_utils.h"
+#include "tests/file/temp_tree.h"
+
+namespace {
+
+using Handler = void (*)(int, siginfo_t*, void*);
+
+struct SignalCase {
+    char const* what;
+    Handler handler;
+    int first, second;  // signals raised in turn (0: none)
+    int exitStatus;     // 7 when the child carries on past both
+};
+
+SignalCase const kSignalCases[] = {
+    {"abort ends with 666", LDebugSignalHandler, SIGABRT, 0, 666 & 0xFF},
+    {"segv ends with 666", LDebugSignalHandler, SIGSEGV, 0, 666 & 0xFF},
+    {"ill returns", LDebugSignalHandler, SIGILL, 0, 7},
+    {"second segv ignored", LDebugSignalHandler, SIGILL, SIGSEGV, 7},
+    {"second abort ignored", LDebugSignalHandler, SIGTRAP, SIGABRT, 7},
+    {"int exits 0", LIntTermSignalHandler, SIGINT, 0, 0},
+    {"term exits 0", LIntTermSignalHandler, SIGTERM, 0, 0},
+    {"hup returns", LIntTermSignalHandler, SIGHUP, 0, 7},
+};
+
+TEST(SignalHandlers, FatalAndTerminatingSignalsInChildren) {
+    for (SignalCase const& c : kSignalCases) {
+        SCOPED_TRACE(c.what);
+        pid_t pid = fork();
+        if (pid == 0) {
+            struct sigaction action {};
+            action.sa_sigaction = c.handler;
+            action.sa_flags = SA_SIGINFO;
+            for (int signal : {c.first, c.second}) {
+                if (signal != 0) {
+                    sigaction(signal, &action, nullptr);
+                }
+            }
+            raise(c.first);
+            if (c.second != 0) {
+                raise(c.second);
+            }
+            _exit(c.handler == LDebugSignalHandler && !bLLibExceptionAlreadyTrapped ? 9 : 7);
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
+        ASSERT_TRUE(WIFEXITED(status)) << status;
+        EXPECT_EQ(WEXITSTATUS(status), c.exitStatus);
+    }
+}
+
+TEST(XIString, PartsAndExample) {
+    char word[260];
+    _LDebugPlatformWord(word, sizeof word, 10, 15);
+    EXPECT_STREQ(word, "MacIntel1015");
+    _LDebugPlatformWord(word, sizeof word, 11, 2);
+    EXPECT_STREQ(word, "MacIntel1102");
+    struct {
+        bool main;
+        uint32_t current;
+        char const* word;
+    } const commands[] = {{true, 0, "Ukn0(LstCmd42)"},
+                          {true, 1, "GloIni1"},
+                          {true, 2, "GuiIni2"},
+                          {true, 3, "GuiDes3"},
+                          {true, 4, "GloDes4"},
+                          {true, 7, "(Cmd7)"},
+                          {false, 7, ""},
+                          {false, 0, ""}};
+    for (auto const& c : commands) {
+        _LDebugCommandWord(word, sizeof word, c.main, c.current, 42);
+        EXPECT_STREQ(word, c.word) << c.current;
+    }
+
+    unsigned char major = 0, minor = 0;
+    LGetOSVersion(major, minor);
+    char platform[260];
+    _LDebugPlatformWord(platform, sizeof platform, major, minor);
+    auto xi = [](char const* prefix, char const* detail) {
+        char out[260];
+        LDebugGenerateXIString(out, prefix, detail);
+        return std::string(out);
+    };
+    std::string const lead = std::string("AbTerm-") + platform + "-SIGNAL11-";
+
+    // This is the main thread; unregistered, then as MAIN, then under a numbered name.
+    EXPECT_EQ(xi("AbTerm", "SIGNAL11"), lead + "UnknownUkn0(LstCmd0)");
+    LDebugThreadDataStartThread("MAIN");
+    EXPECT_EQ(xi("AbTerm", "SIGNAL11"), lead + "MAINUkn0(LstCmd0)");
+    gwDebugCurrentCommand = 7;
+    EXPECT_EQ(xi("AbTerm", "SIGNAL11"), lead + "MAIN(Cmd7)");
+    {
+        LBugReportBlockScope block("SAVING");
+        EXPECT_EQ(xi("AbTerm", "SIGNAL11"), lead + "SAVI(Cmd7)");
+    }
+    EXPECT_EQ(xi("AbTerm", "SIGNAL11"), lead + "MAIN(Cmd7)");
+    LDebugThreadSetName("0123");
+    EXPECT_EQ(xi("AbTerm", "SIGNAL11"), lead + "(Cmd7)");
+    std::string other, otherUnregistered;
+    std::thread([&] {
+        otherUnregistered = xi("Hang", "X");
+        LBugReportBlockScope unregistered("ABCD");  // no record: nothing to mark
+        LDebugThreadDataStartThread("WORK");
+        other = xi("Hang", "X");
+        LDebugThreadDataStopThread();
+    }).join();
+    EXPECT_EQ(otherUnregistered, std::string("Hang-") + platform + "-X-Unknown");
+    EXPECT_EQ(other, std::string("Hang-") + platform + "-X-WORK");
+    LDebugThreadDataStopThread();
+    gwDebugCurrentCommand = 0;
+
+    // Cut to 259 characters.
+    EXPECT_EQ(xi(std::string(300, 'p').c_str(), "d"), std::string(259, 'p'));
+}
+
+TEST(BugReport, PercentEncodingKeepsBangAndCutsAtTheBuffer) {
+    char out[32];
+    _LDebugPercentEncode(out, sizeof out, "a b&c!-._~Z9/\xC3\xA9");
+    EXPECT_STREQ(out, "a%20b%26c!-._~Z9%2F%C3%A9");
+    char small[6];
+    _LDebugPercentEncode(small, sizeof small, "ab&cd");  // "%26" would not fit after "ab"
+    EXPECT_STREQ(small, "ab%26");
+    _LDebugPercentEncode(small, 5, "ab&cd");
+    EXPECT_STREQ(small, "ab");
+}
+
+// The address reaches the opener as one argument, shell characters and all.
+TEST(OpenWebPage, HandsTheAddressToTheOpenerWithoutAShell) {
+    ltest::TempTree tree;
+    std::string const log = tree.Path("opened");
+    std::string const opener = tree.MakeFile(
+        "xdg-open", "#!/bin/sh\nprintf '%s|' \"$#\" \"$@\" > '" + log + "'\nexit ${FAIL:-0}\n");
+    chmod(opener.c_str(), 0755);
+    ltest::EnvOverride path("PATH", tree.root() + ":" + getenv("PATH"));
+    ltest::EnvOverride fail("FAIL", "0");
+    char const* address = "https://example.invalid/a b?x=1&y=$(touch no);z";
+    EXPECT_TRUE(LOpenWebPage(address));
+    std::ifstream in(log);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}),
+              std::string("1|") + address + "|");
+    fail.Set("3");
+    EXPECT_FALSE(LOpenWebPage(address));
+    EXPECT_FALSE(std::filesystem::exists("no"));
+}
+
+}  // namespace
