@@ -78,6 +78,7 @@ void LDebugGenerateXIString(char* out, char const* prefix, char const* detail) {
     char name[260] = "Unknown";
     char lastDialog[260] = "";
     {
+        LDebugThreadsLockCreate();
         std::lock_guard<LLockObject> hold(loDebugThreads);
         if (LDebugThreadData const* record = LDebugThreadFindData()) {
             // A name made from the thread number says nothing: leave it out.
