@@ -105,6 +105,14 @@ public:
     static char* MakeUniqueOrderedFilePath(char* dst, char const* folder, char const* name,
                                            char const* extension);
 
+    // ---- Sandbox -----------------------------------------------------------------------
+
+    // True when the path starts with the home folder (ignoring case).
+    static bool IsPathInSandbox(char const* path);
+    // The real path outside the home folder that the path leads to through a symbolic link
+    // (or directly, when it exists); "" and false when it stays inside.
+    static bool MakeNonSandboxedFilePath(char* dst, char const* path);
+
     // ---- Existence, sharing and errors -------------------------------------------------
 
     // True when the entry exists (of any kind) and can be reached.

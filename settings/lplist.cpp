@@ -9,6 +9,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <vector>
 
 #include "settings/lcfstring.h"
 
@@ -85,6 +86,57 @@ bool SameValue(plist_t a, plist_t b) {
     return plist_compare_node_value(a, b) != 0;
 }
 
+// True when every dictionary in the tree is keyed by key objects. The binary parser can build
+// dictionaries keyed by other kinds from crafted input, and the library's dictionary walks
+// assume keys; such input is refused as a whole. The walk keeps its own stack.
+bool IsWellKeyed(plist_t root) {
+    std::vector<plist_t> pending{root};
+    while (!pending.empty()) {
+        plist_t node = pending.back();
+        pending.pop_back();
+        const plist_type type = plist_get_node_type(node);
+        if (type == PLIST_ARRAY) {
+            const uint32_t n = plist_array_get_size(node);
+            for (uint32_t i = 0; i < n; ++i) {
+                pending.push_back(plist_array_get_item(node, i));
+            }
+        } else if (type == PLIST_DICT) {
+            plist_dict_iter it = nullptr;
+            plist_dict_new_iter(node, &it);
+            for (;;) {
+                plist_t value = nullptr;
+                plist_dict_next_item(node, it, nullptr, &value);
+                if (value == nullptr) {
+                    break;
+                }
+                if (plist_get_node_type(plist_dict_item_get_key(value)) != PLIST_KEY) {
+                    std::free(it);
+                    return false;
+                }
+                pending.push_back(value);
+            }
+            std::free(it);
+        }
+    }
+    return true;
+}
+
+// True when no key or string holds a NUL byte. The binary parser can decode one from UTF-16
+// input, which leaves a text whose recorded length runs past its terminator; copies and
+// key reads of such a text go wrong. The XML form writes every text at its recorded length,
+// so a NUL shows up there.
+bool HasTerminatedTexts(plist_t root) {
+    char* xml = nullptr;
+    uint32_t length = 0;
+    plist_to_xml(root, &xml, &length);
+    if (xml == nullptr) {
+        return false;
+    }
+    const bool clean = std::memchr(xml, 0, length) == nullptr;
+    plist_to_xml_free(xml);
+    return clean;
+}
+
 }  // namespace
 
 // ---- Loading ----
@@ -124,6 +176,10 @@ plist_t _LPlistParse(const char* data, unsigned long length) {
     }
     plist_t result = nullptr;
     plist_from_memory(data, static_cast<uint32_t>(length), &result);
+    if (result != nullptr && (!IsWellKeyed(result) || !HasTerminatedTexts(result))) {
+        plist_free(result);
+        result = nullptr;
+    }
     return result;
 }
 

@@ -325,23 +325,23 @@ void PutTabs(LStringLongTemplate<char>& out, int count) {
 // ---- The cursor ----
 
 template <typename T>
-T LXMLLoaderTemplate<T>::GetChar() {
-    const T c = m_pText[m_nPosition];
-    if (c == 0) {
-        return 0;
-    }
-    ++m_nPosition;
-    if (c == '\r' || c == '\n') {
-        const T other = c == '\r' ? '\n' : '\r';
-        if (m_pText[m_nPosition] == other) {
-            ++m_nPosition;
+const T* LXMLLoaderTemplate<T>::TakeTextRun(unsigned long& length) {
+    const T* start = m_pText + m_nPosition;
+    const unsigned long budget = m_nLastCancelTest + kCancelInterval > m_nPosition
+                                     ? m_nLastCancelTest + kCancelInterval - m_nPosition
+                                     : 0;
+    unsigned long n = 0;
+    while (n < budget) {
+        const T c = start[n];
+        if (c == 0 || c == '<' || c == '&' || c == '\r' || c == '\n') {
+            break;
         }
-        ++m_nLine;
-        m_nColumn = 1;
-        return '\n';
+        ++n;
     }
-    ++m_nColumn;
-    return c;
+    m_nPosition += n;
+    m_nColumn += static_cast<int>(n);
+    length = n;
+    return start;
 }
 
 template <typename T>
@@ -563,6 +563,9 @@ void LXMLElement::LoadData(Loader& loader) {
         }
         if (c != '<') {
             pending.Put(c);
+            unsigned long run = 0;
+            const char* text = loader.TakeTextRun(run);
+            pending.Put(text, run);
             continue;
         }
         const char stop = XMLLoadTag(loader, tag);

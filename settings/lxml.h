@@ -31,7 +31,26 @@ public:
         : m_pText(text), m_pError(error), m_rProcess(process) {}
 
     // The next character with line ends folded; 0 at the end, without moving.
-    T GetChar();
+    T GetChar() {
+        const T c = m_pText[m_nPosition];
+        if (c == 0) {
+            return 0;
+        }
+        ++m_nPosition;
+        if (c == '\r' || c == '\n') {
+            if (m_pText[m_nPosition] == (c == '\r' ? '\n' : '\r')) {
+                ++m_nPosition;
+            }
+            ++m_nLine;
+            m_nColumn = 1;
+            return '\n';
+        }
+        ++m_nColumn;
+        return c;
+    }
+    // Consumes the run of plain text characters ahead (none of NUL, '<', '&', CR, LF), but
+    // not past the next cancel test; returns where it starts and sets its length.
+    const T* TakeTextRun(unsigned long& length);
     // The next raw character, not consumed (0 at the end).
     T PeekChar() const { return m_pText[m_nPosition]; }
     // Records "Ln %d, Col %d: " and the formatted message, unless an error is already there.
