@@ -1,12 +1,16 @@
-// The signal handlers, the xi string and the block scope.
+// The signal handlers, the xi string, the bug report and the block scope.
 #include "debug/lbugreport.h"
 
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <mutex>
 
 #include "debug/ldebug.h"
+#include "debug/lmachine.h"
+#include "debug/lmemory.h"
 #include "platform/los_utils.h"
+#include "settings/lsettings.h"
 #include "text/lstring.h"
 
 volatile uint8_t bLLibExceptionAlreadyTrapped = 0;
@@ -95,26 +99,26 @@ void LDebugGenerateXIString(char* out, char const* prefix, char const* detail) {
     tplsnprintf(out, 260, "%s-%s-%s-%s", prefix, platform, detail, thread);
 }
 
-void _LDebugPercentEncode(char* out, size_t size, char const* text) {
-    static char const kHex[] = "0123456789ABCDEF";
-    size_t used = 0;
-    for (auto const* at = reinterpret_cast<unsigned char const*>(text); *at != 0; ++at) {
-        unsigned char const c = *at;
-        bool const plain = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
-                           (c >= '0' && c <= '9') || strchr("!-._~", c) != nullptr;
-        size_t const need = plain ? 1 : 3;
-        if (used + need >= size) {
-            break;
-        }
-        if (plain) {
-            out[used++] = static_cast<char>(c);
-        } else {
-            out[used++] = '%';
-            out[used++] = kHex[c >> 4];
-            out[used++] = kHex[c & 15];
-        }
-    }
-    out[used] = 0;
+void _LDebugBugReportAddress(char* out, char const* iid, char const* machineData, int major,
+                             int minor) {
+    tplsnprintf(out, kLBugReportAddressSize,
+                "https://%s/software/bug.html?software=KavelPLVadHelper&version=1.0&"
+                "xi=AbTermOrHang-Mac%d%02d&iid=%s&data=%s",
+                kLBugReportHost, major, minor, iid, machineData);
+}
+
+void LDebugHangDetectorBugReport(bool) {
+    char iid[260];
+    _LSettingGetString(kLSettingDomainCurrentUser, "Software", "IID", "", iid);
+    int const freeHeap = static_cast<int>(LMemoryGetFreeHeapSize() >> 20);
+    int const largestFree = static_cast<int>(LMemoryGetLargestFreeRegionSize() >> 20);
+    auto data = std::make_unique<char[]>(kLMachineDataSize);
+    LDebugGetMachineDataForCrashReport(data.get(), freeHeap, largestFree);
+    unsigned char major = 0, minor = 0;
+    LGetOSVersion(major, minor);
+    auto address = std::make_unique<char[]>(kLBugReportAddressSize);
+    _LDebugBugReportAddress(address.get(), iid, data.get(), major, minor);
+    LOpenWebPage(address.get());
 }
 
 LBugReportBlockScope::LBugReportBlockScope(char const* blockName)

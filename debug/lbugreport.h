@@ -28,6 +28,10 @@ void LIntTermSignalHandler(int signal, siginfo_t* info, void* context);
 // AbTerm-MacIntel1015-SIGNAL11-MAINUkn0(LstCmd0).
 void LDebugGenerateXIString(char* out, char const* prefix, char const* detail);
 
+// Opens the bug-report page of the maker's site in the user's browser, with the installation
+// identifier, the system version and the machine description. The flag is ignored.
+void LDebugHangDetectorBugReport(bool);
+
 // Marks a block in the calling thread's registry name (cut to 4 characters) for as long as
 // the scope lives; the previous name comes back exactly at its end.
 class LBugReportBlockScope {
@@ -48,6 +52,10 @@ private:
 void _LDebugPlatformWord(char* out, size_t size, int major, int minor);
 // The command word for the main thread's current command (empty off the main thread).
 void _LDebugCommandWord(char* out, size_t size, bool mainThread, uint32_t current, uint32_t last);
-// Percent-encodes text into out (size bytes with the terminator): letters, digits and
-// "!-._~" are copied, every other byte becomes %XX (upper case). Stops silently when full.
-void _LDebugPercentEncode(char* out, size_t size, char const* text);
+// The maker's bug-report host, reached over https.
+inline constexpr char kLBugReportHost[] = "www.tessalysoftware.com";
+inline constexpr size_t kLBugReportAddressSize = 8194;
+// The bug-report address into out (kLBugReportAddressSize bytes, longer results cut): the
+// identifier as given, the machine data already encoded.
+void _LDebugBugReportAddress(char* out, char const* iid, char const* machineData, int major,
+                             int minor);

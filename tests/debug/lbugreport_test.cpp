@@ -7,11 +7,14 @@
 
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <string>
 #include <thread>
 
 #include "debug/ldebug.h"
+#include "debug/lmachine.h"
 #include "platform/los_utils.h"
+#include "settings/lsettings.h"
 #include "tests/file/temp_tree.h"
 
 namespace {
@@ -99,13 +102,20 @@ TEST(XIString, PartsAndExample) {
     gwDebugCurrentCommand = 0;
 }
 
-TEST(BugReport, PercentEncodingKeepsBangAndCutsAtTheBuffer) {
-    char out[32];
-    _LDebugPercentEncode(out, sizeof out, "a b&c!-._~Z9/\xC3\xA9");
-    EXPECT_STREQ(out, "a%20b%26c!-._~Z9%2F%C3%A9");
-    char small[6];
-    _LDebugPercentEncode(small, sizeof small, "ab&cd");  // "%26" would not fit after "ab"
-    EXPECT_STREQ(small, "ab%26");
+// Fixed inputs; the machine data arrives encoded: "!" kept, " " and "&" as %20 and %26.
+TEST(BugReport, AddressForFixedInputs) {
+    char data[kLMachineDataSize];
+    _LMachineDataEncode("memfrhp=1&memfrlg=2&&memphys=8 GB!", data, sizeof data);
+    auto address = std::make_unique<char[]>(kLBugReportAddressSize);
+    _LDebugBugReportAddress(address.get(), "ab cd", data, 12, 3);
+    EXPECT_EQ(std::string(address.get()),
+              std::string("https://") + kLBugReportHost +
+                  "/software/bug.html?software=KavelPLVadHelper&version=1.0&"
+                  "xi=AbTermOrHang-Mac1203&iid=ab cd&data="
+                  "memfrhp%3D1%26memfrlg%3D2%26%26memphys%3D8%20GB!");
+    std::string const longer(9000, 'x');
+    _LDebugBugReportAddress(address.get(), "", longer.c_str(), 12, 3);
+    EXPECT_EQ(strlen(address.get()), kLBugReportAddressSize - 1);
 }
 
 // The address reaches the opener as one argument, shell characters and all.
@@ -124,6 +134,22 @@ TEST(OpenWebPage, HandsTheAddressToTheOpenerWithoutAShell) {
               std::string("1|") + address + "|");
     fail.Set("3");
     EXPECT_FALSE(LOpenWebPage(address));
+
+    // The bug report reads the identifier from the user's settings and opens the address.
+    fail.Set("0");
+    ltest::EnvOverride config("XDG_CONFIG_HOME", tree.MakeFolder("config"));
+    ASSERT_TRUE(_LSettingSetString(kLSettingDomainCurrentUser, "Software", "IID", "ID-7"));
+    LDebugHangDetectorBugReport(true);
+    std::ifstream report(log);
+    std::string const opened(std::istreambuf_iterator<char>(report), {});
+    unsigned char major = 0, minor = 0;
+    LGetOSVersion(major, minor);
+    char xi[64];
+    snprintf(xi, sizeof xi, "xi=AbTermOrHang-Mac%d%02d&iid=ID-7&data=memfrhp%%3D", major, minor);
+    EXPECT_EQ(opened.rfind(std::string("1|https://") + kLBugReportHost + "/software/bug.html?", 0),
+              0u)
+        << opened;
+    EXPECT_NE(opened.find(xi), std::string::npos) << opened;
 }
 
 }  // namespace
