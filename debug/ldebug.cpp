@@ -1,6 +1,5 @@
-// The hang marker's decisions and the thread registry's slot bookkeeping. The two globals are
-// defined here in the order start-up builds them: the hang detector first, then the
-// registry's lock.
+// The hang marker's decisions and the thread registry's slot bookkeeping, and the two
+// start-up objects: the hang detector and the registry's lock.
 #include "debug/ldebug.h"
 
 #include <fcntl.h>
@@ -10,12 +9,47 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <new>
 
 #include "text/lstring.h"
 #include "thread/lthread_platform.h"
 
-LHangDetector gLHangDetector;
-LLockObject loDebugThreads;
+namespace {
+
+// Static storage of a start-up object: nothing in it is built before its Create function,
+// which the program's static initialiser calls at its fixed place (and every user calls
+// first, for programs that have no such initialiser).
+template <class T>
+union StartupStorage {
+    constexpr StartupStorage() : unbuilt(0) {}
+    ~StartupStorage() {}
+    char unbuilt;
+    T value;
+};
+
+constinit StartupStorage<LHangDetector> gHangDetectorStorage;
+constinit std::once_flag gHangDetectorCreated;
+constinit StartupStorage<LLockObject> gThreadsLockStorage;
+constinit std::once_flag gThreadsLockCreated;
+
+}  // namespace
+
+constinit LHangDetector& gLHangDetector = gHangDetectorStorage.value;
+constinit LLockObject& loDebugThreads = gThreadsLockStorage.value;
+
+void LDebugHangDetectorCreate() {
+    std::call_once(gHangDetectorCreated, [] {
+        new (&gHangDetectorStorage.value) LHangDetector();
+        std::atexit([] { gHangDetectorStorage.value.~LHangDetector(); });
+    });
+}
+
+void LDebugThreadsLockCreate() {
+    std::call_once(gThreadsLockCreated, [] {
+        new (&gThreadsLockStorage.value) LLockObject();
+        std::atexit([] { gThreadsLockStorage.value.~LLockObject(); });
+    });
+}
 
 LDebugThreadData gDebugThreadData[kLDebugThreadCount];
 std::atomic<uint64_t> gnDebugThreads{0};
@@ -111,10 +145,12 @@ void LHangDetector::InitAndTest() {
 }
 
 void LDebugHangDetectorInit() {
+    LDebugHangDetectorCreate();
     gLHangDetector.InitAndTest();
 }
 
 void LDebugHangDetectorDestroy() {
+    LDebugHangDetectorCreate();
     gLHangDetector._Release();
 }
 
@@ -131,6 +167,7 @@ bool LIsMainThread() {
 void _LDebugThreadDataStartThread(uint32_t thread, char const* name) {
     LDebugThreadData* record = nullptr;
     {
+        LDebugThreadsLockCreate();
         std::lock_guard<LLockObject> hold(loDebugThreads);
         uint64_t count = gnDebugThreads.load(std::memory_order_relaxed);
         uint64_t slot = count;
@@ -160,6 +197,7 @@ void _LDebugThreadDataStartThread(uint32_t thread, char const* name) {
 }
 
 void _LDebugThreadDataStopThread(uint32_t thread) {
+    LDebugThreadsLockCreate();
     std::lock_guard<LLockObject> hold(loDebugThreads);
     LDebugThreadData* record = _LDebugThreadFindData(thread);
     if (record == nullptr) {

@@ -55,7 +55,11 @@ struct LHangDetectorRecord {
 static_assert(sizeof(LHangDetectorRecord) == 16);
 LHangDetectorRecord _LHangDetectorMakeRecord(int64_t seconds, int64_t microseconds);
 
-extern LHangDetector gLHangDetector;
+// The process's hang detector, valid once LDebugHangDetectorCreate has run.
+extern LHangDetector& gLHangDetector;
+// Constructs gLHangDetector once and registers its destruction at exit; later calls do
+// nothing.
+void LDebugHangDetectorCreate();
 
 // InitAndTest on gLHangDetector.
 void LDebugHangDetectorInit();
@@ -79,7 +83,11 @@ struct LDebugThreadData {
 extern LDebugThreadData gDebugThreadData[kLDebugThreadCount];
 // The high-water mark of records in use: records below it may be free.
 extern std::atomic<uint64_t> gnDebugThreads;
-extern LLockObject loDebugThreads;
+// Valid once LDebugThreadsLockCreate has run.
+extern LLockObject& loDebugThreads;
+// Constructs loDebugThreads once and registers its destruction at exit; later calls do
+// nothing.
+void LDebugThreadsLockCreate();
 // Kept for the library's interface; nothing sets or reads it.
 extern uint32_t gdwMainThreadId;
 

@@ -1,11 +1,16 @@
-// The process's one static initialiser. It runs the start-up pieces in their fixed order;
-// the message key tables come last. Keeping a single initialiser in this file (which main
+// The process's one static initialiser. It runs the start-up pieces in their fixed order:
+// the hang detector, the thread registry's lock, the exception handler, the data-file
+// registry's lock, then the message key tables; last, the main thread joins the thread
+// registry as "MAIN". Keeping a single initialiser in this file (which main
 // always links, since it names the tables) gives that order regardless of the link order of
 // the other objects.
 #include "helper/vadhelper_startup.h"
 
 #include <iterator>
 
+#include "debug/ldebug.h"
+#include "debug/lexception.h"
+#include "platform/los_utils.h"
 #include "settings/ldatfile_native.h"
 
 LXPCDictionaryKey arVADHelperTxKeys[kLVADHelperKeyTableSize];
@@ -51,12 +56,15 @@ void FillKeyTable(LXPCDictionaryKey (&table)[kLVADHelperKeyTableSize], KeyEntry 
 // The start-up pieces in their fixed order.
 struct Startup {
     Startup() {
-        // The diagnostics pieces come first, in this order, as their subsystem provides them:
-        // the hang detector (and its destruction at exit), the thread-registry lock, the crash
-        // handler.
+        // Each piece registers its own destruction at exit, so they go in the reverse order.
+        LDebugHangDetectorCreate();
+        LDebugThreadsLockCreate();
+        LExceptionHandlerInstallerCreate();
         LDatFileNativeSystem::Create();
         FillKeyTable(arVADHelperTxKeys, kTxKeys);
         FillKeyTable(arVADHelperRxKeys, kRxKeys);
+        // Static initialisation runs on the main thread: name it for failure reports.
+        LUnixAppInitCommon();
     }
 };
 

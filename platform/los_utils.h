@@ -43,6 +43,10 @@ pid_t LGetBSDProcessUid(char const* name);
 // the next call. The cache is written under the system-wide lock "UID".
 pid_t LGetProcessUid(char const* name);
 
+// Hands a web address to the user's default browser; false when it could not be handed on.
+// The address is passed as one argument, never through a shell.
+bool LOpenWebPage(char const* address);
+
 // ---- Parts shared with the platform half, exposed for their tests --------------------------
 
 // Splits a dotted version: each number is atoi of its piece (cut to 259 characters); a

@@ -1,11 +1,15 @@
 // Linux half of the OS and process utilities: the version comes from os-release's
 // VERSION_ID (else the kernel release), the process table from /proc/<pid>/comm, and the
-// administrator groups are the ones Linux distributions use for it.
+// administrator groups are the ones Linux distributions use for it. Web pages go to the
+// desktop's opener, xdg-open.
 #include <dirent.h>
 #include <fcntl.h>
+#include <spawn.h>
 #include <sys/utsname.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -90,4 +94,24 @@ bool LGetBSDProcessList(std::vector<LBSDProcessInfo>& list) {
         list.push_back(info);
     }
     return true;
+}
+
+bool LOpenWebPage(char const* address) {
+    if (address == nullptr) {
+        return false;
+    }
+    // The desktop's opener picks the browser; it returns once the browser has the address.
+    char program[] = "xdg-open";
+    char* const argv[] = {program, const_cast<char*>(address), nullptr};
+    pid_t pid = -1;
+    if (posix_spawnp(&pid, program, nullptr, nullptr, argv, environ) != 0) {
+        return false;
+    }
+    int status = 0;
+    while (waitpid(pid, &status, 0) == -1) {
+        if (errno != EINTR) {
+            return false;
+        }
+    }
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }

@@ -1,0 +1,60 @@
+// What the service's static initialiser leaves behind by the time main runs: every start-up
+// piece built, each usable by the ones after it.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "debug/ldebug.h"
+#include "debug/lexception.h"
+#include "helper/vadhelper_startup.h"
+
+namespace {
+
+struct Snapshot {
+    bool lockIsRecursive = false;
+    struct sigaction segv {};
+    uint64_t registeredThreads = 0;
+    std::string firstThreadName;
+    bool firstThreadIsMain = false;
+} gAtMain;
+
+// Taken before any test runs, as main begins.
+class TakeSnapshot : public testing::Environment {
+    void SetUp() override {
+        // Only a built (recursive) lock can be taken twice by one thread.
+        if (loDebugThreads.TryLock()) {
+            if ((gAtMain.lockIsRecursive = loDebugThreads.TryLock())) {
+                loDebugThreads.Unlock();
+            }
+            loDebugThreads.Unlock();
+        }
+        sigaction(SIGSEGV, nullptr, &gAtMain.segv);
+        gAtMain.registeredThreads = gnDebugThreads.load();
+        gAtMain.firstThreadName = gDebugThreadData[0].szName;
+        gAtMain.firstThreadIsMain =
+            gDebugThreadData[0].dwThread.load() == static_cast<uint32_t>(getpid());
+    }
+};
+
+testing::Environment* const gSnapshot = testing::AddGlobalTestEnvironment(new TakeSnapshot);
+
+TEST(ServiceStartup, EveryPieceIsBuiltBeforeMain) {
+    // The hang detector names its lock file; the service never creates it.
+    EXPECT_NE(std::string(gLHangDetector.GetLockFilePath()).find("_kavelplvadhelper_rl_"),
+              std::string::npos);
+    EXPECT_EQ(gLHangDetector.GetFileDescriptor(), -1);
+    EXPECT_TRUE(gAtMain.lockIsRecursive);
+    // The exception handler: its port open, faults watched on the alternate stack.
+    EXPECT_TRUE(LExceptionHandlerInstallerCreated());
+    EXPECT_NE(fcntl(static_cast<int>(gLExceptionHandlerInstaller.exceptionPort), F_GETFD), -1);
+    EXPECT_EQ(gAtMain.segv.sa_flags & (SA_SIGINFO | SA_ONSTACK), SA_SIGINFO | SA_ONSTACK);
+    // The main thread as the registry's first and only record (the tables: ServiceKeys).
+    EXPECT_EQ(gAtMain.registeredThreads, 1u);
+    EXPECT_EQ(gAtMain.firstThreadName, "MAIN");
+    EXPECT_TRUE(gAtMain.firstThreadIsMain);
+}
+
+}  // namespace
