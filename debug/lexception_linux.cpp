@@ -168,6 +168,14 @@ bool _LExceptionPortDeallocate(LExceptionHandlerInstaller& installer) {
     if (installer.exceptionPort == 0) {
         return false;
     }
+    int const port = static_cast<int>(installer.exceptionPort);
     // A forked copy holds the descriptor but not the thread, which stayed with the parent.
-    return close(static_cast<int>(installer.exceptionPort)) == 0 && getpid() == gInstalledPid;
+    if (getpid() != gInstalledPid) {
+        close(port);
+        return false;
+    }
+    // Shutting the port down is what takes the right away: the waiting receive returns empty
+    // and the thread ends. The number itself stays taken until the process ends, so that no
+    // receive still under way can find another file behind it.
+    return shutdown(port, SHUT_RDWR) == 0;
 }
