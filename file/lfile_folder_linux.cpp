@@ -23,21 +23,7 @@
 
 namespace {
 
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor() {
-        if (fd_ != -1) {
-            close(fd_);
-        }
-    }
-    Descriptor(Descriptor const&) = delete;
-    Descriptor& operator=(Descriptor const&) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
+using Descriptor = _LScopedDescriptor;
 
 // The extended-attribute calls on a descriptor or, for links, on the path itself.
 struct AttributeAccess {

@@ -6,11 +6,30 @@
 // always terminated, and a false result leaves dst empty.
 #pragma once
 
+#include <unistd.h>
+
 #include <cstddef>
 #include <cstring>
 #include <string>
 #include <string_view>
 #include <vector>
+
+// Closes the descriptor it holds when the scope ends (-1: nothing to close).
+class _LScopedDescriptor {
+public:
+    explicit _LScopedDescriptor(int fd) : fd_(fd) {}
+    ~_LScopedDescriptor() {
+        if (fd_ != -1) {
+            close(fd_);
+        }
+    }
+    _LScopedDescriptor(_LScopedDescriptor const&) = delete;
+    _LScopedDescriptor& operator=(_LScopedDescriptor const&) = delete;
+    int get() const { return fd_; }
+
+private:
+    int fd_;
+};
 
 // Copies src into dst, cut to size - 1 characters and terminated; nothing is written when size
 // is 0. Returns the number of characters copied.

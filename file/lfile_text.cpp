@@ -15,6 +15,7 @@
 #include <new>
 
 #include "file/lfile.h"
+#include "file/lfile_platform.h"
 #include "file/lfile_stream.h"
 #include "file/lfile_text.h"
 #include "text/lunicode.h"
@@ -24,22 +25,7 @@ namespace {
 constexpr unsigned int kLoadLockMs = 5000;
 constexpr unsigned int kSaveLockMs = 500;
 
-// Closes the descriptor when the scope ends.
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor() {
-        if (fd_ != -1) {
-            close(fd_);
-        }
-    }
-    Descriptor(Descriptor const&) = delete;
-    Descriptor& operator=(Descriptor const&) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
+using Descriptor = _LScopedDescriptor;
 
 // Opens for reading with a shared lock (best effort); size is what the status says, 0 when
 // it cannot be read.

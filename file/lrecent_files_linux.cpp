@@ -37,19 +37,6 @@ long ParseBookmarkTime(const char* text) {
     return static_cast<long>(timegm(&when));
 }
 
-int HexValue(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return -1;
-}
-
 bool RecentListPath(char* dst) {
     if (const char* data = std::getenv("XDG_DATA_HOME"); data != nullptr && data[0] == '/') {
         LFile::_MakeFilePath(dst, data, "recently-used.xbel", "");
@@ -119,8 +106,8 @@ bool _LRecentURLToPath(const char* url, char* dst) {
     std::string path;
     for (; *p != 0 && *p != '?' && *p != '#'; ++p) {
         if (*p == '%') {
-            const int high = HexValue(p[1]);
-            const int low = high < 0 ? -1 : HexValue(p[2]);
+            const int high = LHexDigitValue(p[1]);
+            const int low = high < 0 ? -1 : LHexDigitValue(p[2]);
             if (low < 0) {
                 return false;
             }

@@ -4,6 +4,7 @@
 
 #include "settings/ldatfile.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 
@@ -21,17 +22,9 @@ void CopyCut(char* dest, const char* text) {
     dest[n] = 0;
 }
 
+// Anything but a hexadecimal digit counts as 0 ("%G1" gives 0x01).
 int HexValue(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return 0;  // anything else counts as 0 ("%G1" gives 0x01)
+    return std::max(LHexDigitValue(c), 0);
 }
 
 // Decodes URI text into out until a stop character ('&', and '=' when asked) or the end;

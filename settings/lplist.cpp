@@ -23,19 +23,6 @@ plist_t Node(const void* value) {
     return const_cast<plist_t>(value);
 }
 
-int HexValue(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return -1;
-}
-
 bool SameValue(plist_t a, plist_t b);
 
 bool SameContainer(plist_t a, plist_t b) {
@@ -155,8 +142,8 @@ bool _LFileURLToPath(const char* url, LStringLongTemplate<char>& path) {
             return false;
         }
         if (c == '%') {
-            const int high = HexValue(p[1]);
-            const int low = high < 0 ? -1 : HexValue(p[2]);
+            const int high = LHexDigitValue(p[1]);
+            const int low = high < 0 ? -1 : LHexDigitValue(p[2]);
             if (low < 0) {
                 return false;
             }
@@ -168,6 +155,24 @@ bool _LFileURLToPath(const char* url, LStringLongTemplate<char>& path) {
     }
     path.Assign(decoded.c_str(), decoded.size());
     return true;
+}
+
+std::vector<std::string> _LPlistDictionaryKeys(plist_t dictionary) {
+    std::vector<std::string> keys;
+    plist_dict_iter iter = nullptr;
+    plist_dict_new_iter(dictionary, &iter);
+    for (;;) {
+        char* key = nullptr;
+        plist_t value = nullptr;
+        plist_dict_next_item(dictionary, iter, &key, &value);
+        if (key == nullptr) {
+            break;
+        }
+        keys.emplace_back(key);
+        free(key);
+    }
+    free(iter);
+    return keys;
 }
 
 plist_t _LPlistParse(const char* data, unsigned long length) {

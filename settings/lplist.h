@@ -9,6 +9,9 @@
 
 #include <plist/plist.h>
 
+#include <string>
+#include <vector>
+
 #include "text/lstring.h"
 
 // A loaded property-list object of any kind, released when replaced or destroyed.
@@ -32,6 +35,8 @@ private:
 
 // Parses property-list bytes (XML or binary); null when they are not a property list.
 plist_t _LPlistParse(const char* data, unsigned long length);
+// The keys of a dictionary, in its order.
+std::vector<std::string> _LPlistDictionaryKeys(plist_t dictionary);
 // The file path of a "file://localhost/..." URL text, percent escapes decoded; false when the
 // text is not a valid file URL of this host.
 bool _LFileURLToPath(const char* url, LStringLongTemplate<char>& path);

@@ -1,5 +1,6 @@
 // Linux counterpart of the system preferences service: property-list files under the XDG
 // configuration folders (see lpreferences.h for the invariants).
+#include "settings/lplist.h"
 #include "settings/lpreferences.h"
 
 #include <dirent.h>
@@ -286,24 +287,8 @@ bool LPreferencesTestKey(LSettingDomain domain, bool currentHost, const char* ke
 
 std::vector<std::string> LPreferencesCopyKeyList(LSettingDomain domain, bool currentHost) {
     std::string path = LPreferencesGetPath(domain, currentHost);
-    std::vector<std::string> keys;
     std::lock_guard guard(gCacheMutex);
-    plist_t dictionary = CurrentDictionary(path);
-    keys.reserve(plist_dict_get_size(dictionary));
-    plist_dict_iter iter = nullptr;
-    plist_dict_new_iter(dictionary, &iter);
-    for (;;) {
-        char* key = nullptr;
-        plist_t value = nullptr;
-        plist_dict_next_item(dictionary, iter, &key, &value);
-        if (key == nullptr) {
-            break;
-        }
-        keys.emplace_back(key);
-        free(key);
-    }
-    free(iter);
-    return keys;
+    return _LPlistDictionaryKeys(CurrentDictionary(path));
 }
 
 bool LPreferencesUpdate(LSettingDomain domain, bool currentHost,

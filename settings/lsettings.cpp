@@ -9,6 +9,7 @@
 #include <string>
 
 #include "settings/lblowfish.h"
+#include "settings/lplist.h"
 #include "text/lunicode.h"
 
 namespace {
@@ -35,24 +36,6 @@ std::string FullKey(const char* section, const char* key) {
     char full[kLSettingFullKeySize];
     _LSettingGetFullKeyName(full, section, key);
     return full;
-}
-
-std::vector<std::string> DictionaryKeys(plist_t dictionary) {
-    std::vector<std::string> keys;
-    plist_dict_iter iter = nullptr;
-    plist_dict_new_iter(dictionary, &iter);
-    for (;;) {
-        char* key = nullptr;
-        plist_t value = nullptr;
-        plist_dict_next_item(dictionary, iter, &key, &value);
-        if (key == nullptr) {
-            break;
-        }
-        keys.emplace_back(key);
-        free(key);
-    }
-    free(iter);
-    return keys;
 }
 
 bool SetKeyString(LSettingDomain domain, const std::string& key, const char* value) {
@@ -120,7 +103,7 @@ bool _LSettingDeleteItem(LSettingDomain domain, const char* section, const char*
 bool _LSettingDeleteSection(LSettingDomain domain, const char* section) {
     size_t length = strlen(section);
     return LPreferencesUpdate(domain, kCurrentHost, [&](plist_t dictionary) {
-        for (const std::string& key : DictionaryKeys(dictionary)) {
+        for (const std::string& key : _LPlistDictionaryKeys(dictionary)) {
             if (StartsWithIgnoringCase(key, section, length)) {
                 plist_dict_remove_item(dictionary, key.c_str());
             }
@@ -264,7 +247,7 @@ bool _LSettingChangePrimaryKey(LSettingDomain domain, const char* path, const ch
     std::string oldPrefix = oldPath + '/';
     std::string newPrefix = newPath + '/';
     bool moved = LPreferencesUpdate(domain, kCurrentHost, [&](plist_t dictionary) {
-        std::vector<std::string> keys = DictionaryKeys(dictionary);
+        std::vector<std::string> keys = _LPlistDictionaryKeys(dictionary);
         bool exists = false;
         for (const std::string& key : keys) {
             if (StartsWithIgnoringCase(key, newPrefix.c_str(), newPrefix.size())) {

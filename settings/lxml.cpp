@@ -39,19 +39,6 @@ bool IsNameStop(char c) {
     return c == '/' || c == '=' || c == '>' || c == ' ' || c == '\t' || c == '\n';
 }
 
-int HexDigit(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return -1;
-}
-
 // Code point 0 and values beyond the Unicode range have no UTF-8 form and give nothing.
 template <typename Sink>
 void PutUTF8(uint32_t cp, Sink&& put) {
@@ -106,7 +93,7 @@ void XMLAmpChar(Loader& loader, Sink&& put) {
         uint32_t cp = 0;
         if (entity[1] == 'x') {
             for (const char* p = entity + 2; *p != 0; ++p) {
-                if (const int d = HexDigit(*p); d >= 0) {
+                if (const int d = LHexDigitValue(*p); d >= 0) {
                     cp = cp * 16 + static_cast<uint32_t>(d);
                 }
             }

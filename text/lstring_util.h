@@ -26,6 +26,20 @@ const char* stristr(const char* haystack, const char* needle);
 char* stristr(char* haystack, const char* needle);
 
 // ---- Numbers ----
+// The value of one hexadecimal digit (either case), or -1 for any other character.
+constexpr int LHexDigitValue(char c) {
+    if (c >= '0' && c <= '9') {
+        return c - '0';
+    }
+    if (c >= 'a' && c <= 'f') {
+        return c - 'a' + 10;
+    }
+    if (c >= 'A' && c <= 'F') {
+        return c - 'A' + 10;
+    }
+    return -1;
+}
+
 // Hexadecimal digits from the start, value * 16 + digit in wrapping 32-bit arithmetic, up to
 // the first other character. No "0x" prefix.
 uint32_t atoh(const char* text);
