@@ -232,7 +232,12 @@ LExceptionHandlerInstaller::LExceptionHandlerInstaller() {
 
 LExceptionHandlerInstaller::~LExceptionHandlerInstaller() {
     if (_LExceptionPortDeallocate(*this)) {
-        pthread_cancel(handlerThread);
+        // The thread reads this object until it ends: wait for that before changing it.
+        if (handlerThread != pthread_t{}) {
+            pthread_cancel(handlerThread);
+            pthread_join(handlerThread, nullptr);
+            handlerThread = pthread_t{};
+        }
         exceptionPort = 0;
     }
 }
@@ -241,7 +246,9 @@ void LExceptionHandlerInstaller::LMachExceptionHandlerInstall() {
     if (!_LExceptionPortInstall(*this)) {
         return;
     }
-    pthread_create(&handlerThread, nullptr, LMachExceptionHandlerThread, this);
+    if (pthread_create(&handlerThread, nullptr, LMachExceptionHandlerThread, this) != 0) {
+        handlerThread = pthread_t{};
+    }
 }
 
 void* LExceptionHandlerInstaller::LMachExceptionHandlerThread(void* argument) {
