@@ -27,11 +27,6 @@ bool StartsWithIgnoringCase(const std::string& text, const char* prefix, size_t 
     return text.size() >= length && strncasecmp(text.c_str(), prefix, length) == 0;
 }
 
-void PasswordKey(char* out, const char* key) {
-    std::string name = std::string("__") + key;
-    CopyCut(out, name.c_str(), kLSettingTextSize);
-}
-
 std::string FullKey(const char* section, const char* key) {
     char full[kLSettingFullKeySize];
     _LSettingGetFullKeyName(full, section, key);
@@ -331,7 +326,7 @@ bool LUserSettingSetPassword(const char* section, const char* key, const char* t
     LStringLongTemplate<char> cipher;
     LSettingEncrypt(cipher, text);
     char name[kLSettingTextSize];
-    PasswordKey(name, key);
+    _LSettingPasswordName(name, key);
     return LUserSettingSetString(section, name, cipher.GetText());
 }
 
@@ -342,12 +337,8 @@ bool LUserSettingSetPassword(const char* section, const char* key,
 
 bool LUserSettingGetPassword(const char* section, const char* key, const char*, char* out) {
     char name[kLSettingTextSize];
-    PasswordKey(name, key);
-    bool found = _LUserSettingGetString(section, name, "", out);
-    if (out[0] != 0) {
-        LSettingDecrypt(out);
-    }
-    return found;
+    _LSettingPasswordName(name, key);
+    return _LSettingDecipherPassword(_LUserSettingGetString(section, name, "", out), out);
 }
 
 LSharedSettingsRecord::LSharedSettingsRecord(const char* recordPath, LSettingDomain domain)
@@ -378,18 +369,14 @@ bool LSharedSettingsRecord::SetPassword(const char* key, const char* text) {
     LStringLongTemplate<char> cipher;
     LSettingEncrypt(cipher, text);
     char name[kLSettingTextSize];
-    PasswordKey(name, key);
+    _LSettingPasswordName(name, key);
     return SetString(name, cipher.GetText());
 }
 
 bool LSharedSettingsRecord::GetPassword(const char* key, char* out) const {
     char name[kLSettingTextSize];
-    PasswordKey(name, key);
-    bool found = GetString(name, "", out);
-    if (out[0] != 0) {
-        LSettingDecrypt(out);
-    }
-    return found;
+    _LSettingPasswordName(name, key);
+    return _LSettingDecipherPassword(GetString(name, "", out), out);
 }
 
 bool LSharedSettingsRecord::SetPrimaryKey(const char* key) {
@@ -426,4 +413,16 @@ bool LSharedSettingsRecord::DeleteRecord() {
 
 bool LSharedSettingsRecord::DeleteSubRecord(const char* name) {
     return _LSettingDeleteSection(m_eDomain, FullKey(m_szRecordPath, name).c_str());
+}
+
+void _LSettingPasswordName(char* out, const char* key) {
+    std::string name = std::string("__") + key;
+    CopyCut(out, name.c_str(), kLSettingTextSize);
+}
+
+bool _LSettingDecipherPassword(bool found, char* out) {
+    if (out[0] != 0) {
+        LSettingDecrypt(out);
+    }
+    return found;
 }

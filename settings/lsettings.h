@@ -20,6 +20,11 @@ class LXMLDocument;
 inline constexpr size_t kLSettingFullKeySize = 520;  // 519 characters and the terminator
 inline constexpr size_t kLSettingTextSize = 260;     // values, names, primary keys, paths
 
+// Passwords in every store: kept under "__" and the key (cut to a setting text), as the
+// Base64 of their cipher. Deciphering leaves an empty text empty and hands found back.
+void _LSettingPasswordName(char* out, const char* key);
+bool _LSettingDecipherPassword(bool found, char* out);
+
 // Preferences store, domain given by the caller.
 void _LSettingGetFullKeyName(char* out, const char* section, const char* key);
 bool _LSettingSetString(LSettingDomain domain, const char* section, const char* key,

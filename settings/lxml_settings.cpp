@@ -30,12 +30,6 @@ void CopyCut(char* out, const char* text) {
     out[n] = 0;
 }
 
-void PasswordKey(char* out, const char* key) {
-    LStringLongTemplate<char> name("__");
-    name += key;
-    CopyCut(out, name.GetText());
-}
-
 void LoadDocument(const char* file, LXMLDocument& document) {
     LProcessInterfaceVoid process;
     char error[kLSettingTextSize];
@@ -75,13 +69,6 @@ bool GetValue(const LXMLDocument& document, const char* section, const char* key
     const char* value = FindValue(document, section, key);
     CopyCut(out, value != nullptr ? value : (defaultValue != nullptr ? defaultValue : ""));
     return value != nullptr;
-}
-
-bool DecipherInPlace(bool found, char* out) {
-    if (out[0] != 0) {
-        LSettingDecrypt(out);
-    }
-    return found;
 }
 
 }  // namespace
@@ -152,14 +139,14 @@ bool LSharedSettingSetPassword(const char* section, const char* key, const char*
     LStringLongTemplate<char> cipher;
     LSettingEncrypt(cipher, text);
     char name[kLSettingTextSize];
-    PasswordKey(name, key);
+    _LSettingPasswordName(name, key);
     return LSharedSettingSetString(section, name, cipher.GetText());
 }
 
 bool LSharedSettingGetPassword(const char* section, const char* key, const char*, char* out) {
     char name[kLSettingTextSize];
-    PasswordKey(name, key);
-    return DecipherInPlace(_LSharedSettingGetString(section, name, "", out), out);
+    _LSettingPasswordName(name, key);
+    return _LSettingDecipherPassword(_LSharedSettingGetString(section, name, "", out), out);
 }
 
 bool LSharedSettingDeleteItem(const char* section, const char* key) {
@@ -237,12 +224,12 @@ bool LUserHiddenSettingSetPassword(const char* section, const char* key, const c
     LStringLongTemplate<char> cipher;
     LSettingEncrypt(cipher, text);
     char name[kLSettingTextSize];
-    PasswordKey(name, key);
+    _LSettingPasswordName(name, key);
     return LUserHiddenSettingSetString(section, name, cipher.GetText());
 }
 
 bool LUserHiddenSettingGetPassword(const char* section, const char* key, const char*, char* out) {
     char name[kLSettingTextSize];
-    PasswordKey(name, key);
-    return DecipherInPlace(_LUserHiddenSettingGetString(section, name, "", out), out);
+    _LSettingPasswordName(name, key);
+    return _LSettingDecipherPassword(_LUserHiddenSettingGetString(section, name, "", out), out);
 }
