@@ -13,13 +13,12 @@ extern "C" {
 #include <csetjmp>
 #include <cstdarg>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <tuple>
 #include <vector>
 
 #include "debug/lmachine.h"
+#include "platform/lsmall_file.h"
 
 namespace {
 
@@ -91,8 +90,8 @@ bool _LMachineCPUInfoModelName(std::string_view cpuinfo, char* out) {
 }
 
 void LMachineGetCPUDescription(char* out) {
-    std::ifstream in("/proc/cpuinfo");
-    std::string text(std::istreambuf_iterator<char>(in), {});
+    std::string text;
+    _LReadWholeFile("/proc/cpuinfo", text);
     _LMachineCPUInfoModelName(text, out);
 }
 

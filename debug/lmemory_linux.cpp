@@ -8,22 +8,10 @@
 
 #include <cstdint>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "debug/lmemory_platform.h"
-
-namespace {
-
-std::string ReadWhole(const char* path) {
-    std::ifstream in(path);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-}  // namespace
+#include "platform/lsmall_file.h"
 
 bool _LMemoryParseCounts(std::string_view text, LMemoryCounts& counts) {
     counts = {};
@@ -64,15 +52,17 @@ bool _LMemoryParseCounts(std::string_view text, LMemoryCounts& counts) {
 }
 
 bool _LMemoryReadCounts(LMemoryCounts& counts) {
-    return _LMemoryParseCounts(ReadWhole("/proc/meminfo"), counts);
+    std::string text;
+    _LReadWholeFile("/proc/meminfo", text);
+    return _LMemoryParseCounts(text, counts);
 }
 
 unsigned long long _LMemoryReadVirtualSize() {
-    std::ifstream in("/proc/self/statm");
-    unsigned long long pages = 0;
-    if (!(in >> pages)) {
+    std::string text;
+    if (!_LReadWholeFile("/proc/self/statm", text)) {
         return 0;
     }
+    const unsigned long long pages = strtoull(text.c_str(), nullptr, 10);
     const long pageSize = sysconf(_SC_PAGESIZE);
     return pageSize > 0 ? pages * static_cast<unsigned long long>(pageSize) : 0;
 }

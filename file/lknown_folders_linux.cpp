@@ -11,13 +11,13 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <string>
 #include <vector>
 
 #include "file/lfile.h"
 #include "file/lfile_platform.h"
 #include "file/lknown_folders.h"
+#include "platform/lsmall_file.h"
 
 namespace {
 
@@ -141,16 +141,16 @@ bool _LSearchUserFolder(unsigned int kind, char* dst) {
     if (key == nullptr || !_LGetHomeFolder(home)) {
         return false;
     }
-    std::ifstream in(ConfigFolder(home) + "/user-dirs.dirs");
-    std::string line;
+    std::string text;
+    _LReadWholeFile((ConfigFolder(home) + "/user-dirs.dirs").c_str(), text);
     char candidate[kLPathSize];
     bool found = false;
-    while (std::getline(in, line)) {
+    _LForEachLine(text, [&](std::string_view line) {
         if (_LParseUserDirsLine(line, key, home, candidate)) {
             memcpy(dst, candidate, kLPathSize);
             found = true;
         }
-    }
+    });
     return found;
 }
 

@@ -13,17 +13,18 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <string>
 
 #include "file/lfile.h"
 #include "file/lfile_platform.h"
 #include "file/lknown_folders.h"
+#include "platform/lsmall_file.h"
 
 namespace {
 
@@ -84,8 +85,11 @@ bool IsMountPointAbove(std::string_view folder, std::string_view path) {
 }
 
 bool ReadFirstLine(std::string const& file, std::string& line) {
-    std::ifstream in(file);
-    return static_cast<bool>(std::getline(in, line));
+    if (!_LReadWholeFile(file.c_str(), line, 4096) || line.empty()) {
+        return false;
+    }
+    line.resize(std::min(line.find('\n'), line.size()));
+    return true;
 }
 
 }  // namespace
@@ -124,14 +128,14 @@ namespace {
 
 std::vector<LMountInfo> ReadMountTableFrom(char const* file) {
     std::vector<LMountInfo> mounts;
-    std::ifstream in(file);
-    std::string line;
-    while (std::getline(in, line)) {
+    std::string text;
+    _LReadWholeFile(file, text);
+    _LForEachLine(text, [&](std::string_view line) {
         LMountInfo m;
         if (_LParseMountInfoLine(line, m)) {
             mounts.push_back(std::move(m));
         }
-    }
+    });
     return mounts;
 }
 

@@ -1,16 +1,14 @@
 // Bundle version reading through libplist and the digit-run ordering of versions.
 #include "helper/bundle_version.h"
 
-#include <errno.h>
-#include <fcntl.h>
 #include <plist/plist.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>
+
+#include "platform/lsmall_file.h"
 
 namespace {
 
@@ -31,42 +29,6 @@ struct PlistDeleter {
     void operator()(plist_t node) const { plist_free(node); }
 };
 using PlistPtr = std::unique_ptr<std::remove_pointer_t<plist_t>, PlistDeleter>;
-
-struct Descriptor {
-    explicit Descriptor(int f) : fd(f) {}
-    ~Descriptor() {
-        if (fd >= 0)
-            close(fd);
-    }
-    Descriptor(Descriptor const&) = delete;
-    Descriptor& operator=(Descriptor const&) = delete;
-    int const fd;
-};
-
-// Reads a regular file of at most kMaxInfoPlistBytes. The file is opened without following
-// a link and without waiting (a FIFO would otherwise hold the installer, as root, for as
-// long as its writer likes), and read only once it is known to be a regular file.
-bool ReadSmallFile(std::string const& path, std::string& bytes) {
-    Descriptor const file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    struct stat st;
-    if (file.fd < 0 || fstat(file.fd, &st) != 0 || !S_ISREG(st.st_mode) ||
-        static_cast<uint64_t>(st.st_size) > kMaxInfoPlistBytes)
-        return false;
-    char chunk[4096];
-    for (;;) {
-        ssize_t const got = read(file.fd, chunk, sizeof chunk);
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got < 0)
-            return false;
-        if (got == 0)
-            return true;
-        // The file may have grown since fstat.
-        if (bytes.size() + static_cast<size_t>(got) > kMaxInfoPlistBytes)
-            return false;
-        bytes.append(chunk, static_cast<size_t>(got));
-    }
-}
 
 bool IsDigit(unsigned char c) {
     return c >= '0' && c <= '9';
@@ -100,7 +62,10 @@ bool LVADHelperReadBundleVersion(char const* bundlePath, char* version) {
     if (!bundlePath || !*bundlePath)
         return false;
     std::string bytes;
-    if (!ReadSmallFile(std::string(bundlePath) + kInfoPlistInBundle, bytes))
+    // Opened without following a link and without waiting on a FIFO: the offering user
+    // controls this file, and the installer reads it as root.
+    if (!_LReadWholeFile((std::string(bundlePath) + kInfoPlistInBundle).c_str(), bytes,
+                         kMaxInfoPlistBytes, false))
         return false;
     return LVADHelperVersionFromInfoPlist(bytes, version);
 }

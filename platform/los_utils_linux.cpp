@@ -12,23 +12,13 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <string>
 
 #include "platform/los_utils.h"
+#include "platform/lsmall_file.h"
 
 namespace {
-
-bool ReadWholeFile(char const* path, std::string& content) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        return false;
-    }
-    content.assign(std::istreambuf_iterator<char>(in), {});
-    return true;
-}
 
 struct DirCloser {
     void operator()(DIR* dir) const { closedir(dir); }
@@ -44,7 +34,7 @@ bool _LIsAdministratorGroupName(char const* name) {
 bool _LReadSystemVersionText(char* out) {
     std::string content;
     for (char const* path : {"/etc/os-release", "/usr/lib/os-release"}) {
-        if (ReadWholeFile(path, content)) {
+        if (_LReadWholeFile(path, content)) {
             if (_LOSReleaseValue(content, "VERSION_ID", out) && out[0] != 0) {
                 return true;
             }

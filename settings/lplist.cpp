@@ -6,11 +6,10 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
+#include "platform/lsmall_file.h"
 #include "settings/lcfstring.h"
 
 namespace {
@@ -203,11 +202,10 @@ bool LCFDictionary::CreateFromFullPath(const char* path) {
     if (!_LFileURLToPath(url, filePath)) {
         return false;
     }
-    std::ifstream in(filePath.GetText(), std::ios::binary);
-    if (!in) {
+    std::string data;
+    if (!_LReadWholeFile(filePath.GetText(), data)) {
         return false;
     }
-    const std::string data((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     m_ref = _LPlistParse(data.data(), data.size());
     return m_ref != nullptr;
 }
@@ -259,11 +257,9 @@ bool LPlist::WriteToFile(const char* path) const {
     if (xml == nullptr) {
         return false;
     }
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(xml, length);
-    out.close();
+    const bool written = _LWriteWholeFile(path, xml, length);
     plist_to_xml_free(xml);
-    return static_cast<bool>(out);
+    return written;
 }
 
 bool LPlist::TestKeyExists(const char* key) const {
