@@ -122,8 +122,9 @@ long RssKiB(pid_t pid) {
     return -1;
 }
 
-// Asks for the endpoint and waits for the answer: true once a reply dictionary came.
-bool FirstReply() {
+// Asks for the endpoint `requests` times on one connection, each time waiting for the
+// answer: true once every reply was a dictionary.
+bool AskForTheEndpoint(int requests) {
     lxpc::xpc_connection_t connection =
         lxpc::xpc_connection_create_mach_service(kServiceName, nullptr, 0);
     if (!connection)
@@ -132,11 +133,14 @@ bool FirstReply() {
     lxpc::xpc_connection_resume(connection);
     lxpc::xpc_object_t message = lxpc::xpc_dictionary_create(nullptr, nullptr, 0);
     lxpc::xpc_dictionary_set_bool(message, "REQUEST_ENDPOINT", true);
-    lxpc::xpc_object_t reply =
-        lxpc::xpc_connection_send_message_with_reply_sync(connection, message);
-    bool answered = reply && lxpc::xpc_get_type(reply) == lxpc::XPC_TYPE_DICTIONARY;
-    if (reply)
-        lxpc::xpc_release(reply);
+    bool answered = true;
+    for (int i = 0; i < requests && answered; ++i) {
+        lxpc::xpc_object_t reply =
+            lxpc::xpc_connection_send_message_with_reply_sync(connection, message);
+        answered = reply && lxpc::xpc_get_type(reply) == lxpc::XPC_TYPE_DICTIONARY;
+        if (reply)
+            lxpc::xpc_release(reply);
+    }
     lxpc::xpc_release(message);
     lxpc::xpc_connection_cancel(connection);
     lxpc::xpc_release(connection);
@@ -168,7 +172,7 @@ void BM_ServiceColdStart(benchmark::State& state) {
         }
         auto start = Clock::now();
         pid_t pid = Start(exe.string(), {}, {"LXPC_SERVICE_DIR=" + dir, "LISTEN_FDS=1"}, listenFd);
-        bool answered = pid > 0 && FirstReply();
+        bool answered = pid > 0 && AskForTheEndpoint(1);
         double const elapsed = std::chrono::duration<double>(Clock::now() - start).count();
         state.SetIterationTime(elapsed);
         best = std::min(best, elapsed);
@@ -195,6 +199,52 @@ void BM_ServiceColdStart(benchmark::State& state) {
     state.counters["best_ms"] = best * 1e3;
 }
 BENCHMARK(BM_ServiceColdStart)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+// The resident memory of the service at rest: once idle after its first reply, and again
+// 7 s after 200 clients (at most 100 at a time, under the per-user cap) each made 1000
+// round trips. Target: rested_rss within 2x idle_rss.
+void BM_ServiceRestingRssAfterLoad(benchmark::State& state) {
+    fs::path const exe = ServiceExecutable();
+    char tmpl[] = "/tmp/helper_bench.XXXXXX";
+    if (!fs::exists(exe) || !mkdtemp(tmpl)) {
+        state.SkipWithError("build the service first");
+        return;
+    }
+    std::string const dir = tmpl;
+    std::string const socketPath = dir + "/" + kServiceName + ".sock";
+    setenv("LXPC_SERVICE_DIR", dir.c_str(), 1);
+    long idle = -1, rested = -1;
+    for (auto _ : state) {
+        int const listenFd = Listen(socketPath);
+        pid_t const pid =
+            Start(exe.string(), {}, {"LXPC_SERVICE_DIR=" + dir, "LISTEN_FDS=1"}, listenFd);
+        close(listenFd);
+        if (pid <= 0 || !AskForTheEndpoint(1)) {
+            state.SkipWithError("the service never answered");
+            break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        idle = RssKiB(pid);
+        for (int wave = 0; wave < 2; ++wave) {
+            std::vector<std::thread> clients;
+            for (int c = 0; c < 100; ++c)
+                clients.emplace_back([] { AskForTheEndpoint(1000); });
+            for (auto& t : clients)
+                t.join();
+        }
+        // Idle workers of the service leave after 5 s of rest.
+        std::this_thread::sleep_for(std::chrono::seconds(7));
+        rested = RssKiB(pid);
+        kill(pid, SIGTERM);
+        waitpid(pid, nullptr, 0);
+        unlink(socketPath.c_str());
+    }
+    unsetenv("LXPC_SERVICE_DIR");
+    fs::remove_all(dir);
+    state.counters["idle_rss_KiB"] = static_cast<double>(idle);
+    state.counters["rested_rss_KiB"] = static_cast<double>(rested);
+}
+BENCHMARK(BM_ServiceRestingRssAfterLoad)->Iterations(1)->Unit(benchmark::kSecond);
 
 void BM_PeerSpawnTrue(benchmark::State& state) {
     double best = 1e9;

@@ -6,6 +6,7 @@
 // wait for another: when no worker is idle a new one is started, so a handler that blocks
 // (a synchronous request inside a handler) cannot starve other connections. Idle workers
 // leave after a few seconds.
+#include <malloc.h>
 #include <pthread.h>
 
 #include <chrono>
@@ -31,6 +32,7 @@ public:
                        [] {
                            Pool& p = ThePoolLocked();
                            p.idle_ = 0;
+                           p.workers_ = 0;
                            p.ready_.clear();
                            p.mutex_.unlock();
                        });
@@ -40,6 +42,7 @@ public:
         std::unique_lock lock(mutex_);
         ready_.push_back(queue);
         if (ready_.size() > idle_) {
+            ++workers_;
             lock.unlock();
             std::thread([this] { Work(); }).detach();
             return;
@@ -57,6 +60,14 @@ private:
                                                       [this] { return !ready_.empty(); });
                 --idle_;
                 if (!woken) {
+                    // The last worker to go hands the free memory of a burst back: every
+                    // thread of the burst allocated from its own arena, and those arenas
+                    // keep their freed pages resident until trimmed.
+                    const bool last = --workers_ == 0;
+                    lock.unlock();
+                    if (last) {
+                        malloc_trim(0);
+                    }
                     return;
                 }
             }
@@ -73,6 +84,7 @@ private:
     std::condition_variable ready_cv_;
     std::deque<xpc_queue_t> ready_;
     size_t idle_ = 0;
+    size_t workers_ = 0;
 };
 
 Pool* g_pool = nullptr;
