@@ -364,8 +364,7 @@ TEST(MountTable, FoundWhereRootIsNotAMountPoint) {
     tree.MakeFolder("proc");
     tree.MakeFolder("sub/deeper");
     pid_t child = ltest::ForkChild([&] {
-        if (unshare(CLONE_NEWNS) != 0 ||
-            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        if (!ltest::UnshareMountsPrivately() ||
             mount("proc", tree.Path("proc").c_str(), "proc", 0, nullptr) != 0 ||
             chroot(tree.root().c_str()) != 0 || chdir("/") != 0) {
             return 2;

@@ -22,6 +22,7 @@
 #include "file/lfile_folder.h"
 #include "file/lfile_platform.h"
 #include "temp_tree.h"
+#include "tests/thread/child_process.h"
 
 namespace {
 
@@ -346,8 +347,7 @@ std::string InPrivateMounts(Body body) {
     pid_t child = fork();
     if (child == 0) {
         close(out[0]);
-        if (unshare(CLONE_NEWNS) != 0 ||
-            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+        if (!ltest::UnshareMountsPrivately()) {
             _exit(0);
         }
         std::string text = body();

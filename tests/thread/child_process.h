@@ -2,6 +2,9 @@
 // result, so a failed check inside the child shows up as the parent's exit-code check.
 #pragma once
 
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -24,6 +27,29 @@ inline int WaitChild(pid_t pid) {
         return -1;
     }
     return WEXITSTATUS(status);
+}
+
+// For a child: a mount namespace of its own in which every mount is private, so that nothing
+// mounted in it reaches the machine's namespace; false when none can be made (mount nothing
+// then). In a chroot "/" is not a mount point and cannot be made private as such: the child
+// steps to the namespace's own root (setns into the namespace it is in), makes every mount
+// private there and enters the chroot again. A bind of "/" onto itself would not do: made on
+// a shared mount, it would appear in the machine's namespace.
+inline bool UnshareMountsPrivately() {
+    if (unshare(CLONE_NEWNS) != 0) {
+        return false;
+    }
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0) {
+        return true;
+    }
+    int const chrootRoot = open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    int const self = open("/proc/self/ns/mnt", O_RDONLY | O_CLOEXEC);
+    bool const made = chrootRoot >= 0 && self >= 0 && setns(self, CLONE_NEWNS) == 0 &&
+                      mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                      fchdir(chrootRoot) == 0 && chroot(".") == 0;
+    close(chrootRoot);
+    close(self);
+    return made;
 }
 
 }  // namespace ltest
