@@ -112,14 +112,6 @@ TEST(IconvFamily, StringFormsAndTheirNames) {
     }
 }
 
-TEST(IconvFamily, StringFormsAreSizedByInputLength) {
-    LStringLongTemplate<char> out;
-    // "From" forms get 6 x length + 1: every UTF-8 growth fits.
-    const std::string high(50, '\xE9');
-    LCopyFromISO88591(out, high.c_str());
-    EXPECT_EQ(out.GetLength(), 100u);
-}
-
 TEST(IconvFamily, CutsAndInvalidInputEndTheText) {
     char out[8];
     std::memset(out, 'x', sizeof out);
@@ -146,18 +138,6 @@ TEST(IconvFamily, UnsizedLatinOneForms) {
     std::memset(out, 0, sizeof out);
     LCopyFromISO88591(out, "a\xE9\xE9");
     EXPECT_STREQ(out, "a\xC3\xA9");
-}
-
-TEST(IconvFamily, FixedLengthTemplate) {
-    char out[32];
-    LCopyIconvFixedLength<char, char>(out, "\xC3\xA9t\xC3\xA9", sizeof out, "ISO-8859-1", "UTF-8");
-    EXPECT_STREQ(out, "\xE9t\xE9");
-    out[0] = 'x';
-    LCopyIconvFixedLength<char, char>(out, "abc", sizeof out, "NO-SUCH-CODE", "UTF-8");
-    EXPECT_STREQ(out, "");
-    char16_t wide[8];
-    LCopyIconvFixedLength<char16_t, char>(wide, "h\xC3\xA9", 8, "UTF-16LE", "UTF-8");
-    EXPECT_EQ(std::u16string(wide), u"h\u00E9");
 }
 
 TEST(CodePages, ByNumber) {
@@ -221,10 +201,6 @@ TEST(CodePages, TableNamesAreKnownToIconv) {
     }
     EXPECT_EQ(_LCodePageEncodingName(1200), nullptr);  // UTF-16 is not a byte text
 }
-
-}  // namespace
-
-namespace {
 
 // "To" forms whose encoding can be longer than the UTF-8 text: the string holds the whole
 // converted text, terminated, whether the text overflows the first room, fills it exactly,
