@@ -31,19 +31,6 @@ std::u16string Utf16Of(const std::u32string& text) {
     return AsUnits<char16_t>(IconvRun("UTF-16LE", "UTF-32LE", text.data(), text.size() * 4).bytes);
 }
 
-// Faults are written as one text, separated by blanks, which none of them holds.
-std::vector<std::string> SplitAtBlanks(const std::string& text) {
-    std::vector<std::string> words(1);
-    for (char c : text) {
-        if (c == ' ') {
-            words.emplace_back();
-        } else {
-            words.back() += c;
-        }
-    }
-    return words;
-}
-
 // Random code points (never 0, never surrogates) with the encoding-length boundaries often.
 class TextGenerator {
 public:
@@ -81,14 +68,30 @@ public:
     // A well-formed text with one or more faults put in: stray continuation bytes, cut
     // sequences, overlong forms, encoded surrogates, values above U+10FFFF, bytes F5 to FF.
     std::string IllFormed(size_t maxLength) {
-        static const std::vector<std::string> kFaults = SplitAtBlanks(
-            "\x80 \xBF \xC0\x80 \xC1\xBF \xC2 \xE0\x80\x80 \xE0\x9F\xBF \xED\xA0\x80 \xED\xBF\xBF "
-            "\xE1\x80 \xF0\x80\x80\x80 \xF0\x8F\xBF\xBF \xF4\x90\x80\x80 \xF5\x80\x80\x80 "
-            "\xF8\x88\x80\x80\x80 \xFE \xFF \xF1\x80\x80 \xE2\x82 \xC3\x28");
+        static const char* const kFaults[] = {"\x80",
+                                              "\xBF",
+                                              "\xC0\x80",
+                                              "\xC1\xBF",
+                                              "\xC2",
+                                              "\xE0\x80\x80",
+                                              "\xE0\x9F\xBF",
+                                              "\xED\xA0\x80",
+                                              "\xED\xBF\xBF",
+                                              "\xE1\x80",
+                                              "\xF0\x80\x80\x80",
+                                              "\xF0\x8F\xBF\xBF",
+                                              "\xF4\x90\x80\x80",
+                                              "\xF5\x80\x80\x80",
+                                              "\xF8\x88\x80\x80\x80",
+                                              "\xFE",
+                                              "\xFF",
+                                              "\xF1\x80\x80",
+                                              "\xE2\x82",
+                                              "\xC3\x28"};
         std::string text = Utf8Of(Valid(maxLength));
         for (size_t faults = 1 + Pick(3); faults > 0; --faults) {
             const std::string fault = Pick(4) == 0 ? std::string(1, char(0x80 + Pick(0x80)))
-                                                   : kFaults[Pick(kFaults.size())];
+                                                   : kFaults[Pick(std::size(kFaults))];
             text.insert(Pick(text.size() + 1), fault);
         }
         return text;
