@@ -180,7 +180,6 @@ TEST(CodePages, ByNumber) {
         EXPECT_EQ(LCopyToSpecificCodePage(c.cp, out, c.in, c.size), c.ok);
         EXPECT_EQ(std::string(out), c.out);
     }
-
     LStringLongTemplate<char> s;
     EXPECT_TRUE(LCopyFromSpecificCodePage(1253, s, "\xE1\xE2"));
     EXPECT_STREQ(s.GetText(), "\u03B1\u03B2");

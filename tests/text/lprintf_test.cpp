@@ -160,7 +160,6 @@ TEST(TplPrintfTruncation, ShortStringHolds259Characters) {
     const std::string longText(300, 'q');
     LStringShortTemplate<char> copied(longText.c_str());
     EXPECT_EQ(copied.GetLength(), 259u);
-
     LStringShortTemplate<char> formatted(LStringPrintFormatTemplate<char>("%s-%d"),
                                          longText.c_str(), 5);
     EXPECT_EQ(std::string(formatted.GetText()), std::string(259, 'q'));

@@ -14,7 +14,6 @@ TEST(LStringLong, CopyAllocatesExactlyLengthPlusOneAndNullStaysNull) {
     EXPECT_STREQ(copy.GetText(), "hello");
     EXPECT_EQ(copy.GetLength(), 5u);
     EXPECT_EQ(copy.GetCapacity(), 6u);
-
     LStringLongTemplate<char> empty;
     LStringLongTemplate<char> emptyCopy(empty);
     EXPECT_EQ(emptyCopy.GetData(), nullptr);
@@ -27,7 +26,6 @@ TEST(LStringLong, WritersGrowToFourTimesCapacityWhenLengthReachesIt) {
     EXPECT_EQ(s.GetCapacity(), 260u);  // 259 characters and the terminator fit
     sprintf(s, "%s", std::string(260, 'a').c_str());
     EXPECT_EQ(s.GetCapacity(), 1040u);
-
     // tplstrcpy on a string of capacity 4 walks 4 -> 16 -> 64.
     LStringLongTemplate<char> small("abc");
     ASSERT_EQ(small.GetCapacity(), 4u);
@@ -57,7 +55,6 @@ TEST(LStringLong, MoveLeavesSourceNullAndAssignmentReusesBuffer) {
     EXPECT_EQ(s.GetData(), nullptr);  // NOLINT: moved-from state is specified
     EXPECT_EQ(s.GetCapacity(), 0u);
     EXPECT_STREQ(moved.GetText(), "text");
-
     LStringLongTemplate<char> big;
     big.GrowToSize(100);
     const char* buffer = big.GetData();
@@ -66,7 +63,6 @@ TEST(LStringLong, MoveLeavesSourceNullAndAssignmentReusesBuffer) {
     EXPECT_EQ(big, "text");
     big = LStringLongTemplate<char>();  // moving a null string in frees the buffer
     EXPECT_EQ(big.GetData(), nullptr);
-
     LStringLongTemplate<char> self("abcdef");
     self.Assign(self.GetText() + 2);  // source inside the string
     EXPECT_STREQ(self.GetText(), "cdef");
@@ -88,7 +84,6 @@ TEST(LStringLong, AccessorsComparisonAndBufferHandOff) {
     EXPECT_EQ(s.GetLength(), 2u);
     s.SetLength(1);
     EXPECT_EQ(s, "x");
-
     LStringLongTemplate<char> owner("keep");
     const unsigned long capacity = owner.GetCapacity();
     char* raw = owner.Detach();
