@@ -36,7 +36,6 @@ protected:
     static LSecurityScopedURLRef Url(const std::string& path) {
         return std::make_shared<LSecurityScopedURL>(path.c_str());
     }
-
     ltest::TempTree root_;
     ltest::EnvOverride config_{"XDG_CONFIG_HOME", root_.MakeFolder("config")};
     std::string home_ = root_.Path("home");
@@ -81,7 +80,6 @@ TEST_F(SandboxBookmarks, BookmarksComeBackInANewProcessAndVanishedTargetsAreForg
     EXPECT_EQ(LSandboxBookmarkManager::AddFilePath(folder.c_str(), Url(folder), true, false, "kd"),
               1);
     LSandboxBookmarkManager::Destroy();
-
     auto inChild = [](auto body) {
         pid_t pid = fork();
         if (pid == 0) {
@@ -106,7 +104,6 @@ TEST_F(SandboxBookmarks, BookmarksComeBackInANewProcessAndVanishedTargetsAreForg
                   return failures;
               }),
               0);
-
     fs::remove(file);
     EXPECT_EQ(inChild([&](LSandboxBookmarkManager& manager) {
                   int failures = manager.InstanceGetKeys() != std::vector<std::string>{"kd"};
@@ -126,7 +123,6 @@ TEST_F(SandboxBookmarks, ItemsAreCountedAndParentsMatchIgnoringSeparators) {
     EXPECT_EQ(manager.InstanceAddFilePath(docs.c_str(), Url(docs), true, false, "kh"), 1);
     EXPECT_EQ(manager.InstanceGetBookmark(docs.c_str()), nullptr);
     EXPECT_TRUE(manager.InstanceGetKeys().empty());
-
     std::string folder = outside_ + "/folder";
     ASSERT_EQ(manager.InstanceAddFilePath(folder.c_str(), Url(folder), false, true, nullptr), 1);
     LSandboxBookmarkItem* item = manager.InstanceGetBookmark(folder.c_str());
@@ -136,13 +132,11 @@ TEST_F(SandboxBookmarks, ItemsAreCountedAndParentsMatchIgnoringSeparators) {
     EXPECT_EQ(item->pNext, nullptr);
     EXPECT_EQ(manager.InstanceGetParentBookmark((folder + "er/x").c_str()), item);
     EXPECT_EQ(manager.InstanceGetParentBookmark((outside_ + "/fold").c_str()), nullptr);
-
     EXPECT_TRUE(manager.InstanceAddFilePathToSettings(folder.c_str(), true, "late"));
     EXPECT_EQ(manager.InstanceGetKeys(), std::vector<std::string>{"late"});
     manager.InstanceStopAccessingSecurityScopedResource(folder.c_str());
     EXPECT_FALSE(manager.InstanceIsAccessStarted(folder.c_str()));
     EXPECT_TRUE(manager.InstanceStartAccessingSecurityScopedResource(folder.c_str()));
-
     manager.InstanceRetain(folder.c_str());
     manager.InstanceRetain(folder.c_str());
     manager.InstanceRelease(folder.c_str());

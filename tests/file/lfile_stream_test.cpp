@@ -131,7 +131,6 @@ TEST(LengthPrefixed, ShortLongAndOverLongStrings) {
     EXPECT_EQ(static_cast<unsigned char>(bytes[1]), 254);
     EXPECT_EQ(bytes.substr(256, 5), std::string("\xFF\xFF\x00\x00\x00", 5));
     EXPECT_EQ(bytes.substr(516, 5), std::string("\xFF\x2C\x01\x00\x00", 5));
-
     OpenFile f(bytes);
     LReadFileRef in(f.fd());
     char buffer[kLPathSize];
@@ -143,7 +142,6 @@ TEST(LengthPrefixed, ShortLongAndOverLongStrings) {
     EXPECT_STREQ(buffer, "end");
     in.ReadStringLenUTF8(buffer);
     EXPECT_STREQ(buffer, "");
-
     OpenFile cut(
         std::string("\xFF\x10\x00\x00\x00"
                     "abc",
@@ -241,7 +239,6 @@ TEST(TextSavers, ReplaceAppendMarkAndTag) {
     EXPECT_STREQ(tag, "utf-8;134217984");
     // The tag is attempted, and reported, even when the file cannot be written.
     EXPECT_EQ(LSaveText(tree.Path("no/such/folder").c_str(), "x"), -1);
-
     std::string wide = tree.Path("w.txt");
     LSaveTextAsUnicodeBOM(wide.c_str(), LStringLongTemplate<char>("h\xC3\xA9"));
     EXPECT_EQ(Slurp(wide), std::string("\xFF\xFEh\0\xE9\0", 6));
@@ -259,7 +256,6 @@ protected:
         _gLFilePause = [](unsigned int ms) { pauses_.push_back(ms); };
     }
     void TearDown() override { _gLFilePause = saved_; }
-
     static inline std::vector<unsigned int> pauses_;
     void (*saved_)(unsigned int) = _gLFilePause;
 };

@@ -62,7 +62,6 @@ TEST(RecentFiles, WalkNewestFirstWithLimitsAndFilters) {
     ASSERT_TRUE(
         g_bookmark_file_to_file(bookmarks, tree.Path("data/recently-used.xbel").c_str(), nullptr));
     g_bookmark_file_free(bookmarks);
-
     const std::string docs = tree.Path("docs");
     using List = std::vector<std::string>;
     const struct {
@@ -92,7 +91,6 @@ TEST(RecentFiles, WalkNewestFirstWithLimitsAndFilters) {
     set.SetEndTime(now - 100);
     GetUserRecentFiles(set);
     EXPECT_EQ(Names(set, docs), (List{"mid.txt"}));
-
     data.Set(tree.Path("nowhere").c_str());
     LFileGetUserRecentFilesData none;
     GetUserRecentFiles(none);

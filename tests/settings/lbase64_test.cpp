@@ -92,7 +92,6 @@ TEST(LBase64, FixedBufferFormCutsAt259CharactersAndNullDataWritesNothing) {
     LBase64Encode(data.data(), data.size(), out, kLBase64NoLineBreaks);
     EXPECT_EQ(std::strlen(out), 259u);
     EXPECT_EQ(std::string(out), OpenSSLEncode(data).substr(0, 259));
-
     LBase64Encode(data.data(), 57, out, 0);
     EXPECT_EQ(std::string(out), Encode({data.begin(), data.begin() + 57}, 0));
     LBase64Encode(nullptr, 10, out, 0);

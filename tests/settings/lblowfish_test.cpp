@@ -79,7 +79,6 @@ TEST(LBlowFish, BlocksMatchOpenSSLWithLittleEndianWords) {
         for (int box = 0; box < 4; ++box) {
             ASSERT_EQ(std::memcmp(ours.GetS(box), theirs.S + 256 * box, 256 * 4), 0);
         }
-
         // Blocks under that key, through both the byte and the word interfaces.
         std::vector<unsigned char> data(8 * (1 + rng() % 8));
         for (auto& b : data) {
@@ -91,7 +90,6 @@ TEST(LBlowFish, BlocksMatchOpenSSLWithLittleEndianWords) {
         ASSERT_EQ(enc, expected);
         ours.Decode(enc.data(), enc.size());
         ASSERT_EQ(enc, data);
-
         unsigned l = LoadLE(&data[0]);
         unsigned r = LoadLE(&data[4]);
         ours.Blowfish_encipher(l, r);
@@ -142,10 +140,8 @@ TEST(LSettingEncrypt, ThreeCharactersGiveOneBlockAsTwelveCharactersAndNothingGiv
     ASSERT_EQ(bytes.size(), 8u);
     const auto plain = OpenSSLEncodeLE(OpenSSLKey(kLSettingKey), bytes, true);
     EXPECT_EQ(plain, (std::vector<unsigned char>{'a', 'b', 'c', 0, 0, 0, 0, 0}));
-
     LSettingDecrypt(out);
     EXPECT_STREQ(out.GetText(), "abc");
-
     out = "stale";
     LSettingEncrypt(out, nullptr);
     EXPECT_STREQ(out.GetText(), "");
@@ -167,7 +163,6 @@ TEST(LSettingEncrypt, FiftySevenToSixtyThreeCharactersBreakAfterOneLine) {
         ASSERT_EQ(enc.size(), 76u + 2u + 12u) << n;
         EXPECT_EQ(enc.substr(76, 2), "\r\n");
         EXPECT_EQ(enc.find('\r', 78), std::string::npos);
-
         std::vector<char> buffer(enc.begin(), enc.end());
         buffer.push_back(0);
         LSettingDecrypt(buffer.data());
@@ -223,7 +218,6 @@ TEST(LBlowFishString, FixedBufferFormsCutTheirInputAndOutput) {
     LStringLongTemplate<char> full;
     bf.StringEncodeBase64(full, longText.substr(0, 263).c_str());
     EXPECT_EQ(std::string(full.GetText()).substr(0, 259), std::string(enc));
-
     bf.StringEncodeBase64(full, longText.c_str());
     char dec[260];
     bf.StringDecodeBase64(dec, full.GetText());
@@ -244,7 +238,6 @@ TEST(LBlowFishString, DecipheringUsesTheSettingKey) {
         char buffer[260];
         bf.StringDecodeBase64(buffer, setting.GetText());
         EXPECT_STREQ(buffer, "secret value");
-
         LStringLongTemplate<char> own;
         bf.StringEncodeBase64(own, "secret value");
         bf.StringDecodeBase64(dec, own.GetText());

@@ -227,15 +227,12 @@ TEST(LHashTable, CopiesMergesAndIteratorWrites) {
     EXPECT_EQ(Contents(copy), Contents(src));
     copy.SetString("a", "changed");
     EXPECT_STREQ(src.GetParm("a", nullptr), "1");
-
     LHashTable assigned = Table({{"zzz", "gone"}});
     assigned = src;
     EXPECT_EQ(Contents(assigned), Contents(src));
-
     LHashTable dest = Table({{"a", "old"}, {"c", "3"}});
     LHashTableCopy(dest, src);
     EXPECT_EQ(Contents(dest), (Pairs{{"a", "1"}, {"b", "2"}, {"c", "3"}}));
-
     // Copying a table with duplicate keys enters each through SetString: one node per key,
     // holding the value that comes last in order (the one loaded last).
     LHashTable dup;

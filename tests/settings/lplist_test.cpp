@@ -47,14 +47,12 @@ TEST(Plist, EveryConversionThroughTheToolAndBack) {
     plist_array_append_item(array, plist_new_string("a"));
     plist_array_append_item(array, plist_new_string("b"));
     Set(plist, "list", array);
-
     const std::string xml = tree.Path("ours.plist"), bin = tree.Path("tool.bin");
     ASSERT_TRUE(plist.WriteToFile(xml.c_str()));
     ASSERT_TRUE(Convert(xml, bin, "bin"));
     LPlist loaded;
     ASSERT_TRUE(loaded.CreateFromFile(bin.c_str()));
     EXPECT_EQ(loaded.GetSize(), 8u);
-
     const void* v = nullptr;
     bool flag = false;
     ASSERT_TRUE(loaded.GetValue("flag", v));
@@ -77,7 +75,6 @@ TEST(Plist, EveryConversionThroughTheToolAndBack) {
     EXPECT_TRUE(loaded.GetValueArraySize("list", count));
     EXPECT_EQ(count, 2u);
     EXPECT_FALSE(loaded.GetValueArraySize("name", count));
-
     // The number reads compare the type identifier with the number-type codes: an integer
     // or a float never reads back, and only the kind whose identifier happens to be 9 does.
     int number = 5;
@@ -92,14 +89,12 @@ TEST(Plist, EveryConversionThroughTheToolAndBack) {
     EXPECT_TRUE(LPlist::ConvertFromValue(uid, number));
     EXPECT_EQ(number, 42);
     v = uid;
-
     // Wrong kinds fail, and a failed text read empties the output.
     EXPECT_FALSE(LPlist::ConvertFromValue(v, flag));
     EXPECT_FALSE(LPlist::ConvertFromValue(v, text));
     EXPECT_STREQ(text.GetText(), "");
     EXPECT_FALSE(LPlist::ConvertFromValue(v, child));
     plist_free(uid);
-
     // The tool's own XML of our binary reads the same as our XML.
     const std::string back = tree.Path("tool.xml");
     ASSERT_TRUE(Convert(bin, back, "xml"));
@@ -127,7 +122,6 @@ TEST(Plist, LoadingPathsAndFailures) {
     EXPECT_FALSE(dictionary.CreateFromFullPath(blank.c_str()));
     EXPECT_EQ(dictionary.GetRef(), nullptr);
     EXPECT_FALSE(dictionary.CreateFromFullPath(percent.c_str()));
-
     // A non-dictionary is loaded as it is; a binary file converted by the tool reads too.
     const std::string array =
         tree.MakeFile("array.plist", "<plist version=\"1.0\"><array><true/></array></plist>");
@@ -135,7 +129,6 @@ TEST(Plist, LoadingPathsAndFailures) {
     ASSERT_TRUE(Convert(array, bin, "bin"));
     ASSERT_TRUE(dictionary.CreateFromFullPath(bin.c_str()));
     EXPECT_EQ(plist_get_node_type(dictionary.GetRef()), PLIST_ARRAY);
-
     LPlist plist;
     ASSERT_TRUE(plist.CreateFromFile(plain.c_str()));
     EXPECT_FALSE(plist.CreateFromFile(tree.Path("missing.plist").c_str()));
@@ -145,7 +138,6 @@ TEST(Plist, LoadingPathsAndFailures) {
     const void* bad = nullptr;
     EXPECT_FALSE(LPlist::ConvertToValue("\xC3(", bad));
     EXPECT_FALSE(LPlist::ConvertToValue("\xED\xA0\x80", bad));
-
     plist.RemoveValue("k");
     EXPECT_EQ(plist.GetSize(), 1u);
     plist.RemoveAllValues();
