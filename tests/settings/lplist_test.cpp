@@ -25,6 +25,12 @@ void SetAs(LPlist& plist, const char* key, T value) {
     Set(plist, key, made);
 }
 
+template <typename T>
+bool Read(LPlist& plist, const char* key, T& out) {
+    const void* v = nullptr;
+    return plist.GetValue(key, v) && LPlist::ConvertFromValue(v, out);
+}
+
 bool Convert(const std::string& from, const std::string& to, const char* format) {
     const std::string command =
         "plistutil -i '" + from + "' -o '" + to + "' -f " + format + " >/dev/null 2>&1";
@@ -53,23 +59,17 @@ TEST(Plist, EveryConversionThroughTheToolAndBack) {
     LPlist loaded;
     ASSERT_TRUE(loaded.CreateFromFile(bin.c_str()));
     EXPECT_EQ(loaded.GetSize(), 8u);
-    const void* v = nullptr;
     bool flag = false;
-    ASSERT_TRUE(loaded.GetValue("flag", v));
-    EXPECT_TRUE(LPlist::ConvertFromValue(v, flag) && flag);
+    EXPECT_TRUE(Read(loaded, "flag", flag) && flag);
     LStringLongTemplate<char> text;
-    ASSERT_TRUE(loaded.GetValue("name", v));
-    EXPECT_TRUE(LPlist::ConvertFromValue(v, text));
+    EXPECT_TRUE(Read(loaded, "name", text));
     EXPECT_STREQ(text.GetText(), "caf\xC3\xA9 & <tag>");
     char whole[64];
-    ASSERT_TRUE(loaded.GetValue("null", v));
-    EXPECT_TRUE(LPlist::ConvertFromValue(v, whole));
+    EXPECT_TRUE(Read(loaded, "null", whole));
     EXPECT_STREQ(whole, "");
     LPlist child;
-    ASSERT_TRUE(loaded.GetValue("child", v));
-    ASSERT_TRUE(LPlist::ConvertFromValue(v, child));
-    ASSERT_TRUE(child.GetValue("inner", v));
-    EXPECT_TRUE(LPlist::ConvertFromValue(v, text));
+    ASSERT_TRUE(Read(loaded, "child", child));
+    EXPECT_TRUE(Read(child, "inner", text));
     EXPECT_STREQ(text.GetText(), "deep");
     unsigned long count = 0;
     EXPECT_TRUE(loaded.GetValueArraySize("list", count));
@@ -79,16 +79,14 @@ TEST(Plist, EveryConversionThroughTheToolAndBack) {
     // or a float never reads back, and only the kind whose identifier happens to be 9 does.
     int number = 5;
     float real = 1.5f;
-    ASSERT_TRUE(loaded.GetValue("count", v));
-    EXPECT_FALSE(LPlist::ConvertFromValue(v, number));
-    ASSERT_TRUE(loaded.GetValue("ratio", v));
-    EXPECT_FALSE(LPlist::ConvertFromValue(v, real));
+    EXPECT_FALSE(Read(loaded, "count", number));
+    EXPECT_FALSE(Read(loaded, "ratio", real));
     EXPECT_EQ(number, 5);
     EXPECT_EQ(real, 1.5f);
     plist_t uid = plist_new_uid(42);  // not kept by files: checked in memory
     EXPECT_TRUE(LPlist::ConvertFromValue(uid, number));
     EXPECT_EQ(number, 42);
-    v = uid;
+    const void* v = uid;
     // Wrong kinds fail, and a failed text read empties the output.
     EXPECT_FALSE(LPlist::ConvertFromValue(v, flag));
     EXPECT_FALSE(LPlist::ConvertFromValue(v, text));
