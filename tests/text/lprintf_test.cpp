@@ -25,7 +25,7 @@ std::string Format(const char* format, Args... args) {
 
 // ---- Departures from printf, kept on purpose ----
 
-TEST(TplPrintfDepartures, FlagCharactersEndTheConversion) {
+TEST(TplPrintfDepartures, FlagsPercentsStringsAndUnfinishedConversions) {
     // %-5d formats "%-" with the next argument (nothing comes of it) and writes 5d as text.
     EXPECT_EQ(Format("%-5d|%d", 1LL, 2LL), "5d|2");
     EXPECT_EQ(Format("[%+d]", 3LL), "[d]");
@@ -34,23 +34,24 @@ TEST(TplPrintfDepartures, FlagCharactersEndTheConversion) {
     EXPECT_EQ(Format("%*d|%d", 8LL, 9LL), "d|9");
     // Length modifiers outside ".0-9Llz" end it too: %hd formats "%h" and writes d.
     EXPECT_EQ(Format("%hd|%jd|%d", 1, 2, 3), "d|d|3");
-}
-
-TEST(TplPrintfDepartures, PercentAfterCollectedCharactersWritesOnePercent) {
+    // A percent after collected characters writes one percent and takes no argument.
     EXPECT_EQ(Format("%5%"), "%");
     EXPECT_EQ(Format("%.2l%"), "%");
     // No argument is taken by %5%.
     EXPECT_EQ(Format("%5%%d", 7), "%7");
-}
-
-TEST(TplPrintfDepartures, WidthAndPrecisionIgnoredOnStrings) {
+    // Width and precision are ignored on strings.
     EXPECT_EQ(Format("%10s", "ab"), "ab");
     EXPECT_EQ(Format("%.1s", "abc"), "abc");
     EXPECT_EQ(Format("%-10s|", "ab"), "10s|");  // "-" ended the conversion
     EXPECT_EQ(Format("[%s]", static_cast<const char*>(nullptr)), "[]");
+    // A format ending inside a conversion stops there.
+    EXPECT_EQ(Format("ab%"), "ab");
+    EXPECT_EQ(Format("ab%5l"), "ab");
+    LStringLongTemplate<char> s("x");
+    EXPECT_EQ(sprintf(s, nullptr), 0u);
 }
 
-TEST(TplPrintfDepartures, UpperCaseFloatingLettersTakeIntegerSlots) {
+TEST(TplPrintfDepartures, FloatingLettersAndTheirSlots) {
     // The slot's bits are read as a double: 5 is five times the smallest subnormal.
     EXPECT_EQ(Format("%E|%d", 5LL, 9), "2.470328E-323|9");
     double one = 1.0;
@@ -59,28 +60,16 @@ TEST(TplPrintfDepartures, UpperCaseFloatingLettersTakeIntegerSlots) {
     EXPECT_EQ(Format("%.1E %G", bits, bits), "1.0E+00 1");
     // Lower-case letters take doubles.
     EXPECT_EQ(Format("%e|%g|%.2f", 1.5, 0.25, 3.14159), "1.500000e+00|0.25|3.14");
-}
-
-TEST(TplPrintfDepartures, CapitalLBeforeTheLetterTakesLongDouble) {
+    // A capital L before the letter takes a long double; "ll" is not "L".
     EXPECT_EQ(Format("%Lf %d", 2.25L, 3), "2.250000 3");
     EXPECT_EQ(Format("%.3Lg|%.1f", 1.0L / 3, 0.5), "0.333|0.5");
-    // "ll" is not "L": a double is taken.
     EXPECT_EQ(Format("%.1llf|%d", 1.5, 4), "1.5|4");
 }
 
 TEST(TplPrintfDepartures, ConversionsCollectAtMost257Characters) {
     // 255 zeros, "5", "1" are kept (width 51); 42 more "1"s are read and dropped.
-    std::string format("%");
-    format.append(255, '0').append("51").append(42, '1').append("d|");
-    const std::string out = Format(format.c_str(), 42);
-    EXPECT_EQ(out, std::string(49, '0') + "42|");
-}
-
-TEST(TplPrintfDepartures, FormatEndingInsideAConversionStops) {
-    EXPECT_EQ(Format("ab%"), "ab");
-    EXPECT_EQ(Format("ab%5l"), "ab");
-    LStringLongTemplate<char> s("x");
-    EXPECT_EQ(sprintf(s, nullptr), 0u);
+    const std::string format = std::string("%").append(255, '0') + "51" + std::string(42, '1');
+    EXPECT_EQ(Format((format + "d|").c_str(), 42), std::string(49, '0') + "42|");
 }
 
 // ---- Agreement with printf where the engine does not depart ----
