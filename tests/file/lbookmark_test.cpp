@@ -1,8 +1,5 @@
 #include "file/lbookmark.h"
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <filesystem>
 #include <string>
 
@@ -11,6 +8,7 @@
 #include "file/lfile.h"
 #include "settings/lpreferences.h"
 #include "tests/file/temp_tree.h"
+#include "tests/thread/child_process.h"
 
 namespace {
 
@@ -81,18 +79,14 @@ TEST_F(SandboxBookmarks, BookmarksComeBackInANewProcessAndVanishedTargetsAreForg
               1);
     LSandboxBookmarkManager::Destroy();
     auto inChild = [](auto body) {
-        pid_t pid = fork();
-        if (pid == 0) {
+        return ltest::WaitChild(ltest::ForkChild([&] {
             LPreferencesFlushCache();
             LSandboxBookmarkManager::Create();
             LSandboxBookmarkManager::LoadBookmarksFromFile();
             int result = body(*LSandboxBookmarkManager::GetInstance());
             LSandboxBookmarkManager::Destroy();
-            _exit(result);
-        }
-        int status = 0;
-        waitpid(pid, &status, 0);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+            return result;
+        }));
     };
     EXPECT_EQ(inChild([&](LSandboxBookmarkManager& manager) {
                   int failures = 0;
