@@ -112,13 +112,13 @@ TEST_F(SettingsStore, RecordsKeepPrimaryKeysAndEnumerateInOrder) {
     const LSettingDomain user = kLSettingDomainCurrentUser;
     LSharedSettingsRecord bob("Users/Bob");
     ASSERT_TRUE(bob.SetString("Age", "42"));
+    // A record's own key ("Users/") holds its primary key.
+    auto stored = [&](const char* key) {
+        std::string text;
+        return LPreferencesGetString(user, true, key, text) ? text : "<none>";
+    };
     EXPECT_EQ(Get("Users", ""), "Users");
-    char value[kLSettingTextSize];
-    std::string users, bobKey;
-    EXPECT_TRUE(LPreferencesGetString(user, true, "Users/", users));
-    EXPECT_TRUE(LPreferencesGetString(user, true, "Users/Bob/", bobKey));
-    EXPECT_EQ(users, "Users");
-    EXPECT_EQ(bobKey, "Bob");
+    EXPECT_EQ(stored("Users/Bob/"), "Bob");
     for (const char* name : {"carol", "Alice", "dave"}) {
         LSharedSettingsRecord(("Users/" + std::string(name)).c_str()).SetString("Age", "1");
     }
@@ -149,12 +149,11 @@ TEST_F(SettingsStore, RecordsKeepPrimaryKeysAndEnumerateInOrder) {
     EXPECT_STREQ(newPath, "Users/Ann");
     EXPECT_EQ(Get("Users/Ann/Pets/Rex", "Kind"), "dog");
     EXPECT_EQ(Get("Users/Alice/Pets/Rex", "Kind"), "<none>");
-    std::string annKey;
-    EXPECT_TRUE(LPreferencesGetString(user, true, "Users/Ann/", annKey));
-    EXPECT_EQ(annKey, "Ann");
+    EXPECT_EQ(stored("Users/Ann/"), "Ann");
     EXPECT_FALSE(_LSettingTestKeyExists(user, "Users/Alice/"));
     ASSERT_TRUE(bob.SetPrimaryKey("Robert"));
     EXPECT_STREQ(bob.GetRecordPath(), "Users/Robert");
+    char value[kLSettingTextSize];
     EXPECT_TRUE(bob.GetString("Age", value));
     EXPECT_STREQ(value, "42");
     LSharedSettingsRecord fresh("Users/Nobody");
