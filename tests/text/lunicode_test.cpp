@@ -40,21 +40,16 @@ public:
         static constexpr char32_t kEdges[] = {0x01,   0x7F,    0x80,     0x7FF,    0x800,
                                               0xD7FF, 0xE000,  0xFFFD,   0xFFFF,   0x10000,
                                               0xFEFF, 0xFFFFF, 0x100000, 0x10FFFF, 0xFE0F};
-        switch (Pick(6)) {
-            case 0:
-                return kEdges[Pick(std::size(kEdges))];
-            case 1:
-            case 2:
-                return 1 + Pick(0x7F);
-            case 3:
-                return 0x80 + Pick(0x800 - 0x80);
-            case 4: {
-                char32_t c = 0x800 + Pick(0x10000 - 0x800 - 0x800);
-                return c >= 0xD800 ? c + 0x800 : c;  // skip the surrogate block
-            }
-            default:
-                return 0x10000 + Pick(0x100000);
+        // Else one-byte (twice as often), two-, three- and four-byte forms; the three-byte
+        // range skips the surrogate block.
+        static constexpr char32_t kFirst[] = {0, 1, 1, 0x80, 0x800, 0x10000};
+        static constexpr char32_t kCount[] = {0, 0x7F, 0x7F, 0x800 - 0x80, 0xF000, 0x100000};
+        const size_t kind = Pick(6);
+        if (kind == 0) {
+            return kEdges[Pick(std::size(kEdges))];
         }
+        const char32_t c = kFirst[kind] + Pick(kCount[kind]);
+        return kind == 4 && c >= 0xD800 ? c + 0x800 : c;
     }
     std::u32string Valid(size_t maxLength) {
         std::u32string text;
@@ -231,18 +226,16 @@ TEST(Utf8Copy, CutsNeverSplitACharacter) {
         const char* in;
         unsigned long size, result;
         const char* out;
-    } cases[] = {
-        {"abc", 16, 3, "abc"},
-        {"abc", 4, 3, "abc"},
-        {"abcdef", 4, 3, "ab"},      // the deliberate extra cut after plain ASCII
-        {"ab\u20ACcd", 5, 3, "ab"},  // a character straddling the limit goes whole
-        {"ab\u20ACcd", 4, 3, "ab"},
-        {"ab\u00E9cd", 5, 5, "ab\xC3\xA9"},  // ending exactly at the limit keeps it
-        {"ab\u20ACcd", 6, 6, "ab\xE2\x82\xAC"},
-        {"\xF0\x9F\x98\x80!", 5, 5, "\xF0\x9F\x98\x80"},
-        {"\x80\x80\x80\x80", 3, 0, ""},  // only continuation bytes before the cut
-        {"abc", 1, 0, ""},
-    };
+    } cases[] = {{"abc", 16, 3, "abc"},
+                 {"abc", 4, 3, "abc"},
+                 {"abcdef", 4, 3, "ab"},      // the deliberate extra cut after plain ASCII
+                 {"ab\u20ACcd", 5, 3, "ab"},  // a character straddling the limit goes whole
+                 {"ab\u20ACcd", 4, 3, "ab"},
+                 {"ab\u00E9cd", 5, 5, "ab\xC3\xA9"},  // ending exactly at the limit keeps it
+                 {"ab\u20ACcd", 6, 6, "ab\xE2\x82\xAC"},
+                 {"\xF0\x9F\x98\x80!", 5, 5, "\xF0\x9F\x98\x80"},
+                 {"\x80\x80\x80\x80", 3, 0, ""},  // only continuation bytes before the cut
+                 {"abc", 1, 0, ""}};
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << testing::PrintToString(c.in) << " size " << c.size);
         char out[16];
