@@ -47,15 +47,13 @@ TEST_F(SandboxBookmarks, PathsLeaveTheHomeFolderOnlyThroughLinks) {
         bool out;
         std::string dst;
         bool allowed;
-    } cases[] = {
-        {home_ + "/docs", false, "", true},
-        {home_ + "/docs/missing/deeper", false, "", true},
-        {home_ + "/link/file.txt", true, outside_ + "/file.txt", false},
-        {home_ + "/link/new/name.txt", true, outside_ + "/new/name.txt", false},
-        {home_ + "/inlink/missing", false, "", true},
-        {outside_ + "/file.txt", true, outside_ + "/file.txt", false},
-        {root_.Path("elsewhere/none"), false, "", false},
-    };
+    } cases[] = {{home_ + "/docs", false, "", true},
+                 {home_ + "/docs/missing/deeper", false, "", true},
+                 {home_ + "/link/file.txt", true, outside_ + "/file.txt", false},
+                 {home_ + "/link/new/name.txt", true, outside_ + "/new/name.txt", false},
+                 {home_ + "/inlink/missing", false, "", true},
+                 {outside_ + "/file.txt", true, outside_ + "/file.txt", false},
+                 {root_.Path("elsewhere/none"), false, "", false}};
     for (const Case& c : cases) {
         char dst[kLPathSize] = "junk";
         EXPECT_EQ(LFile::MakeNonSandboxedFilePath(dst, c.path.c_str()), c.out) << c.path;

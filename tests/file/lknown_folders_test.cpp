@@ -43,19 +43,17 @@ TEST(StandardFolders, FallbacksUnderHomeAreCreated) {
     struct Case {
         void (*getter)(char*);
         char const* fallback;
-    } const cases[] = {
-        {LFile::GetUserLibraryFolder, "Library"},
-        {LFile::GetTempFolder, "Library/Caches"},
-        {LFile::GetUserDataFolder, "Library/Application Support"},
-        {LFile::GetSharedDataFolder, "Library/Application Support"},
-        {LFile::GetUserMusicFolder, "Music"},
-        {LFile::GetUserVideoFolder, "Movies"},
-        {LFile::GetUserPicturesFolder, "Pictures"},
-        {LFile::GetUserApplicationsFolder, "Applications"},
-        {LFile::GetUserDocumentsFolder, "Documents"},
-        {LFile::GetUserDesktopFolder, "Desktop"},
-        {LFile::GetUserDownloadFolder, "Downloads"},
-    };
+    } const cases[] = {{LFile::GetUserLibraryFolder, "Library"},
+                       {LFile::GetTempFolder, "Library/Caches"},
+                       {LFile::GetUserDataFolder, "Library/Application Support"},
+                       {LFile::GetSharedDataFolder, "Library/Application Support"},
+                       {LFile::GetUserMusicFolder, "Music"},
+                       {LFile::GetUserVideoFolder, "Movies"},
+                       {LFile::GetUserPicturesFolder, "Pictures"},
+                       {LFile::GetUserApplicationsFolder, "Applications"},
+                       {LFile::GetUserDocumentsFolder, "Documents"},
+                       {LFile::GetUserDesktopFolder, "Desktop"},
+                       {LFile::GetUserDownloadFolder, "Downloads"}};
     for (Case const& c : cases) {
         std::string expected = h.home() + "/" + c.fallback;
         EXPECT_EQ(Get(c.getter), expected);

@@ -85,8 +85,7 @@ TEST_F(DateTimeTest, TextForms) {
         {[](long v, char* t) { LDateTime(v)._GetTextTime(t); }, "14:07:09"},
         {[](long v, char* t) { LDateTime::GetTimeHHCMM(v, t); }, "14:07"},
         {[](long v, char* t) { LDateTime::GetTimeHHHMMHSS(v, t); }, "14-07-09"},
-        {[](long v, char* t) { LDateTime(v).GetDateLocalFormat(t); }, "03/05/21"},
-    };
+        {[](long v, char* t) { LDateTime(v).GetDateLocalFormat(t); }, "03/05/21"}};
     for (const auto& [form, expected] : forms) {
         char text[520] = "stale";
         form(kMarch5, text);

@@ -44,8 +44,7 @@ const Member kMembers[] = {
     {"WIN1256", LCopyFromWIN1256, LCopyToWIN1256, "WINDOWS-1256",
      "\xD8\xB3\xD9\x84\xD8\xA7\xD9\x85"},
     {"ISO88592", LCopyFromISO88592, LCopyToISO88592, "ISO-8859-2", "\xC5\x81\xC3\xB3\xC4\x8F"},
-    {"MacRoman", LCopyFromMacRoman, LCopyToMacRoman, "MACINTOSH", "\xE2\x84\xA2 \xC3\xA9"},
-};
+    {"MacRoman", LCopyFromMacRoman, LCopyToMacRoman, "MACINTOSH", "\xE2\x84\xA2 \xC3\xA9"}};
 
 TEST(IconvFamily, BufferFormsUseTheirEncoding) {
     for (const Member& m : kMembers) {
@@ -95,8 +94,7 @@ TEST(IconvFamily, StringFormsAndTheirNames) {
         {"ISO88592", LCopyFromISO88592, LCopyToISO88592, "ISO-8859-2", "ISO-8859-2",
          "\u0141\u00F3"},
         {"MacRoman", LCopyFromMacRoman, LCopyToMacRoman, "MACINTOSH", "MACINTOSH", "\u2122\u00E9"},
-        {"IBM437", LCopyFromIBM437, LCopyToIBM437, "ISO-8859-1", "ISO-8859-1", kLatin},
-    };
+        {"IBM437", LCopyFromIBM437, LCopyToIBM437, "ISO-8859-1", "ISO-8859-1", kLatin}};
     for (const auto& m : members) {
         SCOPED_TRACE(m.name);
         const std::string input = Iconv(m.reads, "UTF-8", m.sample);
@@ -165,8 +163,7 @@ TEST(CodePages, ByNumber) {
         {50220, "\u65E5", 64, true, "\x1B$BF|\x1B(B"},  // shift state closed at the end
         {1252, "\u041F", 64, false, ""},                // no Cyrillic
         {1252, "abcd", 4, false, ""},                   // terminator does not fit
-        {0, "abc", 64, false, ""},
-    };
+        {0, "abc", 64, false, ""}};
     char out[64];
     for (const Case& c : from) {
         SCOPED_TRACE(testing::Message() << "from " << c.cp << " " << testing::PrintToString(c.in));
