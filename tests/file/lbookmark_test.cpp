@@ -1,8 +1,5 @@
 #include "file/lbookmark.h"
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <filesystem>
 #include <string>
 
@@ -11,6 +8,7 @@
 #include "file/lfile.h"
 #include "settings/lpreferences.h"
 #include "tests/file/temp_tree.h"
+#include "tests/thread/child_process.h"
 
 namespace {
 
@@ -36,7 +34,6 @@ protected:
     static LSecurityScopedURLRef Url(const std::string& path) {
         return std::make_shared<LSecurityScopedURL>(path.c_str());
     }
-
     ltest::TempTree root_;
     ltest::EnvOverride config_{"XDG_CONFIG_HOME", root_.MakeFolder("config")};
     std::string home_ = root_.Path("home");
@@ -50,15 +47,13 @@ TEST_F(SandboxBookmarks, PathsLeaveTheHomeFolderOnlyThroughLinks) {
         bool out;
         std::string dst;
         bool allowed;
-    } cases[] = {
-        {home_ + "/docs", false, "", true},
-        {home_ + "/docs/missing/deeper", false, "", true},
-        {home_ + "/link/file.txt", true, outside_ + "/file.txt", false},
-        {home_ + "/link/new/name.txt", true, outside_ + "/new/name.txt", false},
-        {home_ + "/inlink/missing", false, "", true},
-        {outside_ + "/file.txt", true, outside_ + "/file.txt", false},
-        {root_.Path("elsewhere/none"), false, "", false},
-    };
+    } cases[] = {{home_ + "/docs", false, "", true},
+                 {home_ + "/docs/missing/deeper", false, "", true},
+                 {home_ + "/link/file.txt", true, outside_ + "/file.txt", false},
+                 {home_ + "/link/new/name.txt", true, outside_ + "/new/name.txt", false},
+                 {home_ + "/inlink/missing", false, "", true},
+                 {outside_ + "/file.txt", true, outside_ + "/file.txt", false},
+                 {root_.Path("elsewhere/none"), false, "", false}};
     for (const Case& c : cases) {
         char dst[kLPathSize] = "junk";
         EXPECT_EQ(LFile::MakeNonSandboxedFilePath(dst, c.path.c_str()), c.out) << c.path;
@@ -81,20 +76,15 @@ TEST_F(SandboxBookmarks, BookmarksComeBackInANewProcessAndVanishedTargetsAreForg
     EXPECT_EQ(LSandboxBookmarkManager::AddFilePath(folder.c_str(), Url(folder), true, false, "kd"),
               1);
     LSandboxBookmarkManager::Destroy();
-
     auto inChild = [](auto body) {
-        pid_t pid = fork();
-        if (pid == 0) {
+        return ltest::WaitChild(ltest::ForkChild([&] {
             LPreferencesFlushCache();
             LSandboxBookmarkManager::Create();
             LSandboxBookmarkManager::LoadBookmarksFromFile();
             int result = body(*LSandboxBookmarkManager::GetInstance());
             LSandboxBookmarkManager::Destroy();
-            _exit(result);
-        }
-        int status = 0;
-        waitpid(pid, &status, 0);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+            return result;
+        }));
     };
     EXPECT_EQ(inChild([&](LSandboxBookmarkManager& manager) {
                   int failures = 0;
@@ -106,7 +96,6 @@ TEST_F(SandboxBookmarks, BookmarksComeBackInANewProcessAndVanishedTargetsAreForg
                   return failures;
               }),
               0);
-
     fs::remove(file);
     EXPECT_EQ(inChild([&](LSandboxBookmarkManager& manager) {
                   int failures = manager.InstanceGetKeys() != std::vector<std::string>{"kd"};
@@ -126,7 +115,6 @@ TEST_F(SandboxBookmarks, ItemsAreCountedAndParentsMatchIgnoringSeparators) {
     EXPECT_EQ(manager.InstanceAddFilePath(docs.c_str(), Url(docs), true, false, "kh"), 1);
     EXPECT_EQ(manager.InstanceGetBookmark(docs.c_str()), nullptr);
     EXPECT_TRUE(manager.InstanceGetKeys().empty());
-
     std::string folder = outside_ + "/folder";
     ASSERT_EQ(manager.InstanceAddFilePath(folder.c_str(), Url(folder), false, true, nullptr), 1);
     LSandboxBookmarkItem* item = manager.InstanceGetBookmark(folder.c_str());
@@ -136,13 +124,11 @@ TEST_F(SandboxBookmarks, ItemsAreCountedAndParentsMatchIgnoringSeparators) {
     EXPECT_EQ(item->pNext, nullptr);
     EXPECT_EQ(manager.InstanceGetParentBookmark((folder + "er/x").c_str()), item);
     EXPECT_EQ(manager.InstanceGetParentBookmark((outside_ + "/fold").c_str()), nullptr);
-
     EXPECT_TRUE(manager.InstanceAddFilePathToSettings(folder.c_str(), true, "late"));
     EXPECT_EQ(manager.InstanceGetKeys(), std::vector<std::string>{"late"});
     manager.InstanceStopAccessingSecurityScopedResource(folder.c_str());
     EXPECT_FALSE(manager.InstanceIsAccessStarted(folder.c_str()));
     EXPECT_TRUE(manager.InstanceStartAccessingSecurityScopedResource(folder.c_str()));
-
     manager.InstanceRetain(folder.c_str());
     manager.InstanceRetain(folder.c_str());
     manager.InstanceRelease(folder.c_str());

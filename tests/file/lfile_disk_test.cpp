@@ -1,9 +1,7 @@
 // Queries that touch the disk, on real temporary trees and a sysfs-shaped one.
 #include <fcntl.h>
-#include <linux/fs.h>
 #include <sched.h>
 #include <sys/file.h>
-#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -81,21 +79,19 @@ TEST(UniqueOrderedFilePath, CountsFromZero) {
 }
 
 TEST(ErrorPredicates, ClassifyErrno) {
-    struct Case {
-        int error;
-        bool notFound, exists, denied, sharing;
-    } const cases[] = {{ENOENT, true, false, false, false},
-                       {EEXIST, false, true, false, false},
-                       {EACCES, false, false, true, true},
-                       {EWOULDBLOCK, false, false, false, true},
-                       {EPERM, false, false, false, false}};
-    for (Case const& c : cases) {
-        SCOPED_TRACE(c.error);
-        errno = c.error;
-        EXPECT_EQ(LFile::IsErrorFileNotFound(), c.notFound);
-        EXPECT_EQ(LFile::IsErrorAlreadyExists(), c.exists);
-        EXPECT_EQ(LFile::IsErrorPermissionDenied(), c.denied);
-        EXPECT_EQ(LFile::IsErrorSharingViolation(), c.sharing);
+    // Not found, exists, denied, sharing violation.
+    std::pair<int, char const*> const cases[] = {{ENOENT, "1000"},
+                                                 {EEXIST, "0100"},
+                                                 {EACCES, "0011"},
+                                                 {EWOULDBLOCK, "0001"},
+                                                 {EPERM, "0000"}};
+    for (auto [error, expected] : cases) {
+        errno = error;
+        std::string got = {char('0' + LFile::IsErrorFileNotFound()),
+                           char('0' + LFile::IsErrorAlreadyExists()),
+                           char('0' + LFile::IsErrorPermissionDenied()),
+                           char('0' + LFile::IsErrorSharingViolation())};
+        EXPECT_EQ(got, expected) << error;
     }
 }
 
@@ -110,7 +106,6 @@ TEST(CurrentDirectory, RoundTrip) {
     EXPECT_EQ(LFile::GetCurrentDirectory(now), now);
     EXPECT_STREQ(now, resolved);
     EXPECT_NE(LFile::SetCurrentDirectory(tree.Path("missing").c_str()), 0);
-
     // A working directory deeper than a path buffer cannot be read into one.
     std::string deep = tree.root();
     while (deep.size() < 300) {
@@ -141,7 +136,6 @@ TEST(HumanReadableDrive, MountPointOrTextForm) {
     ASSERT_EQ(stat(mount.c_str(), &a), 0);
     ASSERT_EQ(stat(file.c_str(), &b), 0);
     EXPECT_EQ(a.st_dev, b.st_dev);
-
     EXPECT_EQ(Drive("/proc/self/status"), "/proc");
     EXPECT_EQ(Drive("C:\\Music\\x.wav"), "C:\\");
     EXPECT_EQ(Drive("/no/such/volume"), "/");
@@ -166,17 +160,14 @@ TEST(SizeFormattedBytes, LargestUnitTruncated) {
 }
 
 TEST(VolumeFileSizeLimit, TypeNameClassesAndKernelNames) {
-    for (char const* name : {"FAT32", "fat16b"}) {
-        EXPECT_EQ(LFile::_GetVolumeFileSizeLimitFromTypeName(name), 1) << name;
-    }
-    for (char const* name : {"FAT16", "Fat"}) {
-        EXPECT_EQ(LFile::_GetVolumeFileSizeLimitFromTypeName(name), 0) << name;
-    }
     // "msdos" is unlimited by name alone; only the mapping below makes it FAT32.
-    for (char const* name : {"msdos", "FAT32X", ""}) {
-        EXPECT_EQ(LFile::_GetVolumeFileSizeLimitFromTypeName(name), 2) << name;
+    std::pair<char const*, int> const limits[] = {{"FAT32", 1}, {"fat16b", 1}, {"FAT16", 0},
+                                                  {"Fat", 0},   {"msdos", 2},  {"FAT32X", 2},
+                                                  {"", 2},      {nullptr, 2}};
+    for (auto [name, limit] : limits) {
+        EXPECT_EQ(LFile::_GetVolumeFileSizeLimitFromTypeName(name), limit)
+            << (name ? name : "null");
     }
-    EXPECT_EQ(LFile::_GetVolumeFileSizeLimitFromTypeName(nullptr), 2);
     char const* const mapped[][2] = {{"vfat", "FAT32"},
                                      {"exfat", "exFAT"},
                                      {"ntfs3", "NTFS"},
@@ -241,7 +232,6 @@ TEST(BlockDeviceFlags, FromSysfsTree) {
     add(nvme, "259:0", "0");
     add(nvme + "/nvme0n1p2", "259:2", nullptr);
     add(pci + "0000:00:1c.0/mmc_host/mmc0/block/mmcblk0", "179:0", "1");
-
     struct Case {
         unsigned int major, minor;
         bool removable, internal;
@@ -269,7 +259,6 @@ TEST(VolumeTests, LocalTreeAndUnreadablePaths) {
     ASSERT_TRUE(LGetNSURLResourceValue(root, LURLResourceKey::VolumeIsLocal, &local));
     EXPECT_EQ(LFile::IsNetworkPath(root), !local);
     EXPECT_EQ(LFile::IsOnLocalDrive(root), local);
-
     // /proc has no block device: the device values cannot be read and the tests say no.
     bool value = false;
     EXPECT_TRUE(LGetNSURLResourceValue("/proc", LURLResourceKey::VolumeIsLocal, &value));
@@ -278,7 +267,6 @@ TEST(VolumeTests, LocalTreeAndUnreadablePaths) {
     EXPECT_FALSE(LGetNSURLResourceValue("/proc", LURLResourceKey::VolumeIsRemovable, &value));
     EXPECT_FALSE(LFile::IsOnExternalDrive("/proc"));
     EXPECT_FALSE(LFile::IsOnRemovableMedia("/proc"));
-
     std::string missing = tree.Path("missing");
     EXPECT_FALSE(LFile::IsNetworkPath(missing.c_str()));
     EXPECT_TRUE(LFile::IsOnLocalDrive(missing.c_str()));
@@ -300,25 +288,13 @@ TEST(FileLocked, ImmutableFlag) {
     std::string file = tree.MakeFile("take.wav");
     EXPECT_FALSE(LFile::TestFileLocked(file.c_str()));
     EXPECT_FALSE(LFile::TestFileLocked(tree.Path("missing").c_str()));
-
-    int fd = open(file.c_str(), O_RDONLY);
-    ASSERT_GE(fd, 0);
-    int flags = 0;
-    bool haveFlags = ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
-    int locked = flags | FS_IMMUTABLE_FL;
-    if (!haveFlags || ioctl(fd, FS_IOC_SETFLAGS, &locked) != 0) {
-        close(fd);
+    if (!ltest::SetImmutable(file, true)) {
         GTEST_SKIP() << "no inode flags here, or no right to set the immutable one";
     }
     EXPECT_TRUE(LFile::TestFileLocked(file.c_str()));
-    ioctl(fd, FS_IOC_SETFLAGS, &flags);  // so that the tree can be removed
-    close(fd);
+    ASSERT_TRUE(ltest::SetImmutable(file, false));  // so that the tree can be removed
     EXPECT_FALSE(LFile::TestFileLocked(file.c_str()));
 }
-
-}  // namespace
-
-namespace {
 
 // The immutable flag is read without opening the file: an unprivileged caller who may look
 // the path up but not read the file still gets the answer.
@@ -330,26 +306,14 @@ TEST(FileLocked, AnsweredWithoutReadPermission) {
     std::string file = tree.MakeFile("sealed.wav");
     ASSERT_EQ(chmod(tree.root().c_str(), 0711), 0);
     ASSERT_EQ(chmod(file.c_str(), 0), 0);
-    int fd = open(file.c_str(), O_RDONLY);
-    ASSERT_GE(fd, 0);
-    int flags = 0;
-    bool haveFlags = ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
-    int locked = flags | FS_IMMUTABLE_FL;
-    if (!haveFlags || ioctl(fd, FS_IOC_SETFLAGS, &locked) != 0) {
-        close(fd);
+    if (!ltest::SetImmutable(file, true)) {
         GTEST_SKIP() << "no inode flags here";
     }
-    pid_t child = ltest::ForkChild(
-        [&] { return setuid(65534) == 0 && LFile::TestFileLocked(file.c_str()) ? 0 : 1; });
-    int result = ltest::WaitChild(child);
-    ioctl(fd, FS_IOC_SETFLAGS, &flags);  // so that the tree can be removed
-    close(fd);
+    int result = ltest::WaitChild(ltest::ForkChild(
+        [&] { return setuid(65534) == 0 && LFile::TestFileLocked(file.c_str()) ? 0 : 1; }));
+    ltest::SetImmutable(file, false);  // so that the tree can be removed
     EXPECT_EQ(result, 0);
 }
-
-}  // namespace
-
-namespace {
 
 // Where "/" is not a mount point (a chroot into a plain folder) the mount table lists no
 // mount above most paths; the lookup still finds the mount holding them. Run in a child with

@@ -43,19 +43,17 @@ TEST(StandardFolders, FallbacksUnderHomeAreCreated) {
     struct Case {
         void (*getter)(char*);
         char const* fallback;
-    } const cases[] = {
-        {LFile::GetUserLibraryFolder, "Library"},
-        {LFile::GetTempFolder, "Library/Caches"},
-        {LFile::GetUserDataFolder, "Library/Application Support"},
-        {LFile::GetSharedDataFolder, "Library/Application Support"},
-        {LFile::GetUserMusicFolder, "Music"},
-        {LFile::GetUserVideoFolder, "Movies"},
-        {LFile::GetUserPicturesFolder, "Pictures"},
-        {LFile::GetUserApplicationsFolder, "Applications"},
-        {LFile::GetUserDocumentsFolder, "Documents"},
-        {LFile::GetUserDesktopFolder, "Desktop"},
-        {LFile::GetUserDownloadFolder, "Downloads"},
-    };
+    } const cases[] = {{LFile::GetUserLibraryFolder, "Library"},
+                       {LFile::GetTempFolder, "Library/Caches"},
+                       {LFile::GetUserDataFolder, "Library/Application Support"},
+                       {LFile::GetSharedDataFolder, "Library/Application Support"},
+                       {LFile::GetUserMusicFolder, "Music"},
+                       {LFile::GetUserVideoFolder, "Movies"},
+                       {LFile::GetUserPicturesFolder, "Pictures"},
+                       {LFile::GetUserApplicationsFolder, "Applications"},
+                       {LFile::GetUserDocumentsFolder, "Documents"},
+                       {LFile::GetUserDesktopFolder, "Desktop"},
+                       {LFile::GetUserDownloadFolder, "Downloads"}};
     for (Case const& c : cases) {
         std::string expected = h.home() + "/" + c.fallback;
         EXPECT_EQ(Get(c.getter), expected);
@@ -96,7 +94,6 @@ TEST(StandardFolders, XdgUserDirectories) {
     std::ofstream(h.tree().MakeFolder(".config") + "/user-dirs.dirs")
         << "XDG_MUSIC_DIR=\"${HOME}/Sound\"\n";
     EXPECT_EQ(Get(LFile::GetUserMusicFolder), h.home() + "/Sound");
-
     std::string config = h.tree().MakeFolder("conf");
     EnvOverride x("XDG_CONFIG_HOME", config);
     std::ofstream(config + "/user-dirs.dirs") << "# written by a user-dirs tool\n"
@@ -155,27 +152,22 @@ TEST(ProgramFolders, DataFoldersAndTheSharedSubFolderOpenedToEverybody) {
     std::string app = support + "/KavelPLVadHelper";
     EXPECT_EQ(Get(static_cast<void (*)(char*)>(LFile::GetUserDataFolderApp)), app);
     EXPECT_TRUE(fs::is_directory(app));
-
     char dst[kLPathSize];
     LFile::GetUserDataFolderAppSubFolder("Logs", dst);
     EXPECT_EQ(std::string(dst), app + "/Logs");
     EXPECT_TRUE(fs::is_directory(app + "/Logs"));
-
     const std::string shared = app + "/Shared";
     EXPECT_EQ(Get(LFile::GetSharedDataFolderApp), shared);
     EXPECT_FALSE(fs::exists(shared));
-
     // Without the shared folder the single-level creation of a subfolder fails, and that is
     // ignored; with it, the subfolder is opened to everybody, once.
     LFile::GetSharedDataFolderAppSubFolder("Presets", dst);
     EXPECT_EQ(std::string(dst), shared + "/Presets");
     EXPECT_FALSE(fs::exists(dst));
-
     fs::create_directories(shared);
     LFile::GetSharedDataFolderAppSubFolder("Presets", dst);
     EXPECT_TRUE(fs::is_directory(dst));
     EXPECT_EQ(ModeOf(dst), 0777u);
-
     // An existing folder is left as it is.
     chmod(dst, 0700);
     LFile::GetSharedDataFolderAppSubFolder("Presets", dst);
@@ -216,7 +208,6 @@ TEST(Bundle, ExecutableAndFolder) {
     std::string folder = fs::path(resolved).parent_path().string();
     EXPECT_EQ(Get(LFile::GetProgramFolderApp), folder);
     EXPECT_EQ(Get(LFile::GetHelpFolder), folder + "/Contents/Resources/help");
-
     char small[6];
     LGetBundleExeFile(small, sizeof(small));
     EXPECT_EQ(std::string(small), std::string(resolved).substr(0, 5));
@@ -263,7 +254,6 @@ TEST(RecycleBin, XdgTrash) {
     EXPECT_TRUE(LFile::IsRecycleBinEmpty());
     h.tree().MakeFile(".local/share/Trash/files/old take.wav");
     EXPECT_FALSE(LFile::IsRecycleBinEmpty());
-
     std::string data = h.tree().MakeFolder("data");
     EnvOverride d("XDG_DATA_HOME", data);
     EXPECT_TRUE(LFile::IsRecycleBinEmpty());

@@ -39,10 +39,9 @@ TEST(RecentFiles, WalkNewestFirstWithLimitsAndFilters) {
         const char* name;
         long fileAge;
         long bookmarkAge;
-    } items[] = {
-        {"new one.wav", 10, 1}, {"noext", 10, 2},     {"folder.dir", -1, 3}, {"gone.txt", -1, 4},
-        {"mid.txt", 500, 5},    {"old.wav", 5000, 6}, {"older.txt", 900, 7},
-    };
+    } items[] = {{"new one.wav", 10, 1}, {"noext", 10, 2},    {"folder.dir", -1, 3},
+                 {"gone.txt", -1, 4},    {"mid.txt", 500, 5}, {"old.wav", 5000, 6},
+                 {"older.txt", 900, 7}};
     GBookmarkFile* bookmarks = g_bookmark_file_new();
     for (const auto& item : items) {
         const std::string path = tree.Path(std::string("docs/") + item.name);
@@ -62,7 +61,6 @@ TEST(RecentFiles, WalkNewestFirstWithLimitsAndFilters) {
     ASSERT_TRUE(
         g_bookmark_file_to_file(bookmarks, tree.Path("data/recently-used.xbel").c_str(), nullptr));
     g_bookmark_file_free(bookmarks);
-
     const std::string docs = tree.Path("docs");
     using List = std::vector<std::string>;
     const struct {
@@ -76,8 +74,7 @@ TEST(RecentFiles, WalkNewestFirstWithLimitsAndFilters) {
         {1, 0, 0, {"new one.wav"}},
         // The walk ends at the first file older than the window, newer ones behind it or not.
         {0, now - 1000, 0, {"new one.wav", "mid.txt"}},
-        {0, 0, now - 100, {"mid.txt", "old.wav", "older.txt"}},
-    };
+        {0, 0, now - 100, {"mid.txt", "old.wav", "older.txt"}}};
     for (const auto& c : cases) {
         LFileGetUserRecentFilesData collector(c.maxCount, c.start, c.end);
         GetUserRecentFiles(collector);
@@ -92,7 +89,6 @@ TEST(RecentFiles, WalkNewestFirstWithLimitsAndFilters) {
     set.SetEndTime(now - 100);
     GetUserRecentFiles(set);
     EXPECT_EQ(Names(set, docs), (List{"mid.txt"}));
-
     data.Set(tree.Path("nowhere").c_str());
     LFileGetUserRecentFilesData none;
     GetUserRecentFiles(none);

@@ -3,7 +3,11 @@
 // code under test, so every test that points them elsewhere must put them back).
 #pragma once
 
+#include <fcntl.h>
+#include <linux/fs.h>
 #include <stdlib.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -29,7 +33,6 @@ public:
     }
     TempTree(TempTree const&) = delete;
     TempTree& operator=(TempTree const&) = delete;
-
     std::string const& root() const { return root_; }
     std::string Path(std::string const& relative) const { return root_ + "/" + relative; }
     std::string MakeFolder(std::string const& relative) const {
@@ -59,7 +62,6 @@ public:
     }
     EnvOverride(char const* name, std::string const& value) : EnvOverride(name, value.c_str()) {}
     ~EnvOverride() { Set(old_ ? old_->c_str() : nullptr); }
-
     void Set(char const* value) {
         if (value != nullptr) {
             setenv(name_.c_str(), value, 1);
@@ -75,6 +77,20 @@ private:
     std::optional<std::string> old_;
 };
 
+// Sets or clears the immutable inode flag; false where the file system or the caller's rights
+// do not allow it.
+inline bool SetImmutable(std::string const& path, bool on) {
+    int fd = open(path.c_str(), O_RDONLY);
+    int flags = 0;
+    bool done = fd >= 0 && ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
+    flags = on ? flags | FS_IMMUTABLE_FL : flags & ~FS_IMMUTABLE_FL;
+    done = done && ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
+    if (fd >= 0) {
+        close(fd);
+    }
+    return done;
+}
+
 // HOME pointed at a fresh tree and every XDG variable the folder search reads unset.
 class IsolatedHome {
 public:
@@ -83,7 +99,6 @@ public:
           cache_("XDG_CACHE_HOME", nullptr),
           data_("XDG_DATA_HOME", nullptr),
           config_("XDG_CONFIG_HOME", nullptr) {}
-
     TempTree const& tree() const { return tree_; }
     std::string const& home() const { return tree_.root(); }
 

@@ -37,7 +37,6 @@ protected:
     void Set(char const* section, char const* key, char const* value) {
         LDatFileSetValue(path.c_str(), section, key, value);
     }
-
     ltest::TempTree tree;
     std::string path = tree.Path("settings.dat");
     LDatFile file{path.c_str()};
@@ -54,7 +53,6 @@ TEST_F(DatFileTest, FirstValueOfNewSectionReachesDiskWithTheNextSave) {
     EXPECT_EQ(Slurp(path), "[Audio]\r\nVolume=7\r\nGain=2\r\n\r\n");
     Set("Audio", "Volume", nullptr);
     EXPECT_EQ(Slurp(path), "[Audio]\r\nGain=2\r\n\r\n[Video]\r\nFps=30\r\n\r\n");
-
     // A removed section stays on disk until something saves the file again.
     Set("Video", nullptr, nullptr);
     EXPECT_EQ(Get("Video", "Fps"), "-");
@@ -73,7 +71,6 @@ TEST_F(DatFileTest, NamesIgnoreCaseAndKeepTheirFirstSpellingAndTextsAreCut) {
     char out[kLDatFileTextSize];
     LDatFileGetValue(upper.c_str(), "aUdIo", "vOlUmE", "", out);
     EXPECT_STREQ(out, "3");
-
     const std::string longKey(300, 'k');
     const std::string longValue = std::string(259, 'v') + "tail";
     Set("Audio", longKey.c_str(), longValue.c_str());
@@ -117,7 +114,6 @@ TEST_F(DatFileTest, TypedAccessorsWriteAndReadTheirTextForms) {
     EXPECT_EQ(file.GetLong("S", "missing", 9), 9);
     file.SetString("S", "short", "1:2");
     EXPECT_EQ(file.GetDayTime("S", "short", 9).GetSeconds(), 3720);
-
     const std::pair<char const*, bool> bools[] = {{"t", true},  {"true", true}, {"tx", true},
                                                   {"1", false}, {"yes", false}, {"True", false}};
     for (auto const& [text, expected] : bools) {
@@ -161,7 +157,6 @@ TEST_F(DatFileTest, ChangesOfAnotherProcessAreMergedByTimeOrSize) {
     ASSERT_EQ(ltest::WaitChild(child), 0);
     EXPECT_EQ(Get("S", "a"), "100");
     EXPECT_EQ(Get("S", "b"), "2");  // removed on disk, still in memory
-
     child = ltest::ForkChild([&] {
         Set("S", "a", "200");  // same size: only the time tells
         struct timespec later[2] = {{0, UTIME_OMIT}, {time(nullptr) + 5, 0}};
@@ -188,7 +183,6 @@ TEST_F(DatFileTest, IdleFilesAreEvictedAfterTenMinutesOfTheWrappingClock) {
     Set("S", "a", "1");
     Set("S", "b", "2");
     tree.MakeFile("settings.dat", "[S]\r\na=1\r\n");
-
     gFakeNow = start + kLDatFileIdleMs - 1;
     EXPECT_EQ(Get("S", "b"), "2");  // merged from memory
     LDatFileFlush();

@@ -227,15 +227,12 @@ TEST(LHashTable, CopiesMergesAndIteratorWrites) {
     EXPECT_EQ(Contents(copy), Contents(src));
     copy.SetString("a", "changed");
     EXPECT_STREQ(src.GetParm("a", nullptr), "1");
-
     LHashTable assigned = Table({{"zzz", "gone"}});
     assigned = src;
     EXPECT_EQ(Contents(assigned), Contents(src));
-
     LHashTable dest = Table({{"a", "old"}, {"c", "3"}});
     LHashTableCopy(dest, src);
     EXPECT_EQ(Contents(dest), (Pairs{{"a", "1"}, {"b", "2"}, {"c", "3"}}));
-
     // Copying a table with duplicate keys enters each through SetString: one node per key,
     // holding the value that comes last in order (the one loaded last).
     LHashTable dup;
@@ -285,7 +282,7 @@ TEST(LHashTableParse, AllocatingFormLooksUpTheEmptyKeyAndGrows) {
 
 TEST(LHashTableHTTP, LoadKeepsDuplicatesAndSkipsEmptyNames) {
     LHashTable t;
-    t.LoadHTTPString("a=1&a=2");
+    t.LoadHTTPString(LStringLongTemplate<char>("a=1&a=2"));
     EXPECT_EQ(Contents(t), (Pairs{{"a", "1"}, {"a", "2"}}));
     EXPECT_EQ(Contents(Loaded("=5&b")), (Pairs{{"b", ""}}));
     LHashTable v = Loaded("&&x=1&&=&y=a=b");
@@ -318,25 +315,4 @@ TEST(LHashTableHTTP, SaveEncodesInKeyOrder) {
     EXPECT_GE(out.GetCapacity(), 260u);
     Table({{"m", "~!*-._\xC3\xA9+"}}).SaveHTTPString(out);
     EXPECT_STREQ(out.GetText(), "m=~!%2A-._%C3%A9%2B");
-}
-
-TEST(LHashTableHTTP, SaveThenLoadGivesTheSamePairs) {
-    std::mt19937 rng(5);
-    LHashTable t;
-    for (int i = 0; i < 100; ++i) {
-        std::string k(1 + rng() % 6, ' ');
-        std::string v(rng() % 6, ' ');
-        for (char& c : k) {
-            c = static_cast<char>(1 + rng() % 255);
-        }
-        for (char& c : v) {
-            c = static_cast<char>(1 + rng() % 255);
-        }
-        t.SetString(k.c_str(), v.c_str());
-    }
-    LStringLongTemplate<char> text;
-    t.SaveHTTPString(text);
-    LHashTable back;
-    back.LoadHTTPString(text);
-    EXPECT_EQ(Contents(back), Contents(t));
 }

@@ -25,6 +25,12 @@ void SetAs(LPlist& plist, const char* key, T value) {
     Set(plist, key, made);
 }
 
+template <typename T>
+bool Read(LPlist& plist, const char* key, T& out) {
+    const void* v = nullptr;
+    return plist.GetValue(key, v) && LPlist::ConvertFromValue(v, out);
+}
+
 bool Convert(const std::string& from, const std::string& to, const char* format) {
     const std::string command =
         "plistutil -i '" + from + "' -o '" + to + "' -f " + format + " >/dev/null 2>&1";
@@ -47,59 +53,46 @@ TEST(Plist, EveryConversionThroughTheToolAndBack) {
     plist_array_append_item(array, plist_new_string("a"));
     plist_array_append_item(array, plist_new_string("b"));
     Set(plist, "list", array);
-
     const std::string xml = tree.Path("ours.plist"), bin = tree.Path("tool.bin");
     ASSERT_TRUE(plist.WriteToFile(xml.c_str()));
     ASSERT_TRUE(Convert(xml, bin, "bin"));
     LPlist loaded;
     ASSERT_TRUE(loaded.CreateFromFile(bin.c_str()));
     EXPECT_EQ(loaded.GetSize(), 8u);
-
-    const void* v = nullptr;
     bool flag = false;
-    ASSERT_TRUE(loaded.GetValue("flag", v));
-    EXPECT_TRUE(LPlist::ConvertFromValue(v, flag) && flag);
+    EXPECT_TRUE(Read(loaded, "flag", flag) && flag);
     LStringLongTemplate<char> text;
-    ASSERT_TRUE(loaded.GetValue("name", v));
-    EXPECT_TRUE(LPlist::ConvertFromValue(v, text));
+    EXPECT_TRUE(Read(loaded, "name", text));
     EXPECT_STREQ(text.GetText(), "caf\xC3\xA9 & <tag>");
     char whole[64];
-    ASSERT_TRUE(loaded.GetValue("null", v));
-    EXPECT_TRUE(LPlist::ConvertFromValue(v, whole));
+    EXPECT_TRUE(Read(loaded, "null", whole));
     EXPECT_STREQ(whole, "");
     LPlist child;
-    ASSERT_TRUE(loaded.GetValue("child", v));
-    ASSERT_TRUE(LPlist::ConvertFromValue(v, child));
-    ASSERT_TRUE(child.GetValue("inner", v));
-    EXPECT_TRUE(LPlist::ConvertFromValue(v, text));
+    ASSERT_TRUE(Read(loaded, "child", child));
+    EXPECT_TRUE(Read(child, "inner", text));
     EXPECT_STREQ(text.GetText(), "deep");
     unsigned long count = 0;
     EXPECT_TRUE(loaded.GetValueArraySize("list", count));
     EXPECT_EQ(count, 2u);
     EXPECT_FALSE(loaded.GetValueArraySize("name", count));
-
     // The number reads compare the type identifier with the number-type codes: an integer
     // or a float never reads back, and only the kind whose identifier happens to be 9 does.
     int number = 5;
     float real = 1.5f;
-    ASSERT_TRUE(loaded.GetValue("count", v));
-    EXPECT_FALSE(LPlist::ConvertFromValue(v, number));
-    ASSERT_TRUE(loaded.GetValue("ratio", v));
-    EXPECT_FALSE(LPlist::ConvertFromValue(v, real));
+    EXPECT_FALSE(Read(loaded, "count", number));
+    EXPECT_FALSE(Read(loaded, "ratio", real));
     EXPECT_EQ(number, 5);
     EXPECT_EQ(real, 1.5f);
     plist_t uid = plist_new_uid(42);  // not kept by files: checked in memory
     EXPECT_TRUE(LPlist::ConvertFromValue(uid, number));
     EXPECT_EQ(number, 42);
-    v = uid;
-
+    const void* v = uid;
     // Wrong kinds fail, and a failed text read empties the output.
     EXPECT_FALSE(LPlist::ConvertFromValue(v, flag));
     EXPECT_FALSE(LPlist::ConvertFromValue(v, text));
     EXPECT_STREQ(text.GetText(), "");
     EXPECT_FALSE(LPlist::ConvertFromValue(v, child));
     plist_free(uid);
-
     // The tool's own XML of our binary reads the same as our XML.
     const std::string back = tree.Path("tool.xml");
     ASSERT_TRUE(Convert(bin, back, "xml"));
@@ -127,7 +120,6 @@ TEST(Plist, LoadingPathsAndFailures) {
     EXPECT_FALSE(dictionary.CreateFromFullPath(blank.c_str()));
     EXPECT_EQ(dictionary.GetRef(), nullptr);
     EXPECT_FALSE(dictionary.CreateFromFullPath(percent.c_str()));
-
     // A non-dictionary is loaded as it is; a binary file converted by the tool reads too.
     const std::string array =
         tree.MakeFile("array.plist", "<plist version=\"1.0\"><array><true/></array></plist>");
@@ -135,7 +127,6 @@ TEST(Plist, LoadingPathsAndFailures) {
     ASSERT_TRUE(Convert(array, bin, "bin"));
     ASSERT_TRUE(dictionary.CreateFromFullPath(bin.c_str()));
     EXPECT_EQ(plist_get_node_type(dictionary.GetRef()), PLIST_ARRAY);
-
     LPlist plist;
     ASSERT_TRUE(plist.CreateFromFile(plain.c_str()));
     EXPECT_FALSE(plist.CreateFromFile(tree.Path("missing.plist").c_str()));
@@ -145,7 +136,6 @@ TEST(Plist, LoadingPathsAndFailures) {
     const void* bad = nullptr;
     EXPECT_FALSE(LPlist::ConvertToValue("\xC3(", bad));
     EXPECT_FALSE(LPlist::ConvertToValue("\xED\xA0\x80", bad));
-
     plist.RemoveValue("k");
     EXPECT_EQ(plist.GetSize(), 1u);
     plist.RemoveAllValues();

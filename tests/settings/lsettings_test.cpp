@@ -3,8 +3,6 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/file.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -19,6 +17,7 @@
 #include "settings/lblowfish.h"
 #include "settings/lxml.h"
 #include "tests/file/temp_tree.h"
+#include "tests/thread/child_process.h"
 
 namespace {
 
@@ -26,7 +25,6 @@ class SettingsStore : public ::testing::Test {
 protected:
     void SetUp() override { LPreferencesFlushCache(); }
     void TearDown() override { LPreferencesFlushCache(); }
-
     static std::string Read(const std::string& path) {
         std::ifstream in(path);
         std::stringstream text;
@@ -38,18 +36,6 @@ protected:
         char out[kLSettingTextSize];
         return _LUserSettingGetString(section, key, "<none>", out) ? out : "<none>";
     }
-    // Runs `body` in a child process and waits for it; the child's own exit status is returned.
-    template <typename Body>
-    static int InChild(Body body) {
-        pid_t pid = fork();
-        if (pid == 0) {
-            _exit(body());
-        }
-        int status = 0;
-        waitpid(pid, &status, 0);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
     ltest::IsolatedHome home_;
 };
 
@@ -71,7 +57,6 @@ TEST_F(SettingsStore, FullKeyNamesJoinOnceAndCut) {
     char out[kLSettingFullKeySize];
     _LSettingGetFullKeyName(out, longSection.c_str(), "k");
     EXPECT_EQ(strlen(out), 519u);
-
     // "A/" and "A" address the same value.
     ASSERT_TRUE(LUserSettingSetString("A/", "b", "one"));
     EXPECT_EQ(Get("A", "b"), "one");
@@ -85,12 +70,10 @@ TEST_F(SettingsStore, ValuesRoundTripThroughAFileOtherToolsRead) {
     EXPECT_EQ(Get("General", "Name"), "caf\xc3\xa9");
     EXPECT_EQ(Get("General", "Long"), longValue.substr(0, 259));
     EXPECT_EQ(Get("General", "Missing"), "<none>");
-
     wchar_t wide[kLSettingTextSize];
     ASSERT_TRUE(LSettingSetUnicodeString("Wide", "W", L"\u00e9\U0001F600"));
     EXPECT_EQ(std::wstring(LSettingGetUnicodeString("Wide", "W", L"d", wide)), L"\u00e9\U0001F600");
     EXPECT_EQ(std::wstring(LSettingGetUnicodeString("Wide", "X", L"d", wide)), L"d");
-
     // The host's file is an ordinary property list.
     std::string out = home_.tree().Path("dump.xml");
     std::string command = "plistutil -i '" + HostFile() + "' -o '" + out + "' -f xml";
@@ -98,7 +81,6 @@ TEST_F(SettingsStore, ValuesRoundTripThroughAFileOtherToolsRead) {
     std::string text = Read(out);
     EXPECT_NE(text.find("<key>General/Name</key>"), std::string::npos);
     EXPECT_NE(text.find("<string>caf\xc3\xa9</string>"), std::string::npos);
-
     ASSERT_TRUE(LUserSettingDeleteItem("General", "Name"));
     EXPECT_FALSE(LUserSettingTestExists("General", "Name"));
     EXPECT_TRUE(LUserSettingTestKeyExists("general"));
@@ -119,7 +101,6 @@ TEST_F(SettingsStore, PasswordsAreStoredEncipheredUnderTheirHiddenKey) {
     EXPECT_STREQ(out, "s3cret");
     EXPECT_FALSE(LUserSettingGetPassword("Account", "other", "dflt", out));
     EXPECT_STREQ(out, "");
-
     LSharedSettingsRecord record("Servers/Main");
     ASSERT_TRUE(record.SetPassword("pw", "xyz"));
     EXPECT_TRUE(record.GetPassword("pw", out));
@@ -131,18 +112,17 @@ TEST_F(SettingsStore, RecordsKeepPrimaryKeysAndEnumerateInOrder) {
     const LSettingDomain user = kLSettingDomainCurrentUser;
     LSharedSettingsRecord bob("Users/Bob");
     ASSERT_TRUE(bob.SetString("Age", "42"));
+    // A record's own key ("Users/") holds its primary key.
+    auto stored = [&](const char* key) {
+        std::string text;
+        return LPreferencesGetString(user, true, key, text) ? text : "<none>";
+    };
     EXPECT_EQ(Get("Users", ""), "Users");
-    char value[kLSettingTextSize];
-    std::string users, bobKey;
-    EXPECT_TRUE(LPreferencesGetString(user, true, "Users/", users));
-    EXPECT_TRUE(LPreferencesGetString(user, true, "Users/Bob/", bobKey));
-    EXPECT_EQ(users, "Users");
-    EXPECT_EQ(bobKey, "Bob");
+    EXPECT_EQ(stored("Users/Bob/"), "Bob");
     for (const char* name : {"carol", "Alice", "dave"}) {
         LSharedSettingsRecord(("Users/" + std::string(name)).c_str()).SetString("Age", "1");
     }
     LSharedSettingsRecord("Users/Alice/Pets/Rex").SetString("Kind", "dog");
-
     // Sub-records of "Users", each found once, deeper levels ignored; the record's own key
     // "Users/" comes back as the empty name.
     std::vector<std::string> found;
@@ -154,7 +134,6 @@ TEST_F(SettingsStore, RecordsKeepPrimaryKeysAndEnumerateInOrder) {
     EXPECT_EQ(found, (std::vector<std::string>{"", "Alice", "Bob", "carol", "dave"}));
     EXPECT_TRUE(LSharedSettingsRecord("Users").TestSubRecordExists("alice"));
     EXPECT_FALSE(LSharedSettingsRecord("Users").TestSubRecordExists("Eve"));
-
     std::vector<std::string> walked;
     char next[kLSettingTextSize] = "";
     std::string after;
@@ -163,7 +142,6 @@ TEST_F(SettingsStore, RecordsKeepPrimaryKeysAndEnumerateInOrder) {
         after = next;
     }
     EXPECT_EQ(walked, (std::vector<std::string>{"Alice", "Bob", "carol", "dave"}));
-
     // Renaming moves every key below the record and refuses to overwrite another record.
     char newPath[kLSettingTextSize];
     EXPECT_FALSE(_LSettingChangePrimaryKey(user, "Users/Bob", "dave", newPath));
@@ -171,20 +149,17 @@ TEST_F(SettingsStore, RecordsKeepPrimaryKeysAndEnumerateInOrder) {
     EXPECT_STREQ(newPath, "Users/Ann");
     EXPECT_EQ(Get("Users/Ann/Pets/Rex", "Kind"), "dog");
     EXPECT_EQ(Get("Users/Alice/Pets/Rex", "Kind"), "<none>");
-    std::string annKey;
-    EXPECT_TRUE(LPreferencesGetString(user, true, "Users/Ann/", annKey));
-    EXPECT_EQ(annKey, "Ann");
+    EXPECT_EQ(stored("Users/Ann/"), "Ann");
     EXPECT_FALSE(_LSettingTestKeyExists(user, "Users/Alice/"));
-
     ASSERT_TRUE(bob.SetPrimaryKey("Robert"));
     EXPECT_STREQ(bob.GetRecordPath(), "Users/Robert");
+    char value[kLSettingTextSize];
     EXPECT_TRUE(bob.GetString("Age", value));
     EXPECT_STREQ(value, "42");
     LSharedSettingsRecord fresh("Users/Nobody");
     ASSERT_TRUE(fresh.SetPrimaryKey("Zed"));
     EXPECT_STREQ(fresh.GetPrimaryKey(), "Zed");
     EXPECT_STREQ(fresh.GetRecordPath(), "Users/Nobody");
-
     ASSERT_TRUE(LSharedSettingsRecord("Users").DeleteSubRecord("Robert"));
     EXPECT_FALSE(_LSettingTestKeyExists(user, "Users/Robert/Age"));
     EXPECT_TRUE(_LSettingTestKeyExists(user, "Users/carol/Age"));
@@ -204,15 +179,9 @@ TEST_F(SettingsStore, WritersInTwoProcessesLoseNoKeys) {
             return 0;
         };
     };
-    pid_t first = fork();
-    if (first == 0) {
-        _exit(writer("First")());
-    }
-    int second = InChild(writer("Second"));
-    int status = 0;
-    waitpid(first, &status, 0);
-    ASSERT_EQ(second, 0);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    pid_t first = ltest::ForkChild(writer("First"));
+    ASSERT_EQ(ltest::WaitChild(ltest::ForkChild(writer("Second"))), 0);
+    ASSERT_EQ(ltest::WaitChild(first), 0);
     // The cache must notice the file changed under it.
     for (int i = 0; i < 100; ++i) {
         std::string key = "k" + std::to_string(i);
@@ -266,7 +235,6 @@ TEST_F(SettingsStore, XmlStoresAppendInOrderAndRespectTheLock) {
     std::string text = Read(path);
     EXPECT_LT(text.find("<Zeta>"), text.find("<Alpha>"));
     EXPECT_LT(text.find("<k value=\"1\""), text.find("<j value=\"3\""));
-
     ASSERT_TRUE(LSharedSettingSetPassword("Zeta", "pw", "hidden"));
     EXPECT_TRUE(LSharedSettingTestExists("Zeta", "__pw"));
     EXPECT_TRUE(LSharedSettingGetPassword("Zeta", "pw", "d", out));
@@ -275,20 +243,18 @@ TEST_F(SettingsStore, XmlStoresAppendInOrderAndRespectTheLock) {
     EXPECT_FALSE(LSharedSettingTestExists("Zeta", "k"));
     ASSERT_TRUE(LSharedSettingDeleteSection("Alpha"));
     EXPECT_FALSE(LSharedSettingTestKeyExists("Alpha"));
-
     // Another holder of the lock keeps the file exactly as it was.
     std::string before = Read(path);
     int fd = open(path.c_str(), O_RDONLY);
     ASSERT_EQ(flock(fd, LOCK_EX), 0);
-    EXPECT_EQ(InChild([] {
+    EXPECT_EQ(ltest::WaitChild(ltest::ForkChild([] {
                   LXMLDocument document;
                   document.AddElement("New")->AddElement("k");
                   return LSharedSettingsSave(document) ? 1 : 0;
-              }),
+              })),
               0);
     close(fd);
     EXPECT_EQ(Read(path), before);
-
     ASSERT_TRUE(LUserHiddenSettingSetString("S", "k", "v"));
     char hidden[kLPathSize];
     _LUserHiddenSettingGetPath(hidden);

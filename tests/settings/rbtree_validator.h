@@ -11,7 +11,6 @@ template <typename K, typename V, typename Traits = LRBTreeKeyTraits<K>>
 class LRBTreeValidator {
 public:
     using Node = LRBTreeNodeItem<K, V>;
-
     // Empty when the tree is sound, else a description of the first fault found.
     static std::string Check(const LRBTree<K, V, Traits>& tree) {
         const Node* root = tree.GetRoot();

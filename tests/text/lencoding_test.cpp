@@ -44,8 +44,7 @@ const Member kMembers[] = {
     {"WIN1256", LCopyFromWIN1256, LCopyToWIN1256, "WINDOWS-1256",
      "\xD8\xB3\xD9\x84\xD8\xA7\xD9\x85"},
     {"ISO88592", LCopyFromISO88592, LCopyToISO88592, "ISO-8859-2", "\xC5\x81\xC3\xB3\xC4\x8F"},
-    {"MacRoman", LCopyFromMacRoman, LCopyToMacRoman, "MACINTOSH", "\xE2\x84\xA2 \xC3\xA9"},
-};
+    {"MacRoman", LCopyFromMacRoman, LCopyToMacRoman, "MACINTOSH", "\xE2\x84\xA2 \xC3\xA9"}};
 
 TEST(IconvFamily, BufferFormsUseTheirEncoding) {
     for (const Member& m : kMembers) {
@@ -95,8 +94,7 @@ TEST(IconvFamily, StringFormsAndTheirNames) {
         {"ISO88592", LCopyFromISO88592, LCopyToISO88592, "ISO-8859-2", "ISO-8859-2",
          "\u0141\u00F3"},
         {"MacRoman", LCopyFromMacRoman, LCopyToMacRoman, "MACINTOSH", "MACINTOSH", "\u2122\u00E9"},
-        {"IBM437", LCopyFromIBM437, LCopyToIBM437, "ISO-8859-1", "ISO-8859-1", kLatin},
-    };
+        {"IBM437", LCopyFromIBM437, LCopyToIBM437, "ISO-8859-1", "ISO-8859-1", kLatin}};
     for (const auto& m : members) {
         SCOPED_TRACE(m.name);
         const std::string input = Iconv(m.reads, "UTF-8", m.sample);
@@ -110,14 +108,6 @@ TEST(IconvFamily, StringFormsAndTheirNames) {
         EXPECT_EQ(std::string(out.GetText()), written);
         EXPECT_EQ(out.GetLength(), written.size());
     }
-}
-
-TEST(IconvFamily, StringFormsAreSizedByInputLength) {
-    LStringLongTemplate<char> out;
-    // "From" forms get 6 x length + 1: every UTF-8 growth fits.
-    const std::string high(50, '\xE9');
-    LCopyFromISO88591(out, high.c_str());
-    EXPECT_EQ(out.GetLength(), 100u);
 }
 
 TEST(IconvFamily, CutsAndInvalidInputEndTheText) {
@@ -148,18 +138,6 @@ TEST(IconvFamily, UnsizedLatinOneForms) {
     EXPECT_STREQ(out, "a\xC3\xA9");
 }
 
-TEST(IconvFamily, FixedLengthTemplate) {
-    char out[32];
-    LCopyIconvFixedLength<char, char>(out, "\xC3\xA9t\xC3\xA9", sizeof out, "ISO-8859-1", "UTF-8");
-    EXPECT_STREQ(out, "\xE9t\xE9");
-    out[0] = 'x';
-    LCopyIconvFixedLength<char, char>(out, "abc", sizeof out, "NO-SUCH-CODE", "UTF-8");
-    EXPECT_STREQ(out, "");
-    char16_t wide[8];
-    LCopyIconvFixedLength<char16_t, char>(wide, "h\xC3\xA9", 8, "UTF-16LE", "UTF-8");
-    EXPECT_EQ(std::u16string(wide), u"h\u00E9");
-}
-
 TEST(CodePages, ByNumber) {
     struct Case {
         unsigned cp;
@@ -185,8 +163,7 @@ TEST(CodePages, ByNumber) {
         {50220, "\u65E5", 64, true, "\x1B$BF|\x1B(B"},  // shift state closed at the end
         {1252, "\u041F", 64, false, ""},                // no Cyrillic
         {1252, "abcd", 4, false, ""},                   // terminator does not fit
-        {0, "abc", 64, false, ""},
-    };
+        {0, "abc", 64, false, ""}};
     char out[64];
     for (const Case& c : from) {
         SCOPED_TRACE(testing::Message() << "from " << c.cp << " " << testing::PrintToString(c.in));
@@ -200,7 +177,6 @@ TEST(CodePages, ByNumber) {
         EXPECT_EQ(LCopyToSpecificCodePage(c.cp, out, c.in, c.size), c.ok);
         EXPECT_EQ(std::string(out), c.out);
     }
-
     LStringLongTemplate<char> s;
     EXPECT_TRUE(LCopyFromSpecificCodePage(1253, s, "\xE1\xE2"));
     EXPECT_STREQ(s.GetText(), "\u03B1\u03B2");
@@ -221,10 +197,6 @@ TEST(CodePages, TableNamesAreKnownToIconv) {
     }
     EXPECT_EQ(_LCodePageEncodingName(1200), nullptr);  // UTF-16 is not a byte text
 }
-
-}  // namespace
-
-namespace {
 
 // "To" forms whose encoding can be longer than the UTF-8 text: the string holds the whole
 // converted text, terminated, whether the text overflows the first room, fills it exactly,
