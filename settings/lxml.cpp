@@ -6,6 +6,9 @@
 
 #include <strings.h>
 
+#include <algorithm>
+#include <array>
+#include <atomic>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -37,6 +40,43 @@ using Loader = LXMLLoaderTemplate<char>;
 
 bool IsNameStop(char c) {
     return c == '/' || c == '=' || c == '>' || c == ' ' || c == '\t' || c == '\n';
+}
+
+// Which characters end a run of plain name or value characters, by quoting state: outside
+// quotes the stops, both quotes, '&', line ends and the end; inside quotes only the closing
+// quote, '&', line ends and the end. A plain character is one the cursor returns as it is
+// and the readers store as it is, so a run can be taken in bulk.
+enum : unsigned char { kRunBare = 1, kRunDouble = 2, kRunSingle = 4 };
+constexpr std::array<unsigned char, 256> kRunEnds = [] {
+    std::array<unsigned char, 256> table{};
+    for (const unsigned char c : {'\0', '\r', '\n', '&'}) {
+        table[c] = kRunBare | kRunDouble | kRunSingle;
+    }
+    for (const unsigned char c : {'/', '=', '>', ' ', '\t', '"', '\''}) {
+        table[c] |= kRunBare;
+    }
+    table['"'] |= kRunDouble;
+    table['\''] |= kRunSingle;
+    return table;
+}();
+
+unsigned char RunMask(char quote) {
+    return quote == 0 ? kRunBare : (quote == '"' ? kRunDouble : kRunSingle);
+}
+
+// Consumes the plain characters ahead for the quoting state; returns where they start and
+// sets their number. Nothing here tests for cancelling: name and value reading never did.
+const char* TakeRun(Loader& loader, unsigned char mask, unsigned long& count) {
+    const char* start = loader.m_pText + loader.m_nPosition;
+    const auto* p = reinterpret_cast<const unsigned char*>(start);
+    unsigned long n = 0;
+    while ((kRunEnds[p[n]] & mask) == 0) {
+        ++n;
+    }
+    loader.m_nPosition += n;
+    loader.m_nColumn += static_cast<int>(n);
+    count = n;
+    return start;
 }
 
 // Code point 0 and values beyond the Unicode range have no UTF-8 form and give nothing.
@@ -113,8 +153,9 @@ void XMLAmpChar(Loader& loader, Sink&& put) {
 // Reads a tag or attribute name into a 260-byte buffer (259 characters kept) and returns
 // the character that ended it. The three special openings stop as soon as they are
 // complete, leaving the next character unread so that it becomes part of the node's text.
-char XMLLoadTag(Loader& loader, char* out) {
-    unsigned long n = 0;
+char XMLLoadTag(Loader& loader, char* out, unsigned long& length) {
+    unsigned long& n = length;
+    n = 0;
     char quote = 0;
     bool early = false;
     auto store = [&](char c) {
@@ -128,6 +169,15 @@ char XMLLoadTag(Loader& loader, char* out) {
         }
     };
     for (;;) {
+        // Runs go in bulk once the early stops can no longer apply (they are decided when the
+        // 3rd and 8th characters of a name beginning with '!' are stored).
+        if (n >= 8 || (n > 0 ? out[0] != '!' : loader.PeekChar() != '!')) {
+            unsigned long count = 0;
+            const char* run = TakeRun(loader, RunMask(quote), count);
+            const unsigned long keep = std::min(count, kNameSize - 1 - n);
+            std::memcpy(out + n, run, keep);
+            n += keep;
+        }
         const char c = loader.GetChar();
         if (c == 0) {
             out[n] = 0;
@@ -165,6 +215,9 @@ char XMLLoadAttribute(Loader& loader, std::string& out) {
     char quote = 0;
     auto store = [&](char c) { out.push_back(c); };
     for (;;) {
+        unsigned long count = 0;
+        const char* run = TakeRun(loader, RunMask(quote), count);
+        out.append(run, count);
         const char c = loader.GetChar();
         if (c == 0) {
             return 0;
@@ -201,6 +254,135 @@ void TrimFormattingRange(const char* data, unsigned long& begin, unsigned long& 
 
 // The pending text of the element being read: starts at 32 bytes and grows to the larger of
 // double its size and what is needed.
+}  // namespace
+
+// ---- Arena ----
+
+// Bump allocation in blocks that grow from 4 KB to 1 MB; nothing placed here is freed on its
+// own. Every element placed here holds one reference, and the reader that fills the arena
+// holds one while it reads; the arena frees its blocks and itself with the last reference.
+// References may go from any thread, so the count is atomic; it moves once per load and once
+// per freed run of elements, not once per element.
+class LXMLArena {
+public:
+    LXMLArena() = default;
+    LXMLArena(const LXMLArena&) = delete;
+    LXMLArena& operator=(const LXMLArena&) = delete;
+
+    void* Allocate(std::size_t size, std::size_t alignment) {
+        auto address = reinterpret_cast<std::uintptr_t>(m_pNext);
+        address = (address + alignment - 1) & ~(std::uintptr_t{alignment} - 1);
+        if (m_pNext == nullptr || address + size > reinterpret_cast<std::uintptr_t>(m_pEnd)) {
+            NewBlock(size + alignment);
+            address = reinterpret_cast<std::uintptr_t>(m_pNext);
+            address = (address + alignment - 1) & ~(std::uintptr_t{alignment} - 1);
+        }
+        m_pNext = reinterpret_cast<char*>(address + size);
+        return reinterpret_cast<void*>(address);
+    }
+    // A terminated copy of the text.
+    char* CopyText(const char* text, unsigned long length) {
+        char* copy = static_cast<char*>(Allocate(length + 1, 1));
+        std::memcpy(copy, text, length);
+        copy[length] = 0;
+        return copy;
+    }
+
+    void AddReferences(unsigned long count) {
+        m_nReferences.fetch_add(count, std::memory_order_relaxed);
+    }
+    void Release(unsigned long count) {
+        if (m_nReferences.fetch_sub(count, std::memory_order_acq_rel) == count) {
+            delete this;
+        }
+    }
+
+private:
+    struct Block {
+        Block* pNext;
+    };
+    static constexpr std::size_t kFirstBlock = 4096;
+    static constexpr std::size_t kLargestBlock = 1 << 20;
+
+    ~LXMLArena() {
+        while (m_pBlocks != nullptr) {
+            Block* next = m_pBlocks->pNext;
+            ::operator delete(m_pBlocks);
+            m_pBlocks = next;
+        }
+    }
+    void NewBlock(std::size_t needed) {
+        const std::size_t size = std::max(m_nBlockSize, needed + sizeof(Block));
+        auto* block = static_cast<Block*>(::operator new(size));
+        block->pNext = m_pBlocks;
+        m_pBlocks = block;
+        m_pNext = reinterpret_cast<char*>(block + 1);
+        m_pEnd = reinterpret_cast<char*>(block) + size;
+        m_nBlockSize = std::min(2 * m_nBlockSize, kLargestBlock);
+    }
+
+    Block* m_pBlocks = nullptr;
+    char* m_pNext = nullptr;
+    char* m_pEnd = nullptr;
+    std::size_t m_nBlockSize = kFirstBlock;
+    std::atomic<unsigned long> m_nReferences{1};
+};
+
+// One load's placement of new elements, their texts and attribute pairs in a fresh arena.
+// The references of the elements are added when the load ends (also when it ends by an
+// exception): until then nothing can free them, as only the tree being built reaches them.
+class LXMLReader {
+public:
+    LXMLReader() : m_pArena(new LXMLArena()) {}
+    LXMLReader(const LXMLReader&) = delete;
+    LXMLReader& operator=(const LXMLReader&) = delete;
+    ~LXMLReader() {
+        if (m_nElements != 0) {
+            m_pArena->AddReferences(m_nElements);
+        }
+        m_pArena->Release(1);
+    }
+
+    // A named element, or a text node when name is null.
+    LXMLElement* NewElement(const char* name, unsigned long length, bool preserve) {
+        auto* element =
+            ::new (m_pArena->Allocate(sizeof(LXMLElement), alignof(LXMLElement))) LXMLElement();
+        element->m_pArena = m_pArena;
+        ++m_nElements;
+        element->bPreserveSpace = preserve;
+        if (name != nullptr) {
+            element->name.Borrow(m_pArena->CopyText(name, length), length);
+        }
+        return element;
+    }
+    LXMLElement* NewText(const char* text, unsigned long length, bool preserve) {
+        LXMLElement* node = NewElement(nullptr, 0, preserve);
+        node->text.Borrow(m_pArena->CopyText(text, length), length);
+        return node;
+    }
+    // The pair's node, value object and texts all go to the arena; the table only links them.
+    void SetAttribute(LHashTable& table, const char* key, unsigned long keyLength,
+                      const char* value, unsigned long valueLength) {
+        LStringLongTemplate<char> keyText;
+        keyText.Attach(m_pArena->CopyText(key, keyLength), keyLength, keyLength + 1);
+        auto* valueText = ::new (m_pArena->Allocate(sizeof(LStringLongTemplate<char>),
+                                                    alignof(LStringLongTemplate<char>)))
+            LStringLongTemplate<char>();
+        valueText->Attach(m_pArena->CopyText(value, valueLength), valueLength, valueLength + 1);
+        auto* node = ::new (m_pArena->Allocate(sizeof(LHashTable::Node), alignof(LHashTable::Node)))
+            LHashTable::Node(LStringLongKey(std::move(keyText)), valueText);
+        table.SetBorrowed(node);
+    }
+
+    std::string m_value;  // the attribute value being read, reused
+
+private:
+    LXMLArena* m_pArena;
+    unsigned long m_nElements = 0;
+};
+
+namespace {
+
 class TextBuffer {
 public:
     TextBuffer() : m_data(new char[32]), m_capacity(32) {}
@@ -218,7 +400,7 @@ public:
         m_length += count;
     }
     // Appends the text (trimmed unless preserve) to parent as a text node when not empty.
-    void FlushInto(LXMLElement& parent, LXMLElement*& tail) {
+    void FlushInto(LXMLElement& parent, LXMLElement*& tail, LXMLReader& reader) {
         if (m_length == 0) {
             return;
         }
@@ -231,9 +413,8 @@ public:
         if (end == begin) {
             return;
         }
-        auto* node = new LXMLElement();
-        node->bPreserveSpace = parent.bPreserveSpace;
-        node->text.Assign(m_data.get() + begin, end - begin);
+        LXMLElement* node =
+            reader.NewText(m_data.get() + begin, end - begin, parent.bPreserveSpace);
         if (tail == nullptr) {
             parent.children.PushFront(node);
         } else {
@@ -355,6 +536,63 @@ bool LXMLLoaderTemplate<T>::TestCancel() {
 
 template class LXMLLoaderTemplate<char>;
 
+// ---- Texts ----
+
+LXMLString& LXMLString::operator=(const LXMLString& other) {
+    if (this != &other) {
+        if (other.m_pData == nullptr) {
+            Free();
+        } else {
+            Assign(other.m_pData, other.m_nLength);
+        }
+    }
+    return *this;
+}
+
+void LXMLString::Assign(const char* source, unsigned long length) {
+    // Copied before the old text goes: the source may lie inside it.
+    char* copy = new char[length + 1];
+    std::memcpy(copy, source, length);
+    copy[length] = 0;
+    Free();
+    m_pData = copy;
+    m_nLength = length;
+    m_bOwned = true;
+}
+
+void LXMLString::Assign(const char* source) {
+    if (source == nullptr) {
+        Free();
+    } else {
+        Assign(source, std::strlen(source));
+    }
+}
+
+void LXMLString::Borrow(const char* source, unsigned long length) {
+    Free();
+    m_pData = source;
+    m_nLength = length;
+}
+
+void LXMLString::Swap(LXMLString& other) noexcept {
+    std::swap(m_pData, other.m_pData);
+    std::swap(m_nLength, other.m_nLength);
+    std::swap(m_bOwned, other.m_bOwned);
+}
+
+void LXMLString::Free() {
+    if (m_bOwned) {
+        delete[] m_pData;
+    }
+    m_pData = nullptr;
+    m_nLength = 0;
+    m_bOwned = false;
+}
+
+bool LXMLString::operator==(const char* other) const {
+    return std::strcmp(GetText(), other != nullptr ? other : "") == 0;
+}
+
 // ---- Elements ----
 
 LXMLElement::LXMLElement(const char* elementName, bool preserve) : bPreserveSpace(preserve) {
@@ -363,8 +601,18 @@ LXMLElement::LXMLElement(const char* elementName, bool preserve) : bPreserveSpac
 
 LXMLElement::LXMLElement(const char* elementName, char stop, Loader& loader, bool preserve)
     : LXMLElement(elementName, preserve) {
-    if (ParseStartTag(stop, loader)) {
+    if (ParseStartTag(stop, loader, nullptr)) {
         LoadData(loader);
+    }
+}
+
+void LXMLElement::operator delete(LXMLElement* element, std::destroying_delete_t) {
+    LXMLArena* arena = element->m_pArena;
+    element->~LXMLElement();
+    if (arena != nullptr) {
+        arena->Release(1);
+    } else {
+        ::operator delete(element);
     }
 }
 
@@ -403,9 +651,12 @@ void LXMLElement::CopyFrom(const LXMLElement& other) {
 }
 
 // Frees the subtree without recursing: each node's children are spliced into the work list
-// before the node itself is deleted with an empty child list.
+// before the node itself is deleted with an empty child list. Nodes of an arena give their
+// references back in one step per run of nodes from the same arena.
 LXMLElement::~LXMLElement() {
     LXMLElement* pending = children.Detach();
+    LXMLArena* arena = nullptr;
+    unsigned long released = 0;
     while (pending != nullptr) {
         LXMLElement* node = pending;
         pending = node->pNext;
@@ -418,18 +669,34 @@ LXMLElement::~LXMLElement() {
             pending = kids;
         }
         node->pNext = nullptr;
-        delete node;
+        if (node->m_pArena == nullptr) {
+            delete node;
+            continue;
+        }
+        if (node->m_pArena != arena) {
+            if (released != 0) {
+                arena->Release(released);
+            }
+            arena = node->m_pArena;
+            released = 0;
+        }
+        node->~LXMLElement();
+        ++released;
+    }
+    if (released != 0) {
+        arena->Release(released);
     }
 }
 
-bool LXMLElement::ParseStartTag(char stop, Loader& loader) {
+bool LXMLElement::ParseStartTag(char stop, Loader& loader, LXMLReader* reader) {
     if (name[0] == '!') {
-        ParseSpecial(stop, loader);
+        ParseSpecial(stop, loader, reader);
         return false;
     }
     bool empty = false;
     char attributeName[kNameSize];
-    std::string value;
+    std::string ownValue;
+    std::string& value = reader != nullptr ? reader->m_value : ownValue;
     for (char c = stop;;) {
         if (c == '>') {
             return !empty && name[0] != '?';
@@ -441,7 +708,8 @@ bool LXMLElement::ParseStartTag(char stop, Loader& loader) {
         if (c == '/') {
             empty = true;
         }
-        c = XMLLoadTag(loader, attributeName);
+        unsigned long nameLength = 0;
+        c = XMLLoadTag(loader, attributeName, nameLength);
         value.clear();
         if (c == ' ' && loader.PeekChar() == '=') {
             c = loader.GetChar();
@@ -452,19 +720,22 @@ bool LXMLElement::ParseStartTag(char stop, Loader& loader) {
                 value.pop_back();
             }
         }
-        if (attributeName[0] != 0) {
-            if (strcasecmp(attributeName, "xml:space") == 0) {
-                bPreserveSpace = true;
-            } else {
-                attributes.SetString(attributeName, value.c_str());
-            }
+        if (nameLength == 0) {
+            continue;
+        }
+        if (strcasecmp(attributeName, "xml:space") == 0) {
+            bPreserveSpace = true;
+        } else if (reader != nullptr) {
+            reader->SetAttribute(attributes, attributeName, nameLength, value.data(), value.size());
+        } else {
+            attributes.SetString(attributeName, value.c_str());
         }
     }
 }
 
 // Comments, character data, the document type and any other '!' node keep the characters
 // after their name as they are, up to their terminator, as one text child.
-void LXMLElement::ParseSpecial(char stop, Loader& loader) {
+void LXMLElement::ParseSpecial(char stop, Loader& loader, LXMLReader* reader) {
     const char* terminator = nullptr;
     if (name == "![CDATA[") {
         terminator = "]]>";
@@ -512,10 +783,11 @@ void LXMLElement::ParseSpecial(char stop, Loader& loader) {
         }
         collected.push_back(c);
     }
-    auto* node = new LXMLElement();
-    node->bPreserveSpace = bPreserveSpace;
-    node->text.Assign(collected.c_str(), collected.size());
-    AppendChild(node);
+    if (reader != nullptr) {
+        AppendChild(reader->NewText(collected.data(), collected.size(), bPreserveSpace));
+    } else {
+        AddText(collected.c_str());
+    }
 }
 
 void LXMLElement::LoadData(Loader& loader) {
@@ -526,13 +798,14 @@ void LXMLElement::LoadData(Loader& loader) {
     };
     std::vector<Frame> stack;
     stack.push_back({this, nullptr});
+    LXMLReader reader;
     TextBuffer pending;
     char tag[kNameSize];
     while (!stack.empty()) {
         Frame& frame = stack.back();
         LXMLElement& element = *frame.element;
         if (loader.TestCancel()) {
-            pending.FlushInto(element, frame.tail);
+            pending.FlushInto(element, frame.tail, reader);
             return;
         }
         const char c = loader.GetChar();
@@ -540,7 +813,7 @@ void LXMLElement::LoadData(Loader& loader) {
             if (!element.name.IsNull()) {
                 loader.SetError(kEofMessage, element.name.GetText(), element.name.GetText());
             }
-            pending.FlushInto(element, frame.tail);
+            pending.FlushInto(element, frame.tail, reader);
             stack.pop_back();
             continue;
         }
@@ -555,24 +828,26 @@ void LXMLElement::LoadData(Loader& loader) {
             pending.Put(text, run);
             continue;
         }
-        const char stop = XMLLoadTag(loader, tag);
-        if (tag[0] != 0) {
-            pending.FlushInto(element, frame.tail);
-            auto* child = new LXMLElement(tag, element.bPreserveSpace);
+        unsigned long tagLength = 0;
+        const char stop = XMLLoadTag(loader, tag, tagLength);
+        if (tagLength != 0) {
+            pending.FlushInto(element, frame.tail, reader);
+            LXMLElement* child = reader.NewElement(tag, tagLength, element.bPreserveSpace);
             if (frame.tail == nullptr) {
                 element.children.PushFront(child);
             } else {
                 frame.tail->pNext = child;
             }
             frame.tail = child;
-            if (child->ParseStartTag(stop, loader)) {
+            if (child->ParseStartTag(stop, loader, &reader)) {
                 stack.push_back({child, nullptr});
             }
             continue;
         }
         if (stop == '/') {
             char endTag[kNameSize];
-            char s = XMLLoadTag(loader, endTag);
+            unsigned long endLength = 0;
+            char s = XMLLoadTag(loader, endTag, endLength);
             if (element.name.IsNull()) {
                 loader.SetError("Misplaced </%s> which does not match a <%s>.", endTag, endTag);
             } else if (std::strcmp(element.name.GetText(), endTag) != 0) {
@@ -587,7 +862,7 @@ void LXMLElement::LoadData(Loader& loader) {
         } else {
             loader.SetError("Misplaced < without name. Use &lt; instead of < if appropriate.");
         }
-        pending.FlushInto(element, frame.tail);
+        pending.FlushInto(element, frame.tail, reader);
         stack.pop_back();
     }
 }
@@ -744,7 +1019,7 @@ bool LXMLElement::Write(LStringLongTemplate<char>& out, int indent, bool format)
         PutTabs(out, indent);
     }
     out.AppendChar('<');
-    out.Append(name);
+    out.Append(name.GetText(), name.GetLength());
     const char first = name[0];
     if (first != '!') {
         const bool declaration = name == "?xml";
@@ -778,7 +1053,7 @@ bool LXMLElement::Write(LStringLongTemplate<char>& out, int indent, bool format)
     }
     auto endTag = [&] {
         out.Append("</");
-        out.Append(name);
+        out.Append(name.GetText(), name.GetLength());
         out.Append(format ? ">\n" : ">");
     };
     if (!special && hasElement) {
@@ -803,7 +1078,7 @@ bool LXMLElement::Write(LStringLongTemplate<char>& out, int indent, bool format)
     } else {
         if (first == '!') {
             for (const LXMLElement& child : children) {
-                out.Append(child.text);
+                out.Append(child.text.GetText(), child.text.GetLength());
             }
         }
         if (first == '?') {
