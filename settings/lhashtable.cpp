@@ -128,7 +128,12 @@ void LHashTableCopy(LHashTable& dest, const LHashTable& src) {
 // ---- Setting ----
 
 void LHashTable::SetBorrowed(Node* node) {
-    if (!m_bBorrowed && !m_tree.IsEmpty()) {
+    if (m_tree.IsEmpty()) {
+        m_tree.Insert(node);
+        m_bBorrowed = true;
+        return;
+    }
+    if (!m_bBorrowed) {
         SetString(node->m_key.GetText(), ValueText(node, ""));
         return;
     }

@@ -20,6 +20,7 @@
 #include "debug/lmemory.h"
 #include "file/lfile.h"
 #include "file/lfile_text.h"
+#include "settings/lxml_platform.h"
 #include "thread/lprocess_interface.h"
 
 namespace {
@@ -107,6 +108,9 @@ template <typename Sink>
 void XMLAmpChar(Loader& loader, Sink&& put) {
     char entity[kEntityLimit + 1];
     int n = 0;
+    // The first characters also gather in a register, so that the named entities are matched
+    // without reading back what was just stored byte by byte.
+    uint64_t word = 0;
     for (;;) {
         const char c = loader.GetChar();
         if (c == ';') {
@@ -116,17 +120,33 @@ void XMLAmpChar(Loader& loader, Sink&& put) {
             loader.SetError("%s", kSemicolonMessage);
             return;
         }
+        if (n < 8) {
+            word |= uint64_t{static_cast<unsigned char>(c)} << (8 * n);
+        }
         entity[n++] = c;
     }
     entity[n] = 0;
+    static constexpr auto kWord = [](const char* name) {
+        uint64_t w = 0;
+        for (int i = 0; name[i] != 0; ++i) {
+            w |= uint64_t{static_cast<unsigned char>(name[i])} << (8 * i);
+        }
+        return w;
+    };
     static constexpr struct {
-        const char* name;
+        uint64_t word;
         char c;
-    } kNamed[] = {{"amp", '&'}, {"lt", '<'}, {"gt", '>'}, {"quot", '"'}, {"apos", '\''}};
-    for (const auto& named : kNamed) {
-        if (std::strcmp(entity, named.name) == 0) {
-            put(named.c);
-            return;
+    } kNamed[] = {{kWord("amp"), '&'},
+                  {kWord("lt"), '<'},
+                  {kWord("gt"), '>'},
+                  {kWord("quot"), '"'},
+                  {kWord("apos"), '\''}};
+    if (n <= 4) {
+        for (const auto& named : kNamed) {
+            if (word == named.word) {
+                put(named.c);
+                return;
+            }
         }
     }
     if (entity[0] == '#') {
@@ -258,8 +278,9 @@ void TrimFormattingRange(const char* data, unsigned long& begin, unsigned long& 
 
 // ---- Arena ----
 
-// Bump allocation in blocks that grow from 4 KB to 1 MB; nothing placed here is freed on its
-// own. Every element placed here holds one reference, and the reader that fills the arena
+// Bump allocation in blocks that grow from 4 KB to 1 MB; once a load has taken 4 MB, in
+// large regions of huge pages instead (see lxml_platform.h). Nothing placed here is freed on
+// its own. Every element placed here holds one reference, and the reader that fills the arena
 // holds one while it reads; the arena frees its blocks and itself with the last reference.
 // References may go from any thread, so the count is atomic; it moves once per load and once
 // per freed run of elements, not once per element.
@@ -270,12 +291,10 @@ public:
     LXMLArena& operator=(const LXMLArena&) = delete;
 
     void* Allocate(std::size_t size, std::size_t alignment) {
-        auto address = reinterpret_cast<std::uintptr_t>(m_pNext);
-        address = (address + alignment - 1) & ~(std::uintptr_t{alignment} - 1);
+        std::uintptr_t address = Align(m_pNext, alignment);
         if (m_pNext == nullptr || address + size > reinterpret_cast<std::uintptr_t>(m_pEnd)) {
             NewBlock(size + alignment);
-            address = reinterpret_cast<std::uintptr_t>(m_pNext);
-            address = (address + alignment - 1) & ~(std::uintptr_t{alignment} - 1);
+            address = Align(m_pNext, alignment);
         }
         m_pNext = reinterpret_cast<char*>(address + size);
         return reinterpret_cast<void*>(address);
@@ -300,31 +319,58 @@ public:
 private:
     struct Block {
         Block* pNext;
+        std::size_t nMapped;  // the size of a large region; 0 for a heap block
     };
     static constexpr std::size_t kFirstBlock = 4096;
-    static constexpr std::size_t kLargestBlock = 1 << 20;
+    static constexpr std::size_t kLargestHeapBlock = 1 << 20;
+    static constexpr std::size_t kLargeAfter = 4 << 20;
+    static constexpr std::size_t kLargeBlock = 16 * kLXMLLargeBlockUnit;
+
+    static std::uintptr_t Align(const char* p, std::size_t alignment) {
+        return (reinterpret_cast<std::uintptr_t>(p) + alignment - 1) & ~(alignment - 1);
+    }
 
     ~LXMLArena() {
         while (m_pBlocks != nullptr) {
-            Block* next = m_pBlocks->pNext;
-            ::operator delete(m_pBlocks);
-            m_pBlocks = next;
+            Block* block = m_pBlocks;
+            m_pBlocks = block->pNext;
+            if (block->nMapped != 0) {
+                _LXMLUnmapLargeBlock(block, block->nMapped);
+            } else {
+                ::operator delete(block);
+            }
         }
     }
     void NewBlock(std::size_t needed) {
-        const std::size_t size = std::max(m_nBlockSize, needed + sizeof(Block));
-        auto* block = static_cast<Block*>(::operator new(size));
+        needed += sizeof(Block);
+        Block* block = nullptr;
+        std::size_t size = 0;
+        if (m_nTaken >= kLargeAfter) {
+            size = std::max(kLargeBlock,
+                            (needed + kLXMLLargeBlockUnit - 1) & ~(kLXMLLargeBlockUnit - 1));
+            block = static_cast<Block*>(_LXMLMapLargeBlock(size));
+            if (block != nullptr) {
+                block->nMapped = size;
+            }
+        }
+        if (block == nullptr) {
+            size = std::max(m_nBlockSize, needed);
+            block = static_cast<Block*>(::operator new(size));
+            block->nMapped = 0;
+            m_nBlockSize = std::min(2 * m_nBlockSize, kLargestHeapBlock);
+        }
         block->pNext = m_pBlocks;
         m_pBlocks = block;
         m_pNext = reinterpret_cast<char*>(block + 1);
         m_pEnd = reinterpret_cast<char*>(block) + size;
-        m_nBlockSize = std::min(2 * m_nBlockSize, kLargestBlock);
+        m_nTaken += size;
     }
 
     Block* m_pBlocks = nullptr;
     char* m_pNext = nullptr;
     char* m_pEnd = nullptr;
     std::size_t m_nBlockSize = kFirstBlock;
+    std::size_t m_nTaken = 0;
     std::atomic<unsigned long> m_nReferences{1};
 };
 
@@ -543,7 +589,7 @@ LXMLString& LXMLString::operator=(const LXMLString& other) {
         if (other.m_pData == nullptr) {
             Free();
         } else {
-            Assign(other.m_pData, other.m_nLength);
+            Assign(other.m_pData, other.GetLength());
         }
     }
     return *this;
@@ -556,8 +602,7 @@ void LXMLString::Assign(const char* source, unsigned long length) {
     copy[length] = 0;
     Free();
     m_pData = copy;
-    m_nLength = length;
-    m_bOwned = true;
+    m_nLength = length | kOwned;
 }
 
 void LXMLString::Assign(const char* source) {
@@ -577,16 +622,14 @@ void LXMLString::Borrow(const char* source, unsigned long length) {
 void LXMLString::Swap(LXMLString& other) noexcept {
     std::swap(m_pData, other.m_pData);
     std::swap(m_nLength, other.m_nLength);
-    std::swap(m_bOwned, other.m_bOwned);
 }
 
 void LXMLString::Free() {
-    if (m_bOwned) {
+    if ((m_nLength & kOwned) != 0) {
         delete[] m_pData;
     }
     m_pData = nullptr;
     m_nLength = 0;
-    m_bOwned = false;
 }
 
 bool LXMLString::operator==(const char* other) const {
@@ -650,23 +693,32 @@ void LXMLElement::CopyFrom(const LXMLElement& other) {
     }
 }
 
-// Frees the subtree without recursing: each node's children are spliced into the work list
-// before the node itself is deleted with an empty child list. Nodes of an arena give their
-// references back in one step per run of nodes from the same arena.
+// Frees the subtree without recursing: each node is deleted once its children are taken into
+// the walk, with the rest of its siblings set aside on a stack as deep as the tree. Nodes of
+// an arena give their references back in one step per run of nodes from the same arena.
 LXMLElement::~LXMLElement() {
-    LXMLElement* pending = children.Detach();
+    LXMLElement* next = children.Detach();
+    if (next == nullptr) {
+        return;
+    }
+    std::vector<LXMLElement*> later;
     LXMLArena* arena = nullptr;
     unsigned long released = 0;
-    while (pending != nullptr) {
-        LXMLElement* node = pending;
-        pending = node->pNext;
-        if (LXMLElement* kids = node->children.Detach()) {
-            LXMLElement* last = kids;
-            while (last->pNext != nullptr) {
-                last = last->pNext;
+    for (;;) {
+        if (next == nullptr) {
+            if (later.empty()) {
+                break;
             }
-            last->pNext = pending;
-            pending = kids;
+            next = later.back();
+            later.pop_back();
+        }
+        LXMLElement* node = next;
+        next = node->pNext;
+        if (LXMLElement* kids = node->children.Detach()) {
+            if (next != nullptr) {
+                later.push_back(next);
+            }
+            next = kids;
         }
         node->pNext = nullptr;
         if (node->m_pArena == nullptr) {
@@ -723,7 +775,7 @@ bool LXMLElement::ParseStartTag(char stop, Loader& loader, LXMLReader* reader) {
         if (nameLength == 0) {
             continue;
         }
-        if (strcasecmp(attributeName, "xml:space") == 0) {
+        if (nameLength == 9 && strcasecmp(attributeName, "xml:space") == 0) {
             bPreserveSpace = true;
         } else if (reader != nullptr) {
             reader->SetAttribute(attributes, attributeName, nameLength, value.data(), value.size());

@@ -98,11 +98,15 @@ public:
     LXMLString() = default;
     LXMLString(const LXMLString& other) {
         if (other.m_pData != nullptr) {
-            Assign(other.m_pData, other.m_nLength);
+            Assign(other.m_pData, other.GetLength());
         }
     }
     LXMLString& operator=(const LXMLString& other);
-    ~LXMLString() { Free(); }
+    ~LXMLString() {
+        if ((m_nLength & kOwned) != 0) {
+            delete[] m_pData;
+        }
+    }
 
     // Replaces the text with an owned copy.
     void Assign(const char* text, unsigned long length);
@@ -115,16 +119,18 @@ public:
 
     // Never null: a null string reads as "".
     const char* GetText() const { return m_pData != nullptr ? m_pData : ""; }
-    unsigned long GetLength() const { return m_nLength; }
+    unsigned long GetLength() const { return m_nLength & ~kOwned; }
     bool IsNull() const { return m_pData == nullptr; }
-    bool IsEmpty() const { return m_nLength == 0; }
+    bool IsEmpty() const { return GetLength() == 0; }
     char operator[](unsigned long index) const { return GetText()[index]; }
     bool operator==(const char* other) const;
 
 private:
+    // The top bit of the length tells an owned copy, keeping an element small.
+    static constexpr unsigned long kOwned = 1ul << 63;
+
     const char* m_pData = nullptr;
     unsigned long m_nLength = 0;
-    bool m_bOwned = false;
 };
 
 class LXMLElement {
