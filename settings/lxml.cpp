@@ -391,19 +391,22 @@ public:
 
     // A named element, or a text node when name is null.
     LXMLElement* NewElement(const char* name, unsigned long length, bool preserve) {
+        // The name first: once placed, the element counts as a reference to be given back.
+        const char* copy = name != nullptr ? m_pArena->CopyText(name, length) : nullptr;
         auto* element =
             ::new (m_pArena->Allocate(sizeof(LXMLElement), alignof(LXMLElement))) LXMLElement();
         element->m_pArena = m_pArena;
         ++m_nElements;
         element->bPreserveSpace = preserve;
-        if (name != nullptr) {
-            element->name.Borrow(m_pArena->CopyText(name, length), length);
+        if (copy != nullptr) {
+            element->name.Borrow(copy, length);
         }
         return element;
     }
     LXMLElement* NewText(const char* text, unsigned long length, bool preserve) {
+        const char* copy = m_pArena->CopyText(text, length);
         LXMLElement* node = NewElement(nullptr, 0, preserve);
-        node->text.Borrow(m_pArena->CopyText(text, length), length);
+        node->text.Borrow(copy, length);
         return node;
     }
     // The pair's node, value object and texts all go to the arena; the table only links them.
