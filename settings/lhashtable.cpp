@@ -127,7 +127,43 @@ void LHashTableCopy(LHashTable& dest, const LHashTable& src) {
 
 // ---- Setting ----
 
+void LHashTable::SetBorrowed(Node* node) {
+    if (m_tree.IsEmpty()) {
+        m_tree.Insert(node);
+        m_bBorrowed = true;
+        return;
+    }
+    if (!m_bBorrowed) {
+        SetString(node->m_key.GetText(), ValueText(node, ""));
+        return;
+    }
+    if (Node* existing = FindNode(node->m_key.GetText())) {
+        existing->m_pValue = node->m_pValue;
+        return;
+    }
+    m_tree.Insert(node);
+    m_bBorrowed = true;
+}
+
+void LHashTable::Own() {
+    if (!m_bBorrowed) {
+        return;
+    }
+    // The borrowed nodes stay linked to each other and in memory after Forget, so they can be
+    // walked while their pairs are copied.
+    m_bBorrowed = false;
+    Node* root = m_tree.Forget();
+    Node* x = root;
+    while (x != nullptr && x->m_pLeft != nullptr) {
+        x = x->m_pLeft;
+    }
+    for (; x != nullptr; x = Tree::Next(x)) {
+        SetString(x->m_key.GetText(), ValueText(x, ""));
+    }
+}
+
 void LHashTable::SetString(const char* key, const char* value) {
+    Own();
     Node* node = FindNode(key);
     if (node != nullptr) {
         if (node->m_pValue != nullptr) {
@@ -143,6 +179,7 @@ void LHashTable::SetString(const char* key, const char* value) {
 }
 
 void LHashTable::AssignString(const char* key, LStringLongTemplate<char>& value) {
+    Own();
     Node* node = FindNode(key);
     if (node != nullptr) {
         if (node->m_pValue != nullptr) {
@@ -210,6 +247,7 @@ void LHashTable::GetString(const char* key, const char* defaultValue,
 }
 
 const char* LHashTable::GetParmTrim(const char* key, const char* defaultValue) {
+    Own();
     Node* node = FindNode(key);
     if (node == nullptr || node->m_pValue == nullptr) {
         return defaultValue;
@@ -274,6 +312,7 @@ bool LHashTable::TestFieldExists(const char* key) const {
 // ---- Removing ----
 
 void LHashTable::DeleteField(const char* key) {
+    Own();
     Node* node = FindNode(key);
     if (node != nullptr) {
         m_tree.Delete(node);
@@ -349,6 +388,7 @@ char* LHashTable::ParseString(const char* text) const {
 }
 
 void LHashTable::LoadHTTPString(const char* text) {
+    Own();
     if (text == nullptr || text[0] == 0) {
         return;
     }

@@ -11,6 +11,12 @@
 // Getters never fail: a missing key, or a node without a value object, gives the caller's
 // default. Pointers returned into the table stay valid until that pair is changed or removed.
 // A table is used by one thread at a time.
+//
+// Borrowed pairs: a builder that keeps many small tables in memory of its own (the XML reader
+// keeps every parsed element in one arena) enters pairs with SetBorrowed, so that filling and
+// freeing such a table costs no allocation. The table never frees or changes a borrowed node:
+// the first change through any other member copies every pair into owned nodes first. Texts
+// returned before that copy stay readable, because the borrowed memory outlives the table.
 #pragma once
 
 #include <cstring>
@@ -47,7 +53,9 @@ public:
     // Walks the pairs in ascending key order; may change the value under it.
     class Iterator {
     public:
-        explicit Iterator(LHashTable& table) : m_rTable(table), m_pNode(table.m_tree.First()) {}
+        // May change the table, so its pairs are made its own first.
+        explicit Iterator(LHashTable& table)
+            : m_rTable(table), m_pNode((table.Own(), table.m_tree.First())) {}
         bool IsValid() const { return m_pNode != nullptr; }
         explicit operator bool() const { return IsValid(); }
         Iterator& operator++() {
@@ -93,9 +101,15 @@ public:
     // Enters every pair of the source with SetString, in ascending order.
     LHashTable(const LHashTable& other);
     LHashTable& operator=(const LHashTable& other);
-    ~LHashTable() = default;
+    ~LHashTable() { Clear(); }
 
-    void Clear() { m_tree.Clear(); }
+    void Clear() {
+        if (m_bBorrowed) {
+            m_tree.Forget();
+            m_bBorrowed = false;
+        }
+        m_tree.Clear();
+    }
     bool IsEmpty() const { return m_tree.IsEmpty(); }
     // Number of nodes (duplicates from LoadHTTPString included), by walking the tree.
     unsigned long GetSize() const { return m_tree.GetCount(); }
@@ -136,6 +150,11 @@ public:
     bool TestFieldExists(const char* key) const;
     bool TestExists(const char* key) const { return TestFieldExists(key); }
 
+    // Enters a node whose key, value object and texts live in memory that outlives the table;
+    // the table only links it. An existing equal key takes the node's value instead. A table
+    // that already owns pairs copies the pair into an owned node instead.
+    void SetBorrowed(Node* node);
+
     // ---- Removing ----
     void DeleteField(const char* key);
     void DeleteParm(const char* key) { DeleteField(key); }
@@ -168,8 +187,11 @@ private:
     Node* FindNode(const char* key) const { return m_tree.Find(key); }
     const char* ValueText(const Node* node, const char* defaultValue) const;
     void CopyFrom(const LHashTable& other);
+    // Replaces borrowed nodes by owned copies, before any change.
+    void Own();
 
     Tree m_tree;
+    bool m_bBorrowed = false;  // every node is borrowed
 };
 
 // Enters every pair of src into dest with SetString: equal keys are overwritten, the other

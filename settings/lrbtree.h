@@ -79,6 +79,13 @@ public:
         Remove(node);
         delete node;
     }
+    // Empties the tree without freeing any node, for nodes whose memory belongs to someone
+    // else; the nodes keep their links, so a caller holding the old root can still walk them.
+    Node* Forget() {
+        Node* root = m_pRoot;
+        m_pRoot = nullptr;
+        return root;
+    }
     // Frees every node.
     void Clear() {
         FreeSubtree(m_pRoot);

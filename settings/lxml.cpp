@@ -6,6 +6,9 @@
 
 #include <strings.h>
 
+#include <algorithm>
+#include <array>
+#include <atomic>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -17,6 +20,7 @@
 #include "debug/lmemory.h"
 #include "file/lfile.h"
 #include "file/lfile_text.h"
+#include "settings/lxml_platform.h"
 #include "thread/lprocess_interface.h"
 
 namespace {
@@ -37,6 +41,43 @@ using Loader = LXMLLoaderTemplate<char>;
 
 bool IsNameStop(char c) {
     return c == '/' || c == '=' || c == '>' || c == ' ' || c == '\t' || c == '\n';
+}
+
+// Which characters end a run of plain name or value characters, by quoting state: outside
+// quotes the stops, both quotes, '&', line ends and the end; inside quotes only the closing
+// quote, '&', line ends and the end. A plain character is one the cursor returns as it is
+// and the readers store as it is, so a run can be taken in bulk.
+enum : unsigned char { kRunBare = 1, kRunDouble = 2, kRunSingle = 4 };
+constexpr std::array<unsigned char, 256> kRunEnds = [] {
+    std::array<unsigned char, 256> table{};
+    for (const unsigned char c : {'\0', '\r', '\n', '&'}) {
+        table[c] = kRunBare | kRunDouble | kRunSingle;
+    }
+    for (const unsigned char c : {'/', '=', '>', ' ', '\t', '"', '\''}) {
+        table[c] |= kRunBare;
+    }
+    table['"'] |= kRunDouble;
+    table['\''] |= kRunSingle;
+    return table;
+}();
+
+unsigned char RunMask(char quote) {
+    return quote == 0 ? kRunBare : (quote == '"' ? kRunDouble : kRunSingle);
+}
+
+// Consumes the plain characters ahead for the quoting state; returns where they start and
+// sets their number. Nothing here tests for cancelling: name and value reading never did.
+const char* TakeRun(Loader& loader, unsigned char mask, unsigned long& count) {
+    const char* start = loader.m_pText + loader.m_nPosition;
+    const auto* p = reinterpret_cast<const unsigned char*>(start);
+    unsigned long n = 0;
+    while ((kRunEnds[p[n]] & mask) == 0) {
+        ++n;
+    }
+    loader.m_nPosition += n;
+    loader.m_nColumn += static_cast<int>(n);
+    count = n;
+    return start;
 }
 
 // Code point 0 and values beyond the Unicode range have no UTF-8 form and give nothing.
@@ -67,6 +108,9 @@ template <typename Sink>
 void XMLAmpChar(Loader& loader, Sink&& put) {
     char entity[kEntityLimit + 1];
     int n = 0;
+    // The first characters also gather in a register, so that the named entities are matched
+    // without reading back what was just stored byte by byte.
+    uint64_t word = 0;
     for (;;) {
         const char c = loader.GetChar();
         if (c == ';') {
@@ -76,17 +120,33 @@ void XMLAmpChar(Loader& loader, Sink&& put) {
             loader.SetError("%s", kSemicolonMessage);
             return;
         }
+        if (n < 8) {
+            word |= uint64_t{static_cast<unsigned char>(c)} << (8 * n);
+        }
         entity[n++] = c;
     }
     entity[n] = 0;
+    static constexpr auto kWord = [](const char* name) {
+        uint64_t w = 0;
+        for (int i = 0; name[i] != 0; ++i) {
+            w |= uint64_t{static_cast<unsigned char>(name[i])} << (8 * i);
+        }
+        return w;
+    };
     static constexpr struct {
-        const char* name;
+        uint64_t word;
         char c;
-    } kNamed[] = {{"amp", '&'}, {"lt", '<'}, {"gt", '>'}, {"quot", '"'}, {"apos", '\''}};
-    for (const auto& named : kNamed) {
-        if (std::strcmp(entity, named.name) == 0) {
-            put(named.c);
-            return;
+    } kNamed[] = {{kWord("amp"), '&'},
+                  {kWord("lt"), '<'},
+                  {kWord("gt"), '>'},
+                  {kWord("quot"), '"'},
+                  {kWord("apos"), '\''}};
+    if (n <= 4) {
+        for (const auto& named : kNamed) {
+            if (word == named.word) {
+                put(named.c);
+                return;
+            }
         }
     }
     if (entity[0] == '#') {
@@ -113,8 +173,9 @@ void XMLAmpChar(Loader& loader, Sink&& put) {
 // Reads a tag or attribute name into a 260-byte buffer (259 characters kept) and returns
 // the character that ended it. The three special openings stop as soon as they are
 // complete, leaving the next character unread so that it becomes part of the node's text.
-char XMLLoadTag(Loader& loader, char* out) {
-    unsigned long n = 0;
+char XMLLoadTag(Loader& loader, char* out, unsigned long& length) {
+    unsigned long& n = length;
+    n = 0;
     char quote = 0;
     bool early = false;
     auto store = [&](char c) {
@@ -128,6 +189,15 @@ char XMLLoadTag(Loader& loader, char* out) {
         }
     };
     for (;;) {
+        // Runs go in bulk once the early stops can no longer apply (they are decided when the
+        // 3rd and 8th characters of a name beginning with '!' are stored).
+        if (n >= 8 || (n > 0 ? out[0] != '!' : loader.PeekChar() != '!')) {
+            unsigned long count = 0;
+            const char* run = TakeRun(loader, RunMask(quote), count);
+            const unsigned long keep = std::min(count, kNameSize - 1 - n);
+            std::memcpy(out + n, run, keep);
+            n += keep;
+        }
         const char c = loader.GetChar();
         if (c == 0) {
             out[n] = 0;
@@ -165,6 +235,9 @@ char XMLLoadAttribute(Loader& loader, std::string& out) {
     char quote = 0;
     auto store = [&](char c) { out.push_back(c); };
     for (;;) {
+        unsigned long count = 0;
+        const char* run = TakeRun(loader, RunMask(quote), count);
+        out.append(run, count);
         const char c = loader.GetChar();
         if (c == 0) {
             return 0;
@@ -201,6 +274,164 @@ void TrimFormattingRange(const char* data, unsigned long& begin, unsigned long& 
 
 // The pending text of the element being read: starts at 32 bytes and grows to the larger of
 // double its size and what is needed.
+}  // namespace
+
+// ---- Arena ----
+
+// Bump allocation in blocks that grow from 4 KB to 1 MB; once a load has taken 4 MB, in
+// large regions of huge pages instead (see lxml_platform.h). Nothing placed here is freed on
+// its own. Every element placed here holds one reference, and the reader that fills the arena
+// holds one while it reads; the arena frees its blocks and itself with the last reference.
+// References may go from any thread, so the count is atomic; it moves once per load and once
+// per freed run of elements, not once per element.
+class LXMLArena {
+public:
+    LXMLArena() = default;
+    LXMLArena(const LXMLArena&) = delete;
+    LXMLArena& operator=(const LXMLArena&) = delete;
+
+    void* Allocate(std::size_t size, std::size_t alignment) {
+        std::uintptr_t address = Align(m_pNext, alignment);
+        if (m_pNext == nullptr || address + size > reinterpret_cast<std::uintptr_t>(m_pEnd)) {
+            NewBlock(size + alignment);
+            address = Align(m_pNext, alignment);
+        }
+        m_pNext = reinterpret_cast<char*>(address + size);
+        return reinterpret_cast<void*>(address);
+    }
+    // A terminated copy of the text.
+    char* CopyText(const char* text, unsigned long length) {
+        char* copy = static_cast<char*>(Allocate(length + 1, 1));
+        std::memcpy(copy, text, length);
+        copy[length] = 0;
+        return copy;
+    }
+
+    void AddReferences(unsigned long count) {
+        m_nReferences.fetch_add(count, std::memory_order_relaxed);
+    }
+    void Release(unsigned long count) {
+        if (m_nReferences.fetch_sub(count, std::memory_order_acq_rel) == count) {
+            delete this;
+        }
+    }
+
+private:
+    struct Block {
+        Block* pNext;
+        std::size_t nMapped;  // the size of a large region; 0 for a heap block
+    };
+    static constexpr std::size_t kFirstBlock = 4096;
+    static constexpr std::size_t kLargestHeapBlock = 1 << 20;
+    static constexpr std::size_t kLargeAfter = 4 << 20;
+    static constexpr std::size_t kLargeBlock = 16 * kLXMLLargeBlockUnit;
+
+    static std::uintptr_t Align(const char* p, std::size_t alignment) {
+        return (reinterpret_cast<std::uintptr_t>(p) + alignment - 1) & ~(alignment - 1);
+    }
+
+    ~LXMLArena() {
+        while (m_pBlocks != nullptr) {
+            Block* block = m_pBlocks;
+            m_pBlocks = block->pNext;
+            if (block->nMapped != 0) {
+                _LXMLUnmapLargeBlock(block, block->nMapped);
+            } else {
+                ::operator delete(block);
+            }
+        }
+    }
+    void NewBlock(std::size_t needed) {
+        needed += sizeof(Block);
+        Block* block = nullptr;
+        std::size_t size = 0;
+        if (m_nTaken >= kLargeAfter) {
+            size = std::max(kLargeBlock,
+                            (needed + kLXMLLargeBlockUnit - 1) & ~(kLXMLLargeBlockUnit - 1));
+            block = static_cast<Block*>(_LXMLMapLargeBlock(size));
+            if (block != nullptr) {
+                block->nMapped = size;
+            }
+        }
+        if (block == nullptr) {
+            size = std::max(m_nBlockSize, needed);
+            block = static_cast<Block*>(::operator new(size));
+            block->nMapped = 0;
+            m_nBlockSize = std::min(2 * m_nBlockSize, kLargestHeapBlock);
+        }
+        block->pNext = m_pBlocks;
+        m_pBlocks = block;
+        m_pNext = reinterpret_cast<char*>(block + 1);
+        m_pEnd = reinterpret_cast<char*>(block) + size;
+        m_nTaken += size;
+    }
+
+    Block* m_pBlocks = nullptr;
+    char* m_pNext = nullptr;
+    char* m_pEnd = nullptr;
+    std::size_t m_nBlockSize = kFirstBlock;
+    std::size_t m_nTaken = 0;
+    std::atomic<unsigned long> m_nReferences{1};
+};
+
+// One load's placement of new elements, their texts and attribute pairs in a fresh arena.
+// The references of the elements are added when the load ends (also when it ends by an
+// exception): until then nothing can free them, as only the tree being built reaches them.
+class LXMLReader {
+public:
+    LXMLReader() : m_pArena(new LXMLArena()) {}
+    LXMLReader(const LXMLReader&) = delete;
+    LXMLReader& operator=(const LXMLReader&) = delete;
+    ~LXMLReader() {
+        if (m_nElements != 0) {
+            m_pArena->AddReferences(m_nElements);
+        }
+        m_pArena->Release(1);
+    }
+
+    // A named element, or a text node when name is null.
+    LXMLElement* NewElement(const char* name, unsigned long length, bool preserve) {
+        // The name first: once placed, the element counts as a reference to be given back.
+        const char* copy = name != nullptr ? m_pArena->CopyText(name, length) : nullptr;
+        auto* element =
+            ::new (m_pArena->Allocate(sizeof(LXMLElement), alignof(LXMLElement))) LXMLElement();
+        element->m_pArena = m_pArena;
+        ++m_nElements;
+        element->bPreserveSpace = preserve;
+        if (copy != nullptr) {
+            element->name.Borrow(copy, length);
+        }
+        return element;
+    }
+    LXMLElement* NewText(const char* text, unsigned long length, bool preserve) {
+        const char* copy = m_pArena->CopyText(text, length);
+        LXMLElement* node = NewElement(nullptr, 0, preserve);
+        node->text.Borrow(copy, length);
+        return node;
+    }
+    // The pair's node, value object and texts all go to the arena; the table only links them.
+    void SetAttribute(LHashTable& table, const char* key, unsigned long keyLength,
+                      const char* value, unsigned long valueLength) {
+        LStringLongTemplate<char> keyText;
+        keyText.Attach(m_pArena->CopyText(key, keyLength), keyLength, keyLength + 1);
+        auto* valueText = ::new (m_pArena->Allocate(sizeof(LStringLongTemplate<char>),
+                                                    alignof(LStringLongTemplate<char>)))
+            LStringLongTemplate<char>();
+        valueText->Attach(m_pArena->CopyText(value, valueLength), valueLength, valueLength + 1);
+        auto* node = ::new (m_pArena->Allocate(sizeof(LHashTable::Node), alignof(LHashTable::Node)))
+            LHashTable::Node(LStringLongKey(std::move(keyText)), valueText);
+        table.SetBorrowed(node);
+    }
+
+    std::string m_value;  // the attribute value being read, reused
+
+private:
+    LXMLArena* m_pArena;
+    unsigned long m_nElements = 0;
+};
+
+namespace {
+
 class TextBuffer {
 public:
     TextBuffer() : m_data(new char[32]), m_capacity(32) {}
@@ -218,7 +449,7 @@ public:
         m_length += count;
     }
     // Appends the text (trimmed unless preserve) to parent as a text node when not empty.
-    void FlushInto(LXMLElement& parent, LXMLElement*& tail) {
+    void FlushInto(LXMLElement& parent, LXMLElement*& tail, LXMLReader& reader) {
         if (m_length == 0) {
             return;
         }
@@ -231,9 +462,8 @@ public:
         if (end == begin) {
             return;
         }
-        auto* node = new LXMLElement();
-        node->bPreserveSpace = parent.bPreserveSpace;
-        node->text.Assign(m_data.get() + begin, end - begin);
+        LXMLElement* node =
+            reader.NewText(m_data.get() + begin, end - begin, parent.bPreserveSpace);
         if (tail == nullptr) {
             parent.children.PushFront(node);
         } else {
@@ -355,6 +585,60 @@ bool LXMLLoaderTemplate<T>::TestCancel() {
 
 template class LXMLLoaderTemplate<char>;
 
+// ---- Texts ----
+
+LXMLString& LXMLString::operator=(const LXMLString& other) {
+    if (this != &other) {
+        if (other.m_pData == nullptr) {
+            Free();
+        } else {
+            Assign(other.m_pData, other.GetLength());
+        }
+    }
+    return *this;
+}
+
+void LXMLString::Assign(const char* source, unsigned long length) {
+    // Copied before the old text goes: the source may lie inside it.
+    char* copy = new char[length + 1];
+    std::memcpy(copy, source, length);
+    copy[length] = 0;
+    Free();
+    m_pData = copy;
+    m_nLength = length | kOwned;
+}
+
+void LXMLString::Assign(const char* source) {
+    if (source == nullptr) {
+        Free();
+    } else {
+        Assign(source, std::strlen(source));
+    }
+}
+
+void LXMLString::Borrow(const char* source, unsigned long length) {
+    Free();
+    m_pData = source;
+    m_nLength = length;
+}
+
+void LXMLString::Swap(LXMLString& other) noexcept {
+    std::swap(m_pData, other.m_pData);
+    std::swap(m_nLength, other.m_nLength);
+}
+
+void LXMLString::Free() {
+    if ((m_nLength & kOwned) != 0) {
+        delete[] m_pData;
+    }
+    m_pData = nullptr;
+    m_nLength = 0;
+}
+
+bool LXMLString::operator==(const char* other) const {
+    return std::strcmp(GetText(), other != nullptr ? other : "") == 0;
+}
+
 // ---- Elements ----
 
 LXMLElement::LXMLElement(const char* elementName, bool preserve) : bPreserveSpace(preserve) {
@@ -363,8 +647,18 @@ LXMLElement::LXMLElement(const char* elementName, bool preserve) : bPreserveSpac
 
 LXMLElement::LXMLElement(const char* elementName, char stop, Loader& loader, bool preserve)
     : LXMLElement(elementName, preserve) {
-    if (ParseStartTag(stop, loader)) {
+    if (ParseStartTag(stop, loader, nullptr)) {
         LoadData(loader);
+    }
+}
+
+void LXMLElement::operator delete(LXMLElement* element, std::destroying_delete_t) {
+    LXMLArena* arena = element->m_pArena;
+    element->~LXMLElement();
+    if (arena != nullptr) {
+        arena->Release(1);
+    } else {
+        ::operator delete(element);
     }
 }
 
@@ -402,34 +696,62 @@ void LXMLElement::CopyFrom(const LXMLElement& other) {
     }
 }
 
-// Frees the subtree without recursing: each node's children are spliced into the work list
-// before the node itself is deleted with an empty child list.
+// Frees the subtree without recursing: each node is deleted once its children are taken into
+// the walk, with the rest of its siblings set aside on a stack as deep as the tree. Nodes of
+// an arena give their references back in one step per run of nodes from the same arena.
 LXMLElement::~LXMLElement() {
-    LXMLElement* pending = children.Detach();
-    while (pending != nullptr) {
-        LXMLElement* node = pending;
-        pending = node->pNext;
-        if (LXMLElement* kids = node->children.Detach()) {
-            LXMLElement* last = kids;
-            while (last->pNext != nullptr) {
-                last = last->pNext;
+    LXMLElement* next = children.Detach();
+    if (next == nullptr) {
+        return;
+    }
+    std::vector<LXMLElement*> later;
+    LXMLArena* arena = nullptr;
+    unsigned long released = 0;
+    for (;;) {
+        if (next == nullptr) {
+            if (later.empty()) {
+                break;
             }
-            last->pNext = pending;
-            pending = kids;
+            next = later.back();
+            later.pop_back();
+        }
+        LXMLElement* node = next;
+        next = node->pNext;
+        if (LXMLElement* kids = node->children.Detach()) {
+            if (next != nullptr) {
+                later.push_back(next);
+            }
+            next = kids;
         }
         node->pNext = nullptr;
-        delete node;
+        if (node->m_pArena == nullptr) {
+            delete node;
+            continue;
+        }
+        if (node->m_pArena != arena) {
+            if (released != 0) {
+                arena->Release(released);
+            }
+            arena = node->m_pArena;
+            released = 0;
+        }
+        node->~LXMLElement();
+        ++released;
+    }
+    if (released != 0) {
+        arena->Release(released);
     }
 }
 
-bool LXMLElement::ParseStartTag(char stop, Loader& loader) {
+bool LXMLElement::ParseStartTag(char stop, Loader& loader, LXMLReader* reader) {
     if (name[0] == '!') {
-        ParseSpecial(stop, loader);
+        ParseSpecial(stop, loader, reader);
         return false;
     }
     bool empty = false;
     char attributeName[kNameSize];
-    std::string value;
+    std::string ownValue;
+    std::string& value = reader != nullptr ? reader->m_value : ownValue;
     for (char c = stop;;) {
         if (c == '>') {
             return !empty && name[0] != '?';
@@ -441,7 +763,8 @@ bool LXMLElement::ParseStartTag(char stop, Loader& loader) {
         if (c == '/') {
             empty = true;
         }
-        c = XMLLoadTag(loader, attributeName);
+        unsigned long nameLength = 0;
+        c = XMLLoadTag(loader, attributeName, nameLength);
         value.clear();
         if (c == ' ' && loader.PeekChar() == '=') {
             c = loader.GetChar();
@@ -452,19 +775,22 @@ bool LXMLElement::ParseStartTag(char stop, Loader& loader) {
                 value.pop_back();
             }
         }
-        if (attributeName[0] != 0) {
-            if (strcasecmp(attributeName, "xml:space") == 0) {
-                bPreserveSpace = true;
-            } else {
-                attributes.SetString(attributeName, value.c_str());
-            }
+        if (nameLength == 0) {
+            continue;
+        }
+        if (nameLength == 9 && strcasecmp(attributeName, "xml:space") == 0) {
+            bPreserveSpace = true;
+        } else if (reader != nullptr) {
+            reader->SetAttribute(attributes, attributeName, nameLength, value.data(), value.size());
+        } else {
+            attributes.SetString(attributeName, value.c_str());
         }
     }
 }
 
 // Comments, character data, the document type and any other '!' node keep the characters
 // after their name as they are, up to their terminator, as one text child.
-void LXMLElement::ParseSpecial(char stop, Loader& loader) {
+void LXMLElement::ParseSpecial(char stop, Loader& loader, LXMLReader* reader) {
     const char* terminator = nullptr;
     if (name == "![CDATA[") {
         terminator = "]]>";
@@ -512,10 +838,11 @@ void LXMLElement::ParseSpecial(char stop, Loader& loader) {
         }
         collected.push_back(c);
     }
-    auto* node = new LXMLElement();
-    node->bPreserveSpace = bPreserveSpace;
-    node->text.Assign(collected.c_str(), collected.size());
-    AppendChild(node);
+    if (reader != nullptr) {
+        AppendChild(reader->NewText(collected.data(), collected.size(), bPreserveSpace));
+    } else {
+        AddText(collected.c_str());
+    }
 }
 
 void LXMLElement::LoadData(Loader& loader) {
@@ -526,13 +853,14 @@ void LXMLElement::LoadData(Loader& loader) {
     };
     std::vector<Frame> stack;
     stack.push_back({this, nullptr});
+    LXMLReader reader;
     TextBuffer pending;
     char tag[kNameSize];
     while (!stack.empty()) {
         Frame& frame = stack.back();
         LXMLElement& element = *frame.element;
         if (loader.TestCancel()) {
-            pending.FlushInto(element, frame.tail);
+            pending.FlushInto(element, frame.tail, reader);
             return;
         }
         const char c = loader.GetChar();
@@ -540,7 +868,7 @@ void LXMLElement::LoadData(Loader& loader) {
             if (!element.name.IsNull()) {
                 loader.SetError(kEofMessage, element.name.GetText(), element.name.GetText());
             }
-            pending.FlushInto(element, frame.tail);
+            pending.FlushInto(element, frame.tail, reader);
             stack.pop_back();
             continue;
         }
@@ -555,24 +883,26 @@ void LXMLElement::LoadData(Loader& loader) {
             pending.Put(text, run);
             continue;
         }
-        const char stop = XMLLoadTag(loader, tag);
-        if (tag[0] != 0) {
-            pending.FlushInto(element, frame.tail);
-            auto* child = new LXMLElement(tag, element.bPreserveSpace);
+        unsigned long tagLength = 0;
+        const char stop = XMLLoadTag(loader, tag, tagLength);
+        if (tagLength != 0) {
+            pending.FlushInto(element, frame.tail, reader);
+            LXMLElement* child = reader.NewElement(tag, tagLength, element.bPreserveSpace);
             if (frame.tail == nullptr) {
                 element.children.PushFront(child);
             } else {
                 frame.tail->pNext = child;
             }
             frame.tail = child;
-            if (child->ParseStartTag(stop, loader)) {
+            if (child->ParseStartTag(stop, loader, &reader)) {
                 stack.push_back({child, nullptr});
             }
             continue;
         }
         if (stop == '/') {
             char endTag[kNameSize];
-            char s = XMLLoadTag(loader, endTag);
+            unsigned long endLength = 0;
+            char s = XMLLoadTag(loader, endTag, endLength);
             if (element.name.IsNull()) {
                 loader.SetError("Misplaced </%s> which does not match a <%s>.", endTag, endTag);
             } else if (std::strcmp(element.name.GetText(), endTag) != 0) {
@@ -587,7 +917,7 @@ void LXMLElement::LoadData(Loader& loader) {
         } else {
             loader.SetError("Misplaced < without name. Use &lt; instead of < if appropriate.");
         }
-        pending.FlushInto(element, frame.tail);
+        pending.FlushInto(element, frame.tail, reader);
         stack.pop_back();
     }
 }
@@ -744,7 +1074,7 @@ bool LXMLElement::Write(LStringLongTemplate<char>& out, int indent, bool format)
         PutTabs(out, indent);
     }
     out.AppendChar('<');
-    out.Append(name);
+    out.Append(name.GetText(), name.GetLength());
     const char first = name[0];
     if (first != '!') {
         const bool declaration = name == "?xml";
@@ -778,7 +1108,7 @@ bool LXMLElement::Write(LStringLongTemplate<char>& out, int indent, bool format)
     }
     auto endTag = [&] {
         out.Append("</");
-        out.Append(name);
+        out.Append(name.GetText(), name.GetLength());
         out.Append(format ? ">\n" : ">");
     };
     if (!special && hasElement) {
@@ -803,7 +1133,7 @@ bool LXMLElement::Write(LStringLongTemplate<char>& out, int indent, bool format)
     } else {
         if (first == '!') {
             for (const LXMLElement& child : children) {
-                out.Append(child.text);
+                out.Append(child.text.GetText(), child.text.GetLength());
             }
         }
         if (first == '?') {

@@ -13,7 +13,16 @@
 // Attributes live in an LHashTable, so they come back in byte order of their names and a
 // repeated attribute keeps its last value. Children are owned by their parent and kept in
 // document order.
+//
+// Memory: a load places every element it reads, with its name, text and attribute pairs, in
+// one arena (LXMLArena), so that reading and freeing a large document costs a few block
+// allocations instead of several per element. Each element placed there holds a reference
+// on its arena, which is freed with the last of them; so an element taken out of its tree,
+// moved to another tree or deleted on its own behaves as any other. Elements made through
+// the API (new, AddElement, AddText, copies) and everything they own live on the heap.
 #pragma once
+
+#include <new>
 
 #include "platform/llist.h"
 #include "settings/lhashtable.h"
@@ -79,6 +88,51 @@ private:
 
 extern template class LXMLLoaderTemplate<char>;
 
+class LXMLArena;
+class LXMLReader;
+
+// The owned name or text of an element: null, or a terminated text that is either this
+// string's own heap copy or, for text read by a load, lives in the element's arena.
+class LXMLString {
+public:
+    LXMLString() = default;
+    LXMLString(const LXMLString& other) {
+        if (other.m_pData != nullptr) {
+            Assign(other.m_pData, other.GetLength());
+        }
+    }
+    LXMLString& operator=(const LXMLString& other);
+    ~LXMLString() {
+        if ((m_nLength & kOwned) != 0) {
+            delete[] m_pData;
+        }
+    }
+
+    // Replaces the text with an owned copy.
+    void Assign(const char* text, unsigned long length);
+    void Assign(const char* text);
+    // Points at a terminated text that outlives this string, which never frees it.
+    void Borrow(const char* text, unsigned long length);
+    void Swap(LXMLString& other) noexcept;
+    // Back to null.
+    void Free();
+
+    // Never null: a null string reads as "".
+    const char* GetText() const { return m_pData != nullptr ? m_pData : ""; }
+    unsigned long GetLength() const { return m_nLength & ~kOwned; }
+    bool IsNull() const { return m_pData == nullptr; }
+    bool IsEmpty() const { return GetLength() == 0; }
+    char operator[](unsigned long index) const { return GetText()[index]; }
+    bool operator==(const char* other) const;
+
+private:
+    // The top bit of the length tells an owned copy, keeping an element small.
+    static constexpr unsigned long kOwned = 1ul << 63;
+
+    const char* m_pData = nullptr;
+    unsigned long m_nLength = 0;
+};
+
 class LXMLElement {
 public:
     // A nameless element: the root of a document, or a text node once given text.
@@ -91,6 +145,12 @@ public:
     LXMLElement(const LXMLElement& other);
     LXMLElement& operator=(const LXMLElement& other);
     ~LXMLElement();
+
+    // Deleting an element placed in an arena gives its reference back instead of freeing the
+    // memory; one on the heap is freed as usual.
+    static void* operator new(std::size_t size) { return ::operator new(size); }
+    static void operator delete(void* memory) { ::operator delete(memory); }
+    static void operator delete(LXMLElement* element, std::destroying_delete_t);
 
     // Clears the children, then parses content up to this element's end tag (for a nameless
     // root, to the end of the text).
@@ -142,15 +202,19 @@ public:
     bool bPreserveSpace = false;
     LHashTable attributes;
     LList<LXMLElement> children;
-    LStringLongTemplate<char> name;  // null data for a text node or the root
-    LStringLongTemplate<char> text;
+    LXMLString name;  // null for a text node or the root
+    LXMLString text;
 
 private:
-    // Reads the attributes after the name; true when content follows.
-    bool ParseStartTag(char stop, LXMLLoaderTemplate<char>& loader);
-    void ParseSpecial(char stop, LXMLLoaderTemplate<char>& loader);
+    friend class LXMLReader;
+    // Reads the attributes after the name; true when content follows. With a reader, the
+    // pairs and the text child of a special node go to its arena.
+    bool ParseStartTag(char stop, LXMLLoaderTemplate<char>& loader, LXMLReader* reader);
+    void ParseSpecial(char stop, LXMLLoaderTemplate<char>& loader, LXMLReader* reader);
     void CopyFrom(const LXMLElement& other);
     bool Write(LStringLongTemplate<char>& out, int indent, bool format) const;
+
+    LXMLArena* m_pArena = nullptr;  // the arena holding this element's memory, if any
 };
 
 class LXMLDocument : public LXMLElement {

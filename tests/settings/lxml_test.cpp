@@ -12,6 +12,8 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <functional>
+#include <memory>
 #include <string>
 
 #include "tests/file/temp_tree.h"
@@ -295,6 +297,127 @@ TEST(XMLDocument, RoundTripsFilesOfThisMachine) {
     ASSERT_TRUE(g_bookmark_file_to_file(bookmarks, xbel.c_str(), nullptr));
     g_bookmark_file_free(bookmarks);
     ExpectRoundTrip(xbel);
+}
+
+// Loaded elements, their texts and attributes live in memory of their load: every way of
+// taking, changing or freeing them must leave the rest readable and free everything (the
+// sanitizer build checks both).
+TEST(XMLArena, LoadedElementsTakenChangedAndFreed) {
+    const char* text = "<r><a k=' 1 ' j='2'>x</a><b/><a k='3'/></r>";
+    const struct {
+        const char* what;
+        std::function<std::string(LXMLDocument&)> step;
+        std::string expected;
+    } cases[] = {
+        {"taken out, outlives its document",
+         [](LXMLDocument& d) {
+             std::unique_ptr<LXMLElement> a(d.GetElement("r")->children.PopFront());
+             d.children.Clear();
+             return Written(*a);
+         },
+         "<a j=\"2\" k=\" 1 \">x</a>\n"},
+        {"moved to another document that outlives it",
+         [](LXMLDocument& d) {
+             LXMLDocument other;
+             other.AppendChild(d.children.PopFront());
+             char error[260] = {};
+             LProcessInterfaceVoid never;
+             LXMLLoaderTemplate<char> loader("<t/>", error, never);
+             d.LoadData(loader);
+             return Written(other) + Written(d);
+         },
+         "<r>\n\t<a j=\"2\" k=\" 1 \">x</a>\n\t<b/>\n\t<a k=\"3\"/>\n</r>\n<t/>\n"},
+        {"every a deleted, one added",
+         [](LXMLDocument& d) {
+             d.GetElement("r")->DeleteElement("a");
+             d.GetElement("r")->AddElement("c")->AddText("y");
+             return Written(d);
+         },
+         "<r>\n\t<b/>\n\t<c>y</c>\n</r>\n"},
+        {"copied, then the original loaded again",
+         [](LXMLDocument& d) {
+             LXMLElement copy(*d.GetElement("r"));
+             Parsed p;
+             Parse(p, "<z/>");
+             d = p.doc;
+             return Written(copy) + Written(d);
+         },
+         "<r>\n\t<a j=\"2\" k=\" 1 \">x</a>\n\t<b/>\n\t<a k=\"3\"/>\n</r>\n<z/>\n"},
+        {"a loaded element assigned over another",
+         [](LXMLDocument& d) {
+             LXMLElement& r = *d.GetElement("r");
+             *r.GetElement("b") = *r.GetElement("a");
+             r.GetElement("a")->SetString("missing", "v");
+             return Written(r, false);
+         },
+         "<r><a j=\"2\" k=\" 1 \">x</a><a j=\"2\" k=\" 1 \">x</a><a k=\"3\"/></r>"},
+    };
+    for (const auto& c : cases) {
+        Parsed p;
+        Parse(p, text);
+        EXPECT_EQ(c.step(p.doc), c.expected) << c.what;
+    }
+}
+
+// Attributes read by a load are changed through every setter of their table; the pairs not
+// changed keep their text, also through a pointer taken before the change.
+TEST(XMLArena, LoadedAttributesChangedThroughTheirTable) {
+    const struct {
+        const char* what;
+        std::function<void(LHashTable&)> change;
+        const char* pairs;
+    } cases[] = {
+        {"set", [](LHashTable& t) { t.SetString("k", "9"); }, "j=2&k=9&n=x"},
+        {"added", [](LHashTable& t) { t.SetInt("m", 4); }, "j=2&k= 1 &m=4&n=x"},
+        {"deleted", [](LHashTable& t) { t.DeleteField("k"); }, "j=2&n=x"},
+        {"trimmed", [](LHashTable& t) { EXPECT_STREQ(t.GetParmTrim("k", ""), "1"); },
+         "j=2&k=1&n=x"},
+        {"through an iterator",
+         [](LHashTable& t) {
+             for (LHashTable::Iterator it(t); it; ++it) {
+                 if (std::strcmp(it.GetParm(), "n") == 0) {
+                     it.SetData("y");
+                 }
+             }
+         },
+         "j=2&k= 1 &n=y"},
+        {"query string", [](LHashTable& t) { t.LoadHTTPString("j=5"); }, "j=2&j=5&k= 1 &n=x"},
+        {"assigned", [](LHashTable& t) { t = LHashTable(t); }, "j=2&k= 1 &n=x"},
+        {"cleared", [](LHashTable& t) { t.Clear(); }, ""},
+    };
+    for (const auto& c : cases) {
+        Parsed p;
+        Parse(p, "<a k=' 1 ' j='1' n='x' j='2'/>");
+        LHashTable& table = p.doc.GetElement("a")->attributes;
+        const char* kept = table.GetParm("n", "");
+        c.change(table);
+        LStringLongTemplate<char> pairs;
+        table.SaveString(pairs);
+        EXPECT_STREQ(pairs.GetText(), c.pairs) << c.what;
+        EXPECT_STREQ(kept, "x") << c.what;
+    }
+}
+
+// A load large enough for the huge-page regions: an element taken from its middle outlives it.
+TEST(XMLArena, LargeLoadElementOutlivesItsDocument) {
+    std::string text = "<r>";
+    for (int i = 0; i < 60000; ++i) {
+        text += "<k n='" + std::to_string(i) + "' v='" + std::string(64, 'v') + "'/>";
+    }
+    text += "</r>";
+    Parsed p;
+    Parse(p, text.c_str());
+    ASSERT_STREQ(p.error, "");
+    LXMLElement& r = *p.doc.GetElement("r");
+    LXMLElement* middle = r.GetFirstChild();
+    for (int i = 0; i < 30000; ++i) {
+        middle = middle->pNext;
+    }
+    std::unique_ptr<LXMLElement> taken(
+        r.children.RemoveFirst([middle](const LXMLElement& e) { return &e == middle; }));
+    p.doc.children.Clear();
+    EXPECT_STREQ(taken->attributes.GetParm("n", ""), "30000");
+    EXPECT_EQ(taken->attributes.GetParm("v", ""), std::string(64, 'v'));
 }
 
 }  // namespace
