@@ -25,6 +25,9 @@ TEST(MainQueue, RunsItemsInOrderAndStopsAfterTheRunningItem) {
     LMainQueueAsync([] { LMainQueueStop(); });
     LMainQueueRun();
     EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3, 4}));
+    // A stop from another thread is kept even if it came before the run.
+    std::thread([] { LMainQueueStop(); }).join();
+    LMainQueueRun();
 }
 
 TEST(MainQueue, WorkQueuedFromOtherThreadsAndFromItemsIsRun) {
@@ -43,19 +46,11 @@ TEST(MainQueue, WorkQueuedFromOtherThreadsAndFromItemsIsRun) {
     LMainQueueAsync([&ran] { LMainQueueAsync([&ran] { ran += 1000; }); });
     EXPECT_EQ(LMainQueueDrain(0), 402u);
     EXPECT_EQ(ran.load(), 1400);
-}
-
-TEST(MainQueue, DrainWaitsForTheFirstItemOnly) {
+    // A drain waits for the first item only.
     EXPECT_EQ(LMainQueueDrain(1), 0u);
     std::thread later([] { LMainQueueAsync([] {}); });
     EXPECT_EQ(LMainQueueDrain(5000), 1u);
     later.join();
-}
-
-TEST(MainQueue, StopFromAnotherThreadEndsRun) {
-    std::thread stopper([] { LMainQueueStop(); });
-    LMainQueueRun();  // returns: the stop is kept even if it came before the run
-    stopper.join();
 }
 
 TEST(DispatchGroup, NotifyRunsOnMainQueueWhenCountReachesZero) {
