@@ -1,10 +1,11 @@
-// Queued notifications: worker posts delivered on the main thread in order, the draining
-// rule, teardown, worker reports and associated data.
+// Queued notifications (worker posts delivered on the main thread in order, the draining
+// rule, teardown, worker reports), the process interface's forms, and associated data.
 #include "thread/lqueued_notify.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <climits>
 #include <limits>
 #include <string>
@@ -14,6 +15,46 @@
 #include "thread/lthread_platform.h"
 
 namespace {
+
+// Records every call that reaches it; progress separately.
+class Recorder : public LProcessInterface {
+public:
+    bool IsToStop() override { return Log("IsToStop"), true; }
+    bool ProcessWait(unsigned int ms) override { return Log("ProcessWait", ms), true; }
+    int ProcessWaitSignal(LSignalObjectRef, unsigned int ms) override {
+        return Log("ProcessWaitSignal", ms), 1;
+    }
+    int ProcessWaitSignalObjectGroup(LSignalObjectGroup&, unsigned int ms) override {
+        return Log("ProcessWaitSignalObjectGroup", ms), 0;
+    }
+    void SetError(char const* text) override { Log(std::string("SetError ") + text); }
+    void SetStatus(char const* text, int level) override {
+        Log("SetStatus " + std::to_string(level) + " " + text);
+    }
+    void SetProgress(double p) override { progress.push_back(p); }
+    void SetProgressIndeterminateOn() override { Log("On"); }
+    void SetProgressIndeterminateOff() override { Log("Off"); }
+
+    void Log(std::string const& call, unsigned int ms) { Log(call + " " + std::to_string(ms)); }
+    void Log(std::string const& call) { calls.push_back(call); }
+    std::vector<std::string> calls;
+    std::vector<double> progress;
+};
+
+// The endless waits, then everything else, through `p`.
+void CallEveryWait(LProcessInterface& p, std::vector<int>& results, unsigned int ms) {
+    LSignalObject event;
+    LSignalObjectGroup group;
+    results = {p.ProcessWaitUntilStopped(), p.ProcessWaitSignalForever(event),
+               p.ProcessWaitSignalObjectGroupForever(group)};
+    if (ms != 0) {
+        results.insert(results.end(),
+                       {p.IsToStop(), p.ProcessWait(ms), p.ProcessWaitSignal(event, ms + 1),
+                        p.ProcessWaitSignalObjectGroup(group, ms + 2)});
+    }
+}
+
+std::string const kForever = " 4294967295";
 
 // Records each delivery as "code", "code=bytes" or "code:value", and where it ran.
 class RecordingHandler : public LQueuedNotifyDataHandler {
@@ -141,24 +182,6 @@ TEST_F(ThreadQueuedNotify, MainThreadCallsAtOnceOthersQueue) {
     EXPECT_EQ(n.count, 3);
 }
 
-// The main-thread side of a worker's reports.
-class TargetRecorder : public LProcessInterfaceVoid {
-public:
-    void SetError(char const* text) override { events.push_back(std::string("error:") + text); }
-    void SetStatus(char const* text, int level) override {
-        events.push_back("status" + std::to_string(level) + ":" + text);
-    }
-    void SetProgress(double p) override {
-        progress.push_back(p);
-        events.push_back("progress");
-    }
-    void SetProgressIndeterminateOn() override { events.push_back("on"); }
-    void SetProgressIndeterminateOff() override { events.push_back("off"); }
-
-    std::vector<std::string> events;
-    std::vector<double> progress;
-};
-
 class ReportingThread : public LThreadNotifyInterface {
 public:
     using LThreadNotifyInterface::LThreadNotifyInterface;
@@ -189,32 +212,30 @@ public:
 };
 
 TEST_F(ThreadNotifyInterface, WorkerReportsReachTheTargetOnTheMainThread) {
-    TargetRecorder target;
+    Recorder target;
     ReportingThread thread(&target);
     thread.EvQueuedNotifyData(6, nullptr, 0);  // codes above five are ignored
     thread.EvQueuedNotifyData(0, nullptr, 0);  // an error without bytes shows nothing
     thread.Start(0);
     thread.GetFinishedEvent().WaitSignal(LSignalInfinite);
-    EXPECT_TRUE(target.events.empty());
+    EXPECT_TRUE(target.calls.empty());
     DrainMainQueue();
     // Two level-0 statuses both deliver the second; level 2 is not reported.
-    std::vector<std::string> const progress(4, "progress");
-    std::vector<std::string> expected = {"error:boom", "status0:second", "status0:second",
-                                         "status1:" + std::string(259, 'L')};
-    expected.insert(expected.end(), progress.begin(), progress.end());
-    expected.insert(expected.end(), {"on", "off", "error:code 7"});
-    EXPECT_EQ(target.events, expected);
+    EXPECT_EQ(target.calls,
+              (std::vector<std::string>{"SetError boom", "SetStatus 0 second", "SetStatus 0 second",
+                                        "SetStatus 1 " + std::string(259, 'L'), "On", "Off",
+                                        "SetError code 7"}));
     EXPECT_EQ(target.progress, (std::vector<double>{12 * 0.01, -0.01, LONG_MAX * 0.01, 0.0}));
 }
 
 TEST_F(ThreadNotifyInterface, TeardownOrDestructionStopsDelivery) {
-    TargetRecorder target;
+    Recorder target;
     ReportingThread thread(&target);
     thread.Start(0);
     thread.GetFinishedEvent().WaitSignal(LSignalInfinite);
     thread.QueuedNotifyDataHandlerDestroy();
     DrainMainQueue();
-    EXPECT_TRUE(target.events.empty());
+    EXPECT_TRUE(target.calls.empty());
 
     auto* running = new ReportingThread(&target);
     running->chatty = true;
@@ -223,7 +244,81 @@ TEST_F(ThreadNotifyInterface, TeardownOrDestructionStopsDelivery) {
     usleep(2000);
     delete running;  // stops a body that is still reporting; its queued reports are dropped
     DrainMainQueue();
-    EXPECT_TRUE(target.events.empty());
+    EXPECT_TRUE(target.calls.empty());
+}
+
+TEST(ProcessInterface, EndlessFormsUseTheTimedFormsAndFormattedReportsAreCut) {
+    Recorder r;
+    std::vector<int> results;
+    CallEveryWait(r, results, 0);
+    EXPECT_EQ(results, (std::vector<int>{1, 1, 0}));
+    r.SetErrorF("%s", std::string(9000, 'a').c_str());
+    r.SetStatusF(3, "%d of %s", 7, "ten");
+    EXPECT_EQ(r.calls, (std::vector<std::string>{
+                           "ProcessWait" + kForever, "ProcessWaitSignal" + kForever,
+                           "ProcessWaitSignalObjectGroup" + kForever,
+                           "SetError " + std::string(8191, 'a'), "SetStatus 3 7 of ten"}));
+}
+
+TEST(ProcessInterfaceVoid, NeverStopsReallyWaitsAndReportsNowhere) {
+    LProcessInterfaceVoid v;
+    EXPECT_FALSE(v.IsToStop());
+    // Whole seconds and the milliseconds beyond them both count.
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(v.ProcessWait(1500));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500));
+    v.SetError("x");
+    v.SetStatus("x", 0);
+    v.SetProgress(0.5);
+    v.SetErrorF("%s", "x");
+
+    LSignalObject event, quiet;
+    LSignalObjectGroup group;
+    EXPECT_EQ(v.ProcessWaitSignal(event, 0), 2);
+    EXPECT_EQ(v.ProcessWaitSignalObjectGroup(group, 0), 2);
+    group.Add(quiet);
+    EXPECT_EQ(v.ProcessWaitSignalObjectGroup(group, 0), 2);
+    event.Signal();
+    EXPECT_EQ(v.ProcessWaitSignal(event, 0), 0);
+    group.Add(event);
+    EXPECT_EQ(v.ProcessWaitSignalObjectGroup(group, 0), 0);
+    EXPECT_EQ(v.ProcessWaitSignalObjectGroupForever(group), 0);
+}
+
+TEST(ProcessInterfaceNested, ForwardsStopWaitsAndErrorsButNotStatusOrProgress) {
+    Recorder parent;
+    LProcessInterfaceNested nested(&parent);
+    std::vector<int> results;
+    CallEveryWait(nested, results, 5);
+    nested.SetError("bad");
+    nested.SetStatus("status", 0);
+    nested.SetProgress(0.5);
+    nested.SetProgressIndeterminateOn();
+    EXPECT_EQ(results, (std::vector<int>{1, 1, 0, 1, 1, 1, 0}));
+    EXPECT_EQ(parent.calls,
+              (std::vector<std::string>{"ProcessWait" + kForever, "ProcessWaitSignal" + kForever,
+                                        "ProcessWaitSignalObjectGroup" + kForever, "IsToStop",
+                                        "ProcessWait 5", "ProcessWaitSignal 6",
+                                        "ProcessWaitSignalObjectGroup 7", "SetError bad"}));
+    EXPECT_TRUE(parent.progress.empty());
+}
+
+TEST(ProcessInterfaceSubProcess, MapsProgressAndIndentsStatus) {
+    Recorder parent;
+    LProcessInterfaceSubProcess sub(&parent, 0.5, 0.25);
+    sub.SetProgress(1.0);
+    sub.SetProgress(0.0);
+    sub.SetStatus("copying", 0);
+    sub.SetProgressIndeterminateOn();
+    sub.SetProgressIndeterminateOff();
+    sub.SetError("e");
+    // Nesting twice indents twice and composes the ranges.
+    LProcessInterfaceSubProcess inner(&sub, 0.5, 0.5);
+    inner.SetStatus("file", 0);
+    inner.SetProgress(1.0);
+    EXPECT_EQ(parent.progress, (std::vector<double>{0.75, 0.5, 0.75}));
+    EXPECT_EQ(parent.calls,
+              (std::vector<std::string>{"SetStatus 1 copying", "SetError e", "SetStatus 2 file"}));
 }
 
 TEST(AssociatedData, AttachesWrappedAndDirectData) {
