@@ -26,8 +26,7 @@ inline std::string ServiceExecutable() {
 }
 
 // Spawns argv with environ plus `extra` ("NAME=value") entries.
-inline pid_t Spawn(std::vector<std::string> const& argv, std::vector<std::string> extra,
-                   posix_spawn_file_actions_t const* actions = nullptr) {
+inline pid_t Spawn(std::vector<std::string> const& argv, std::vector<std::string> extra) {
     for (char** e = environ; *e; ++e)
         extra.emplace_back(*e);
     std::vector<char*> args, env;
@@ -38,7 +37,7 @@ inline pid_t Spawn(std::vector<std::string> const& argv, std::vector<std::string
     args.push_back(nullptr);
     env.push_back(nullptr);
     pid_t pid = -1;
-    return posix_spawn(&pid, args[0], actions, nullptr, args.data(), env.data()) == 0 ? pid : -1;
+    return posix_spawn(&pid, args[0], nullptr, nullptr, args.data(), env.data()) == 0 ? pid : -1;
 }
 
 class ServiceProcess {

@@ -2,6 +2,7 @@
 #include "thread/main_queue.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <thread>
@@ -25,8 +26,14 @@ TEST(MainQueue, RunsItemsInOrderAndStopsAfterTheRunningItem) {
     LMainQueueAsync([] { LMainQueueStop(); });
     LMainQueueRun();
     EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3, 4}));
-    // A stop from another thread is kept even if it came before the run.
-    std::thread([] { LMainQueueStop(); }).join();
+    // A stop from another thread ends a waiting run, and is kept if it comes before one.
+    std::thread stopper([] {
+        usleep(20000);
+        LMainQueueStop();
+    });
+    LMainQueueRun();
+    stopper.join();
+    std::thread(LMainQueueStop).join();
     LMainQueueRun();
 }
 
