@@ -24,10 +24,9 @@ exec {$ARGV[0]} @ARGV or die "$ARGV[0]: $!\n";'
 
 if [ "${1:-}" != --inside ]; then
     need_built
-    need_tool unshare util-linux
-    need_tool flock util-linux
-    need_tool mount mount
-    need_tool perl perl
+    for tool in unshare:util-linux flock:util-linux mount:mount perl:perl; do
+        need_tool "${tool%:*}" "${tool#*:}"
+    done
     [ "$(id -u)" -eq 0 ] || skip "needs root to mount a tmpfs over /Library"
     # Every mount of the test's namespace is private before anything is mounted in it, so
     # nothing the test mounts reaches the machine's own namespace; never shared propagation.
@@ -68,16 +67,11 @@ log=$work/commands.log
 bin=$work/bin
 mkdir -p "$bin" "$work/run"
 : >"$log"
-cat >"$bin/launchctl" <<LAUNCHCTL
-#!/bin/sh
-echo "launchctl \$*" >>"$log"
-LAUNCHCTL
-for tool in rm cp mkdir; do
-    cat >"$bin/$tool" <<WRAP
-#!/bin/sh
-echo "$tool \$*" >>"$log"
-exec /bin/$tool "\$@"
-WRAP
+# launchctl only records; rm, cp and mkdir record, then run the real tool.
+for tool in launchctl rm cp mkdir; do
+    run="exec /bin/$tool \"\$@\""
+    [ "$tool" = launchctl ] && run=
+    printf '#!/bin/sh\necho "%s $*" >>"%s"\n%s\n' "$tool" "$log" "$run" >"$bin/$tool"
 done
 chmod +x "$bin"/*
 
