@@ -99,13 +99,13 @@ TEST(EmbeddedPlists, LaunchdPlistNamesTheMachService) {
     std::string bytes;
     PlistPtr plist = Section(".launchd_plist", bytes);
     ASSERT_TRUE(plist);
-    EXPECT_EQ(Text(plist_dict_get_item(plist.get(), "Label")),
-              "com.tessalysoftware.KavelPL.VadHelper");
+    char const* const name = "com.tessalysoftware.KavelPL.VadHelper";
+    EXPECT_EQ(Text(plist_dict_get_item(plist.get(), "Label")), name);
     plist_t services = plist_dict_get_item(plist.get(), "MachServices");
     ASSERT_TRUE(services && plist_get_node_type(services) == PLIST_DICT);
     EXPECT_EQ(plist_dict_get_size(services), 1u);
-    plist_t entry = plist_dict_get_item(services, "com.tessalysoftware.KavelPL.VadHelper");
     uint8_t value = 0;
+    plist_t entry = plist_dict_get_item(services, name);
     ASSERT_TRUE(entry && plist_get_node_type(entry) == PLIST_BOOLEAN);
     plist_get_bool_val(entry, &value);
     EXPECT_TRUE(value);

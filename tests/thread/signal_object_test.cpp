@@ -23,7 +23,7 @@
 namespace {
 
 TEST(SignalObject, SignalTwiceResetOnceLeavesItUnsignalledWithoutBlocking) {
-    LSignalObject event;
+    LSignalObject event, b, c;
     int fd = event.GetRef().GetDescriptor();
     ASSERT_GE(fd, 0);
     EXPECT_TRUE(fcntl(fd, F_GETFL) & O_NONBLOCK);
@@ -36,16 +36,13 @@ TEST(SignalObject, SignalTwiceResetOnceLeavesItUnsignalledWithoutBlocking) {
     event.Reset();
     EXPECT_FALSE(event.IsSignaled());
     EXPECT_FALSE(event.WaitSignal(0));
-}
-
-TEST(SignalObject, DualAndTripleWaitsSeeAnyOfTheirEvents) {
-    LSignalObject a, b, c;
-    EXPECT_FALSE(a.GetRef().WaitSignalTriple(b, c, 0));
+    // Dual and triple waits see any of their events.
+    EXPECT_FALSE(event.GetRef().WaitSignalTriple(b, c, 0));
     c.Signal();
-    EXPECT_FALSE(a.GetRef().WaitSignalDual(b, 0));
-    EXPECT_TRUE(a.GetRef().WaitSignalTriple(b, c, 0));
+    EXPECT_FALSE(event.GetRef().WaitSignalDual(b, 0));
+    EXPECT_TRUE(event.GetRef().WaitSignalTriple(b, c, 0));
     b.Signal();
-    EXPECT_TRUE(a.GetRef().WaitSignalDual(b, 0));
+    EXPECT_TRUE(event.GetRef().WaitSignalDual(b, 0));
 }
 
 TEST(SignalObjectGroup, The257thEntryIsIgnoredWhetherAddedAloneOrInAGroup) {
