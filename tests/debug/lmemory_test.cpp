@@ -9,25 +9,25 @@
 
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "debug/lmemory_platform.h"
 
 namespace {
 
 TEST(Memory, ParsesTheTable) {
-    LMemoryCounts counts;
+    LMemoryCounts c;
     EXPECT_TRUE(
         _LMemoryParseCounts("MemTotal:  1000 kB\nMemFree: 200 kB\nActive: 300 kB\n"
                             "Inactive:  100 kB\nActive(anon): 7 kB\nUnevictable: 1 kB\n"
                             "SUnreclaim: 2 kB\nKernelStack: 3 kB\nPageTables: 4 kB\n"
                             "HugePages_Total: 5\n",
-                            counts));
-    EXPECT_EQ(counts.total, 1000u * 1024);
-    EXPECT_EQ(counts.free, 200u * 1024);
-    EXPECT_EQ(counts.active, 300u * 1024);
-    EXPECT_EQ(counts.inactive, 100u * 1024);
-    EXPECT_EQ(counts.wired, 10u * 1024);
-    EXPECT_FALSE(_LMemoryParseCounts("MemTotal: 1 kB\n", counts));
+                            c));
+    // Wired: what cannot be paged out (unevictable, slab, stacks, page tables).
+    EXPECT_EQ(
+        (std::vector{c.total, c.free, c.active, c.inactive, c.wired}),
+        (std::vector<decltype(c.total)>{1000 << 10, 200 << 10, 300 << 10, 100 << 10, 10 << 10}));
+    EXPECT_FALSE(_LMemoryParseCounts("MemTotal: 1 kB\n", c));
 }
 
 TEST(Memory, FiguresOfThisMachine) {

@@ -17,10 +17,8 @@
 
 using namespace std::chrono_literals;
 using helper_test::ServiceProcess;
-using vadctl::Event;
-using vadctl::EventQueue;
-using vadctl::Inbox;
 using vadctl::Value;
+using Values = std::optional<std::vector<Value>>;
 
 namespace {
 
@@ -31,49 +29,32 @@ long AsValue(void const* pointer) {
 // A client of the service as the application or the device sees it.
 class Client {
 public:
-    Client() : inbox_(std::make_shared<Inbox>(arVADHelperTxKeys, arVADHelperRxKeys)) {
-        connection_ = vadctl::ConnectToService(inbox_);
-    }
     ~Client() {
         if (connection_) {
             lxpc::xpc_connection_cancel(connection_);
             lxpc::xpc_release(connection_);
         }
     }
-
-    // Sends the values and returns the raw reply (caller releases), or null on an error.
-    lxpc::xpc_object_t SendRaw(std::initializer_list<std::pair<char const*, long>> values) {
+    // The decoded reply, or nothing on an error.
+    Values Send(std::initializer_list<std::pair<char const*, long>> values) {
         lxpc::xpc_object_t message = inbox_->keys.Encode(values);
-        lxpc::xpc_object_t reply =
-            lxpc::xpc_connection_send_message_with_reply_sync(connection_, message);
+        bool timedOut = false;
+        Values reply = vadctl::SendAndWait(connection_, message, inbox_->keys, 10s, timedOut);
         lxpc::xpc_release(message);
-        if (reply && lxpc::xpc_get_type(reply) != lxpc::XPC_TYPE_DICTIONARY) {
-            lxpc::xpc_release(reply);
-            return nullptr;
-        }
         return reply;
     }
-
-    std::optional<std::vector<Value>> Send(
-        std::initializer_list<std::pair<char const*, long>> values) {
-        lxpc::xpc_object_t reply = SendRaw(values);
-        if (!reply)
-            return std::nullopt;
-        std::vector<Value> decoded = vadctl::Decode(reply, inbox_->keys.receive);
-        lxpc::xpc_release(reply);
-        return decoded;
+    Values Ask() { return Send({{"REQUEST_ENDPOINT", 1}}); }
+    Values Publish(void const* endpoint) { return Send({{"NEW_ENDPOINT", AsValue(endpoint)}}); }
+    // The values of the next message the service pushed within `timeout`, or nothing.
+    Values Pushed(std::chrono::milliseconds timeout) {
+        auto event = inbox_->events.Pop(timeout);
+        return event && !event->error ? Values(std::move(event->values)) : std::nullopt;
     }
-
-    // The next message the service pushed, within `timeout`.
-    std::optional<Event> Pushed(std::chrono::milliseconds timeout) {
-        return inbox_->events.Pop(timeout);
-    }
-
-    bool Connected() const { return connection_ != nullptr; }
 
 private:
-    std::shared_ptr<Inbox> inbox_;
-    lxpc::xpc_connection_t connection_ = nullptr;
+    std::shared_ptr<vadctl::Inbox> inbox_ =
+        std::make_shared<vadctl::Inbox>(arVADHelperTxKeys, arVADHelperRxKeys);
+    lxpc::xpc_connection_t connection_ = vadctl::ConnectToService(inbox_);
 };
 
 // The device's side: an anonymous listener whose endpoint is published, counting the
@@ -81,7 +62,6 @@ private:
 class Listener {
 public:
     Listener() {
-        listener_ = lxpc::xpc_connection_create(nullptr, nullptr);
         // The handler shares the queue: it may still run after this listener is gone.
         lxpc::xpc_connection_set_event_handler(
             listener_, [accepted = accepted_](lxpc::xpc_object_t peer) {
@@ -90,10 +70,9 @@ public:
                 lxpc::xpc_connection_set_event_handler(peer, [](lxpc::xpc_object_t) {});
                 lxpc::xpc_connection_resume(peer);
                 lxpc::xpc_connection_cancel(peer);
-                accepted->Push(Event{});
+                accepted->Push({});
             });
         lxpc::xpc_connection_resume(listener_);
-        endpoint_ = lxpc::xpc_endpoint_create(listener_);
     }
     ~Listener() {
         lxpc::xpc_release(endpoint_);
@@ -105,15 +84,18 @@ public:
     bool Accepted(std::chrono::milliseconds timeout) { return accepted_->Pop(timeout).has_value(); }
 
 private:
-    lxpc::xpc_connection_t listener_;
-    lxpc::xpc_endpoint_t endpoint_;
-    std::shared_ptr<EventQueue> accepted_ = std::make_shared<EventQueue>();
+    lxpc::xpc_connection_t listener_ = lxpc::xpc_connection_create(nullptr, nullptr);
+    lxpc::xpc_endpoint_t endpoint_ = lxpc::xpc_endpoint_create(listener_);
+    std::shared_ptr<vadctl::EventQueue> accepted_ = std::make_shared<vadctl::EventQueue>();
 };
 
-// Connects to `endpoint` and says something, so its listener sees the connection.
-void ConnectTo(lxpc::xpc_object_t endpoint) {
-    lxpc::xpc_connection_t direct = lxpc::xpc_connection_create_from_endpoint(endpoint);
-    ASSERT_NE(direct, nullptr);
+// Whether the "SEND_ENDPOINT" among `values` leads to `device`: connecting through it and
+// saying something reaches the device's listener within `wait`.
+bool Reaches(Values const& values, Listener& device, std::chrono::milliseconds wait = 5s) {
+    Value const* sent = values ? vadctl::Find(*values, "SEND_ENDPOINT") : nullptr;
+    if (!sent || !sent->object)
+        return false;
+    lxpc::xpc_connection_t direct = lxpc::xpc_connection_create_from_endpoint(sent->object);
     lxpc::xpc_connection_set_event_handler(direct, [](lxpc::xpc_object_t) {});
     lxpc::xpc_connection_resume(direct);
     lxpc::xpc_object_t hello = lxpc::xpc_dictionary_create(nullptr, nullptr, 0);
@@ -122,24 +104,7 @@ void ConnectTo(lxpc::xpc_object_t endpoint) {
     lxpc::xpc_release(hello);
     lxpc::xpc_connection_cancel(direct);
     lxpc::xpc_release(direct);
-}
-
-// The endpoint of a pushed "SEND_ENDPOINT", retained, or null.
-lxpc::xpc_object_t PushedEndpoint(std::optional<Event> const& event) {
-    if (!event || event->error)
-        return nullptr;
-    Value const* sent = vadctl::Find(event->values, "SEND_ENDPOINT");
-    return sent && sent->object ? lxpc::xpc_retain(sent->object) : nullptr;
-}
-
-// Asks for the stored endpoint as `app` and says whether it leads to `device`.
-bool StoredEndpointReaches(Client& app, Listener& device) {
-    auto answer = app.Send({{"REQUEST_ENDPOINT", 1}});
-    Value const* sent = answer ? vadctl::Find(*answer, "SEND_ENDPOINT") : nullptr;
-    if (!sent || !sent->object)
-        return false;
-    ConnectTo(sent->object);
-    return device.Accepted(5000ms);
+    return device.Accepted(wait);
 }
 
 class Broker : public ::testing::Test {
@@ -152,101 +117,56 @@ protected:
 
 }  // namespace
 
-TEST_F(Broker, RequestBeforePublishGetsEmptyReply) {
-    Client app;
-    ASSERT_TRUE(app.Connected());
-    lxpc::xpc_object_t reply = app.SendRaw({{"REQUEST_ENDPOINT", 1}});
-    ASSERT_NE(reply, nullptr);
-    EXPECT_EQ(lxpc::xpc_dictionary_get_count(reply), 0u);
-    lxpc::xpc_release(reply);
-    EXPECT_FALSE(app.Pushed(100ms).has_value());
-}
-
-TEST_F(Broker, PublishRepliesAndPushesToTheLastRequesterOnly) {
-    Client first, last;
-    ASSERT_TRUE(first.Send({{"REQUEST_ENDPOINT", 1}}));
+TEST_F(Broker, PublishRepliesPushesToTheLastRequesterOnlyAndReplacesTheStoredOne) {
+    // Before any endpoint: an empty reply, nothing pushed. Only an endpoint is published: a
+    // plain descriptor in its place is answered, neither pushed nor kept.
+    Client first, last, publisher, late;
+    Values empty = first.Ask();
+    EXPECT_TRUE(empty && empty->empty());
+    lxpc::xpc_object_t file = lxpc::xpc_fd_create(STDIN_FILENO);
+    Values reply = Client().Publish(file);
+    lxpc::xpc_release(file);
+    ASSERT_TRUE(reply && vadctl::Find(*reply, "NEW_ENDPOINT_REPLY"));
+    EXPECT_FALSE(first.Pushed(200ms));
+    empty = first.Ask();
+    EXPECT_TRUE(empty && empty->empty());
     ASSERT_TRUE(last.Send({{"REQUEST_ENDPOINT", 0}}));  // presence counts, not the value
 
-    Listener device;
-    Client publisher;
-    auto reply = publisher.Send({{"NEW_ENDPOINT", AsValue(device.Endpoint())}});
-    ASSERT_TRUE(reply);
-    Value const* published = vadctl::Find(*reply, "NEW_ENDPOINT_REPLY");
+    Listener device, newer;
+    reply = publisher.Publish(device.Endpoint());
+    Value const* published = reply ? vadctl::Find(*reply, "NEW_ENDPOINT_REPLY") : nullptr;
     ASSERT_NE(published, nullptr);
     EXPECT_EQ(published->number, 1);
-
-    lxpc::xpc_object_t endpoint = PushedEndpoint(last.Pushed(5000ms));
-    ASSERT_NE(endpoint, nullptr) << "no SEND_ENDPOINT pushed to the last requester";
-    EXPECT_FALSE(first.Pushed(200ms).has_value());
-    EXPECT_FALSE(publisher.Pushed(0ms).has_value());
-
     // The pushed endpoint is the device's own: connecting through it reaches its listener.
-    ConnectTo(endpoint);
-    lxpc::xpc_release(endpoint);
-    EXPECT_TRUE(device.Accepted(5000ms));
-
-    // A later request gets the stored endpoint in its reply.
-    Client late;
-    EXPECT_TRUE(StoredEndpointReaches(late, device));
-}
-
-TEST_F(Broker, ANewEndpointReplacesTheStoredOne) {
-    Listener older, newer;
-    Client publisher;
-    ASSERT_TRUE(publisher.Send({{"NEW_ENDPOINT", AsValue(older.Endpoint())}}));
-    ASSERT_TRUE(publisher.Send({{"NEW_ENDPOINT", AsValue(newer.Endpoint())}}));
-    Client app;
-    EXPECT_TRUE(StoredEndpointReaches(app, newer));
-    EXPECT_FALSE(older.Accepted(200ms));
+    EXPECT_TRUE(Reaches(last.Pushed(5s), device)) << "no push to the last requester";
+    EXPECT_FALSE(first.Pushed(200ms));
+    EXPECT_FALSE(publisher.Pushed(0ms));
+    // A later request gets the stored endpoint in its reply; a newer one replaces it.
+    EXPECT_TRUE(Reaches(late.Ask(), device));
+    ASSERT_TRUE(publisher.Publish(newer.Endpoint()));
+    EXPECT_TRUE(Reaches(late.Ask(), newer));
+    EXPECT_FALSE(device.Accepted(200ms));
 }
 
 TEST_F(Broker, AMessageWithBothKeysPublishesFirst) {
-    Client waiting;
-    ASSERT_TRUE(waiting.Send({{"REQUEST_ENDPOINT", 1}}));
-
+    Client waiting, both, publisher;
+    ASSERT_TRUE(waiting.Ask());
     // Publication first: the push goes to the requester stored before this message, and
     // the reply to the message itself is the publication's.
-    Listener device;
-    Client both;
-    auto reply = both.Send({{"NEW_ENDPOINT", AsValue(device.Endpoint())}, {"REQUEST_ENDPOINT", 1}});
-    ASSERT_TRUE(reply);
-    EXPECT_NE(vadctl::Find(*reply, "NEW_ENDPOINT_REPLY"), nullptr);
-    lxpc::xpc_object_t endpoint = PushedEndpoint(waiting.Pushed(5000ms));
-    ASSERT_NE(endpoint, nullptr) << "the earlier requester got no push";
-    lxpc::xpc_release(endpoint);
-
-    // ... and then the request: the sender of both keys is now the requester.
-    Listener second;
-    Client publisher;
-    ASSERT_TRUE(publisher.Send({{"NEW_ENDPOINT", AsValue(second.Endpoint())}}));
-    // The message holding both keys also got a second reply (the request's); whatever the
-    // transport makes of it, the push of the new endpoint must follow.
+    Listener device, second;
+    Values reply =
+        both.Send({{"NEW_ENDPOINT", AsValue(device.Endpoint())}, {"REQUEST_ENDPOINT", 1}});
+    EXPECT_TRUE(reply && vadctl::Find(*reply, "NEW_ENDPOINT_REPLY"));
+    EXPECT_TRUE(Reaches(waiting.Pushed(5s), device)) << "the earlier requester got no push";
+    // ... and then the request: the sender of both keys is now the requester. The message
+    // also got a second reply (the request's); whatever the transport makes of it, the push
+    // of the new endpoint must follow.
+    ASSERT_TRUE(publisher.Publish(second.Endpoint()));
     bool reachedSecond = false;
-    while (!reachedSecond) {
-        std::optional<Event> event = both.Pushed(5000ms);
-        if (!event)
-            break;
-        if (lxpc::xpc_object_t endpoint = PushedEndpoint(event)) {
-            ConnectTo(endpoint);
-            lxpc::xpc_release(endpoint);
-            reachedSecond = second.Accepted(1000ms);
-        }
-    }
+    for (Values pushed; !reachedSecond && (pushed = both.Pushed(5s));)
+        reachedSecond = Reaches(pushed, second, 1s);
     EXPECT_TRUE(reachedSecond) << "the sender of both keys did not become the requester";
-    EXPECT_FALSE(waiting.Pushed(200ms).has_value());
-}
-
-TEST_F(Broker, OnlyAnEndpointIsPublished) {
-    Client app;
-    ASSERT_TRUE(app.Send({{"REQUEST_ENDPOINT", 1}}));
-    // A plain descriptor in place of the endpoint: answered, neither pushed nor kept.
-    lxpc::xpc_object_t file = lxpc::xpc_fd_create(STDIN_FILENO);
-    auto reply = Client().Send({{"NEW_ENDPOINT", AsValue(file)}});
-    lxpc::xpc_release(file);
-    ASSERT_TRUE(reply && vadctl::Find(*reply, "NEW_ENDPOINT_REPLY"));
-    EXPECT_FALSE(app.Pushed(200ms).has_value());
-    auto stored = app.Send({{"REQUEST_ENDPOINT", 1}});
-    EXPECT_TRUE(stored && stored->empty());
+    EXPECT_FALSE(waiting.Pushed(200ms));
 }
 
 // A requester that left is never confused with a newcomer given the same handle: the
@@ -256,55 +176,48 @@ TEST_F(Broker, APushNeverReachesANewcomer) {
     Listener device;
     int pushed = 0;
     for (int trial = 0; trial < 20; ++trial) {
-        ASSERT_TRUE(Client().Send({{"REQUEST_ENDPOINT", 1}}));
+        ASSERT_TRUE(Client().Ask());
         std::this_thread::sleep_for(20ms);  // the service lets it go
         Client newcomer;
-        ASSERT_TRUE(newcomer.Send({{"NEW_ENDPOINT", AsValue(device.Endpoint())}}));
+        ASSERT_TRUE(newcomer.Publish(device.Endpoint()));
         pushed += newcomer.Pushed(100ms).has_value();
     }
     EXPECT_EQ(pushed, 0);
 }
 
-TEST_F(Broker, AClientDyingMidExchangeLeavesTheServiceServing) {
-    std::string const tool = helper_test::ClientToolExecutable();
-    ASSERT_FALSE(tool.empty());
-    posix_spawn_file_actions_t quiet;
-    posix_spawn_file_actions_init(&quiet);
-    posix_spawn_file_actions_addopen(&quiet, 1, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&quiet, 2, "/dev/null", O_WRONLY, 0);
+// The client tool asking for the endpoint, silenced; the shell hands its process over to it.
+pid_t StartRequester() {
+    return helper_test::Spawn(
+        {"/bin/sh", "-c",
+         std::string("exec ") + VADCTL_EXE + " request --wait 20000 >/dev/null 2>&1"},
+        {});
+}
 
+TEST_F(Broker, AClientDyingMidExchangeLeavesTheServiceServing) {
     // An application that asked, got the endpoint pushed and is connecting to the device
     // when it is killed.
-    pid_t app = helper_test::Spawn({tool, "request", "--wait", "20000"}, {}, &quiet);
+    pid_t app = StartRequester();
     ASSERT_GT(app, 0);
-    Listener device;
+    Listener device, next;
     Client publisher;
     bool reached = false;
     for (int i = 0; i < 100 && !reached; ++i) {
-        ASSERT_TRUE(publisher.Send({{"NEW_ENDPOINT", AsValue(device.Endpoint())}}));
+        ASSERT_TRUE(publisher.Publish(device.Endpoint()));
         reached = device.Accepted(100ms);
     }
     ASSERT_TRUE(reached) << "the application never reached the device";
-    kill(app, SIGKILL);
-    waitpid(app, nullptr, 0);
-
-    // The dead client was the last requester: publishing again must not hurt the service.
-    ASSERT_TRUE(publisher.Send({{"NEW_ENDPOINT", AsValue(device.Endpoint())}}));
-
-    // A client killed right after it connected, maybe before it said anything.
-    pid_t early = helper_test::Spawn({tool, "request", "--wait", "20000"}, {}, &quiet);
-    ASSERT_GT(early, 0);
-    kill(early, SIGKILL);
-    waitpid(early, nullptr, 0);
-    posix_spawn_file_actions_destroy(&quiet);
-
+    // The dead client was the last requester: publishing again must not hurt the service;
+    // nor must a client killed right after it connected, maybe before it said anything.
+    for (pid_t client : {app, pid_t(0)}) {
+        client = client ? client : StartRequester();
+        kill(client, SIGKILL);
+        waitpid(client, nullptr, 0);
+        ASSERT_TRUE(publisher.Publish(device.Endpoint()));
+    }
     Client other;
-    ASSERT_TRUE(StoredEndpointReaches(other, device)) << "the service stopped serving";
-    Listener next;
-    ASSERT_TRUE(publisher.Send({{"NEW_ENDPOINT", AsValue(next.Endpoint())}}));
-    lxpc::xpc_object_t endpoint = PushedEndpoint(other.Pushed(5000ms));
-    ASSERT_NE(endpoint, nullptr);
-    lxpc::xpc_release(endpoint);
+    ASSERT_TRUE(Reaches(other.Ask(), device)) << "the service stopped serving";
+    ASSERT_TRUE(publisher.Publish(next.Endpoint()));
+    EXPECT_TRUE(Reaches(other.Pushed(5s), next));
 }
 
 // Started by a service manager that asked to be told (NOTIFY_SOCKET), the service says
@@ -319,7 +232,7 @@ TEST(Startup, TheServiceTellsItsManagerWhenItIsReady) {
     char said[256] = {};
     EXPECT_TRUE(poll(&wait, 1, 10000) == 1 && recv(manager, said, sizeof said - 1, 0) > 0);
     EXPECT_NE(std::string(said).find("READY=1"), std::string::npos) << said;
-    EXPECT_TRUE(Client().Send({{"REQUEST_ENDPOINT", 1}}).has_value());
+    EXPECT_TRUE(Client().Ask());
     close(manager);
     unlink(address.sun_path);
 }

@@ -5,12 +5,11 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
+#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <string>
 
-namespace fs = std::filesystem;
+#include "tests/file/temp_tree.h"
 
 namespace {
 
@@ -21,24 +20,9 @@ std::string InfoPlist(std::string const& versionEntry) {
            versionEntry + "</dict></plist>\n";
 }
 
-class BundleDir : public ::testing::Test {
-protected:
-    void SetUp() override {
-        char tmpl[] = "/tmp/bundle_version_test.XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        root_ = tmpl;
-    }
-    void TearDown() override { fs::remove_all(root_); }
-
-    std::string MakeBundle(std::string const& name, std::string const& plist) {
-        fs::path bundle = root_ / name;
-        fs::create_directories(bundle / "Contents");
-        std::ofstream(bundle / "Contents" / "Info.plist", std::ios::binary) << plist;
-        return bundle.string();
-    }
-
-    fs::path root_;
-};
+std::string Version(std::string const& version) {
+    return InfoPlist("<key>CFBundleVersion</key><string>" + version + "</string>");
+}
 
 }  // namespace
 
@@ -66,64 +50,46 @@ TEST(CompareVersions, DigitRunsByValueOtherBytesByByte) {
     }
 }
 
-TEST(VersionFromInfoPlist, XmlAndBinary) {
-    char version[kLVADHelperTextSize];
-    EXPECT_TRUE(LVADHelperVersionFromInfoPlist(
-        InfoPlist("<key>CFBundleVersion</key><string>1.10</string>"), version));
-    EXPECT_STREQ(version, "1.10");
-
+TEST(VersionFromInfoPlist, XmlAndBinaryAreReadLongOnesCutAndUnreadableIsZero) {
     // "bplist00", one dict of one key-value pair: "CFBundleVersion" -> "2.5".
     static char const kBinary[] =
         "bplist00\xd1\x01\x02_\x10\x0f"
         "CFBundleVersionS2.5\x08\x0b\x1d\x00\x00\x00\x00\x00\x00\x01\x01\x00\x00\x00\x00\x00"
         "\x00\x00\x03\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x21";
-    std::string const binary(kBinary, sizeof kBinary - 1);
-    EXPECT_TRUE(LVADHelperVersionFromInfoPlist(binary, version));
-    EXPECT_STREQ(version, "2.5");
-}
-
-TEST(VersionFromInfoPlist, UnreadableIsZero) {
-    for (std::string const& plist :
-         {std::string(), std::string("not a property list"), InfoPlist(""),
-          InfoPlist("<key>CFBundleVersion</key><integer>3</integer>"),
-          std::string("<plist version=\"1.0\"><array><string>1.2</string></array></plist>")}) {
-        char version[kLVADHelperTextSize] = "junk";
-        EXPECT_FALSE(LVADHelperVersionFromInfoPlist(plist, version)) << plist;
-        EXPECT_STREQ(version, "0") << plist;
-    }
-}
-
-TEST(VersionFromInfoPlist, LongVersionIsCut) {
-    char version[kLVADHelperTextSize];
     std::string const longVersion(400, '7');
-    EXPECT_TRUE(LVADHelperVersionFromInfoPlist(
-        InfoPlist("<key>CFBundleVersion</key><string>" + longVersion + "</string>"), version));
-    EXPECT_EQ(std::string(version), longVersion.substr(0, 259));
+    std::pair<std::string, char const*> const cases[] = {
+        {Version("1.10"), "1.10"},
+        {std::string(kBinary, sizeof kBinary - 1), "2.5"},
+        {Version(longVersion), nullptr},
+        {std::string(), "0"},
+        {"not a property list", "0"},
+        {InfoPlist(""), "0"},
+        {InfoPlist("<key>CFBundleVersion</key><integer>3</integer>"), "0"},
+        {"<plist version=\"1.0\"><array><string>1.2</string></array></plist>", "0"},
+    };
+    for (auto const& [plist, expected] : cases) {
+        char version[kLVADHelperTextSize] = "junk";
+        std::string const want = expected ? expected : longVersion.substr(0, 259);
+        EXPECT_EQ(LVADHelperVersionFromInfoPlist(plist, version), want != "0") << plist;
+        EXPECT_EQ(version, want) << plist;
+    }
 }
 
-TEST_F(BundleDir, ReadsContentsInfoPlistOrZero) {
-    std::string bundle =
-        MakeBundle("A.driver", InfoPlist("<key>CFBundleVersion</key><string>1.9</string>"));
-    char version[kLVADHelperTextSize];
-    EXPECT_TRUE(LVADHelperReadBundleVersion(bundle.c_str(), version));
-    EXPECT_STREQ(version, "1.9");
-    fs::create_directories(root_ / "Empty.driver");
-    for (std::string const& missing :
-         {(root_ / "none.driver").string(), (root_ / "Empty.driver").string(), std::string()}) {
-        strcpy(version, "junk");
-        EXPECT_FALSE(LVADHelperReadBundleVersion(missing.c_str(), version)) << missing;
-        EXPECT_STREQ(version, "0");
-    }
-    strcpy(version, "junk");
-    EXPECT_FALSE(LVADHelperReadBundleVersion(nullptr, version));
-    EXPECT_STREQ(version, "0");
-
+TEST(ReadBundleVersion, ReadsContentsInfoPlistOrZero) {
+    ltest::TempTree tree;
+    std::string const bundle = tree.MakeFile("A.driver/Contents/Info.plist", Version("1.9"));
+    tree.MakeFolder("Empty.driver");
     // A FIFO answers at once (nobody writes to it); a link to a good list is not followed.
-    for (char const* name : {"F.driver", "L.driver"})
-        fs::create_directories(root_ / name / "Contents");
-    ASSERT_EQ(mkfifo((root_ / "F.driver/Contents/Info.plist").c_str(), 0644), 0);
-    fs::create_symlink(fs::path(bundle) / "Contents/Info.plist",
-                       root_ / "L.driver/Contents/Info.plist");
-    for (char const* name : {"F.driver", "L.driver"})
-        EXPECT_FALSE(LVADHelperReadBundleVersion((root_ / name).c_str(), version)) << name;
+    ASSERT_EQ(mkfifo(tree.MakeFolder("F.driver/Contents").append("/Info.plist").c_str(), 0644), 0);
+    std::filesystem::create_symlink(bundle, tree.MakeFolder("L.driver/Contents") + "/Info.plist");
+    char version[kLVADHelperTextSize];
+    EXPECT_TRUE(LVADHelperReadBundleVersion(tree.Path("A.driver").c_str(), version));
+    EXPECT_STREQ(version, "1.9");
+    auto zero = [&](char const* path) {
+        strcpy(version, "junk");
+        return !LVADHelperReadBundleVersion(path, version) && std::string(version) == "0";
+    };
+    EXPECT_TRUE(zero(nullptr));
+    for (char const* name : {"none.driver", "Empty.driver", "F.driver", "L.driver", ""})
+        EXPECT_TRUE(zero(*name ? tree.Path(name).c_str() : "")) << name;
 }

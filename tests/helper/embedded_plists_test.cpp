@@ -9,46 +9,34 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <set>
 #include <string>
 #include <string_view>
 
 #include "service_process.h"
 
-namespace fs = std::filesystem;
-
 namespace {
 
-// The bytes of one section of the service executable, through objcopy.
-std::string Section(char const* name) {
+using PlistPtr = std::unique_ptr<void, decltype(&plist_free)>;
+
+// One section of the service executable, through objcopy, parsed (null when unreadable).
+PlistPtr Section(char const* name, std::string& bytes) {
     char tmpl[] = "/tmp/embedded_plists_test.XXXXXX";
-    if (!mkdtemp(tmpl))
-        return "";
-    fs::path out = fs::path(tmpl) / "section";
-    std::string command = std::string("objcopy -O binary --only-section=") + name + " '" +
-                          helper_test::ServiceExecutable() + "' '" + out.string() + "'";
-    std::string bytes;
+    std::string const out = std::string(mkdtemp(tmpl)) + "/section";
+    std::string const command = std::string("objcopy -O binary --only-section=") + name + " '" +
+                                helper_test::ServiceExecutable() + "' '" + out + "'";
     if (std::system(command.c_str()) == 0) {
         std::ifstream in(out, std::ios::binary);
         bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     }
-    fs::remove_all(tmpl);
-    return bytes;
+    std::filesystem::remove_all(tmpl);
+    plist_t root = nullptr;
+    plist_from_memory(bytes.data(), static_cast<uint32_t>(bytes.size()), &root);
+    return PlistPtr(root, plist_free);
 }
 
-struct Plist {
-    explicit Plist(std::string const& bytes) {
-        plist_from_memory(bytes.data(), static_cast<uint32_t>(bytes.size()), &root);
-    }
-    ~Plist() {
-        if (root)
-            plist_free(root);
-    }
-    plist_t root = nullptr;
-};
-
-std::string StringAt(plist_t dict, char const* key) {
-    plist_t item = plist_dict_get_item(dict, key);
+std::string Text(plist_t item) {
     if (!item || plist_get_node_type(item) != PLIST_STRING)
         return "<missing>";
     uint64_t length = 0;
@@ -80,29 +68,24 @@ bool ParseRequirement(std::string_view text, std::string& id, std::string& name)
 }  // namespace
 
 TEST(EmbeddedPlists, InfoPlistIdentifiesTheServiceAndItsClients) {
-    std::string bytes = Section(".info_plist");
-    ASSERT_FALSE(bytes.empty());
+    std::string bytes;
+    PlistPtr plist = Section(".info_plist", bytes);
     EXPECT_EQ(bytes.rfind("<?xml", 0), 0u);  // XML, the section holding nothing else
-    Plist plist(bytes);
-    ASSERT_NE(plist.root, nullptr);
-    ASSERT_EQ(plist_get_node_type(plist.root), PLIST_DICT);
-    EXPECT_EQ(StringAt(plist.root, "CFBundleIdentifier"), "com.tessalysoftware.KavelPL.VadHelper");
-    EXPECT_EQ(StringAt(plist.root, "CFBundleInfoDictionaryVersion"), "6.0");
-    EXPECT_EQ(StringAt(plist.root, "CFBundleName"), "KavelPLVadhelper");
-    EXPECT_EQ(StringAt(plist.root, "CFBundleVersion"), "1.1");
+    ASSERT_TRUE(plist && plist_get_node_type(plist.get()) == PLIST_DICT);
+    for (auto [key, value] :
+         {std::pair{"CFBundleIdentifier", "com.tessalysoftware.KavelPL.VadHelper"},
+          {"CFBundleInfoDictionaryVersion", "6.0"},
+          {"CFBundleName", "KavelPLVadhelper"},
+          {"CFBundleVersion", "1.1"}})
+        EXPECT_EQ(Text(plist_dict_get_item(plist.get(), key)), value) << key;
 
-    plist_t clients = plist_dict_get_item(plist.root, "SMAuthorizedClients");
-    ASSERT_NE(clients, nullptr);
-    ASSERT_EQ(plist_get_node_type(clients), PLIST_ARRAY);
+    plist_t clients = plist_dict_get_item(plist.get(), "SMAuthorizedClients");
+    ASSERT_TRUE(clients && plist_get_node_type(clients) == PLIST_ARRAY);
     ASSERT_EQ(plist_array_get_size(clients), 28u);
     // One requirement per edition, all signed with one certificate.
     std::set<std::string> identifiers, certificates;
     for (uint32_t i = 0; i < 28; ++i) {
-        plist_t item = plist_array_get_item(clients, i);
-        ASSERT_EQ(plist_get_node_type(item), PLIST_STRING);
-        uint64_t length = 0;
-        char const* chars = plist_get_string_ptr(item, &length);
-        std::string text(chars, length);
+        std::string const text = Text(plist_array_get_item(clients, i));
         std::string id, name;
         ASSERT_TRUE(ParseRequirement(text, id, name)) << text;
         identifiers.insert(id);
@@ -113,19 +96,17 @@ TEST(EmbeddedPlists, InfoPlistIdentifiesTheServiceAndItsClients) {
 }
 
 TEST(EmbeddedPlists, LaunchdPlistNamesTheMachService) {
-    std::string bytes = Section(".launchd_plist");
-    ASSERT_FALSE(bytes.empty());
-    Plist plist(bytes);
-    ASSERT_NE(plist.root, nullptr);
-    EXPECT_EQ(StringAt(plist.root, "Label"), "com.tessalysoftware.KavelPL.VadHelper");
-    plist_t services = plist_dict_get_item(plist.root, "MachServices");
-    ASSERT_NE(services, nullptr);
-    ASSERT_EQ(plist_get_node_type(services), PLIST_DICT);
+    std::string bytes;
+    PlistPtr plist = Section(".launchd_plist", bytes);
+    ASSERT_TRUE(plist);
+    char const* const name = "com.tessalysoftware.KavelPL.VadHelper";
+    EXPECT_EQ(Text(plist_dict_get_item(plist.get(), "Label")), name);
+    plist_t services = plist_dict_get_item(plist.get(), "MachServices");
+    ASSERT_TRUE(services && plist_get_node_type(services) == PLIST_DICT);
     EXPECT_EQ(plist_dict_get_size(services), 1u);
-    plist_t entry = plist_dict_get_item(services, "com.tessalysoftware.KavelPL.VadHelper");
-    ASSERT_NE(entry, nullptr);
-    ASSERT_EQ(plist_get_node_type(entry), PLIST_BOOLEAN);
     uint8_t value = 0;
+    plist_t entry = plist_dict_get_item(services, name);
+    ASSERT_TRUE(entry && plist_get_node_type(entry) == PLIST_BOOLEAN);
     plist_get_bool_val(entry, &value);
     EXPECT_TRUE(value);
 }

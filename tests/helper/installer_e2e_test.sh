@@ -24,10 +24,9 @@ exec {$ARGV[0]} @ARGV or die "$ARGV[0]: $!\n";'
 
 if [ "${1:-}" != --inside ]; then
     need_built
-    need_tool unshare util-linux
-    need_tool flock util-linux
-    need_tool mount mount
-    need_tool perl perl
+    for tool in unshare:util-linux flock:util-linux mount:mount perl:perl; do
+        need_tool "${tool%:*}" "${tool#*:}"
+    done
     [ "$(id -u)" -eq 0 ] || skip "needs root to mount a tmpfs over /Library"
     # Every mount of the test's namespace is private before anything is mounted in it, so
     # nothing the test mounts reaches the machine's own namespace; never shared propagation.
@@ -68,16 +67,11 @@ log=$work/commands.log
 bin=$work/bin
 mkdir -p "$bin" "$work/run"
 : >"$log"
-cat >"$bin/launchctl" <<LAUNCHCTL
-#!/bin/sh
-echo "launchctl \$*" >>"$log"
-LAUNCHCTL
-for tool in rm cp mkdir; do
-    cat >"$bin/$tool" <<WRAP
-#!/bin/sh
-echo "$tool \$*" >>"$log"
-exec /bin/$tool "\$@"
-WRAP
+# launchctl only records; rm, cp and mkdir record, then run the real tool.
+for tool in launchctl rm cp mkdir; do
+    run="exec /bin/$tool \"\$@\""
+    [ "$tool" = launchctl ] && run=
+    printf '#!/bin/sh\necho "%s $*" >>"%s"\n%s\n' "$tool" "$log" "$run" >"$bin/$tool"
 done
 chmod +x "$bin"/*
 
@@ -89,18 +83,9 @@ RESTART=$'launchctl stop com.apple.audio.coreaudiod\nlaunchctl start com.apple.a
 # binary names it, so an installed copy can be told apart.
 make_bundle() {
     mkdir -p "$1/Contents/MacOS"
-    cat >"$1/Contents/Info.plist" <<PLIST
-<?xml version="1.0" encoding="UTF-8"?>
-<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
-<plist version="1.0">
-<dict>
-	<key>CFBundleIdentifier</key>
-	<string>com.tessalysoftware.KavelPLVirtualAudioDevice</string>
-	<key>CFBundleVersion</key>
-	<string>$2</string>
-</dict>
-</plist>
-PLIST
+    printf '%s\n' '<?xml version="1.0" encoding="UTF-8"?>' '<plist version="1.0"><dict>' \
+        '<key>CFBundleIdentifier</key><string>com.tessalysoftware.KavelPLVirtualAudioDevice</string>' \
+        "<key>CFBundleVersion</key><string>$2</string>" '</dict></plist>' >"$1/Contents/Info.plist"
     echo "driver $2" >"$1/Contents/MacOS/KavelPLVirtualAudioDevice"
 }
 
@@ -129,11 +114,13 @@ offer() {
 }
 
 installed_is() {
-    grep -qx "driver $1" "$DRIVER/Contents/MacOS/KavelPLVirtualAudioDevice" ||
-        fail "installed driver is not $1"
-    grep -q "<string>$1</string>" "$DRIVER/Contents/Info.plist" ||
-        fail "installed Info.plist is not $1"
+    grep -qx "driver $1" "$DRIVER/Contents/MacOS/KavelPLVirtualAudioDevice" &&
+        grep -q "<string>$1</string>" "$DRIVER/Contents/Info.plist" || fail "installed driver is not $1"
 }
+
+# bundle V: the offered bundle of version V; installing V: the commands that install it.
+bundle() { echo "$work/v$1/KavelPLVirtualAudioDevice.driver"; }
+installing() { printf 'rm -fr %s\ncp -fr %s %s\n%s' "$DRIVER" "$(bundle "$1")" "$DRIVER" "$RESTART"; }
 
 for v in 1.1 1.2 1.9 1.10 9.9; do
     make_bundle "$work/v$v/KavelPLVirtualAudioDevice.driver" "$v"
@@ -144,26 +131,18 @@ done
 #    more; after that up-to-date and older offers run nothing.
 mkdir -p /Library/Audio/Plug-Ins
 start_helper
-offer "$work/v1.9/KavelPLVirtualAudioDevice.driver" "mkdir $HAL
-rm -fr $DRIVER
-cp -fr $work/v1.9/KavelPLVirtualAudioDevice.driver $DRIVER
-$RESTART"
+offer "$(bundle 1.9)" "mkdir $HAL
+$(installing 1.9)"
 installed_is 1.9
-offer "$work/v1.10/KavelPLVirtualAudioDevice.driver" "rm -fr $DRIVER
-cp -fr $work/v1.10/KavelPLVirtualAudioDevice.driver $DRIVER
-$RESTART"
+offer "$(bundle 1.10)" "$(installing 1.10)"
 installed_is 1.10
-offer "$work/v1.10/KavelPLVirtualAudioDevice.driver" "$RESTART"
-offer "$work/v1.10/KavelPLVirtualAudioDevice.driver" ""
-offer "$work/v1.9/KavelPLVirtualAudioDevice.driver" ""
-installed_is 1.10
+offer "$(bundle 1.10)" "$RESTART"
+for v in 1.10 1.9; do offer "$(bundle $v)" ""; done
 
 # Offered paths that would change a shell command never reach one, although each is an
 #    existing folder holding a newer bundle; the reply is still true.
-evil_semicolon="$work/x;touch $work/pwned1"
-evil_blank="$work/with blank/KavelPLVirtualAudioDevice.driver"
-evil_subst="$work/a\$(touch $work/pwned2)"
-for evil in "$evil_semicolon" "$work/semi;id" "$evil_blank" "$evil_subst"; do
+for evil in "$work/x;touch $work/pwned1" "$work/semi;id" \
+    "$work/with blank/KavelPLVirtualAudioDevice.driver" "$work/a\$(touch $work/pwned2)"; do
     make_bundle "$evil" 9.9
     offer "$evil" ""
 done
@@ -176,44 +155,39 @@ stop_helper
 #    reinstalls nothing but restarts the audio daemon exactly once; the older edition stays.
 rm -rf /Library/*
 mkdir -p "$HAL" /Library/PrivilegedHelperTools /Library/LaunchDaemons
-cp -r "$work/v1.1/KavelPLVirtualAudioDevice.driver" "$DRIVER"
-make_bundle "$HAL/TessalyVirtualAudioDevice.driver" 3.0
-echo helper >/Library/PrivilegedHelperTools/com.tessalysoftware.vadhelper
-echo plist >/Library/LaunchDaemons/com.tessalysoftware.vadhelper.plist
+cp -r "$(bundle 1.1)" "$DRIVER"
+OLD=("$HAL/TessalyVirtualAudioDevice.driver" /Library/PrivilegedHelperTools/com.tessalysoftware.vadhelper
+    /Library/LaunchDaemons/com.tessalysoftware.vadhelper.plist)
+make_bundle "${OLD[0]}" 3.0
+echo helper >"${OLD[1]}"
+echo plist >"${OLD[2]}"
 start_helper
-offer "$work/v1.1/KavelPLVirtualAudioDevice.driver" "$RESTART"
-offer "$work/v1.1/KavelPLVirtualAudioDevice.driver" ""
+offer "$(bundle 1.1)" "$RESTART"
+offer "$(bundle 1.1)" ""
 installed_is 1.1
-[ -e "$HAL/TessalyVirtualAudioDevice.driver" ] || fail "older driver removed without an upgrade"
+[ -e "${OLD[0]}" ] || fail "older driver removed without an upgrade"
 
 # An upgrade removes the older edition's driver, helper and launchd list and stops it.
-offer "$work/v1.2/KavelPLVirtualAudioDevice.driver" "rm -fr $HAL/TessalyVirtualAudioDevice.driver
-rm -fr Library/PrivilegedHelperTools/com.tessalysoftware.vadhelper
-rm -fr /Library/LaunchDaemons/com.tessalysoftware.vadhelper.plist
+offer "$(bundle 1.2)" "rm -fr ${OLD[0]}
+rm -fr ${OLD[1]#/}
+rm -fr ${OLD[2]}
 launchctl stop com.tessalysoftware.vadhelper
-rm -fr $DRIVER
-cp -fr $work/v1.2/KavelPLVirtualAudioDevice.driver $DRIVER
-$RESTART"
+$(installing 1.2)"
 installed_is 1.2
-for gone in "$HAL/TessalyVirtualAudioDevice.driver" \
-    /Library/PrivilegedHelperTools/com.tessalysoftware.vadhelper \
-    /Library/LaunchDaemons/com.tessalysoftware.vadhelper.plist; do
+for gone in "${OLD[@]}"; do
     [ ! -e "$gone" ] || fail "$gone was not removed"
 done
-offer "$work/v1.2/KavelPLVirtualAudioDevice.driver" ""
+offer "$(bundle 1.2)" ""
 stop_helper
 
 # 3. An empty HAL folder: installed without making the folder; a bundle whose version
 #    cannot be read is never installed.
 rm -rf /Library/*
-mkdir -p "$HAL"
-mkdir -p "$work/noversion/KavelPLVirtualAudioDevice.driver"
+mkdir -p "$HAL" "$work/noversion/KavelPLVirtualAudioDevice.driver"
 start_helper
 offer "$work/noversion/KavelPLVirtualAudioDevice.driver" "$RESTART"
 [ ! -e "$DRIVER" ] || fail "a bundle without a version was installed"
-offer "$work/v1.1/KavelPLVirtualAudioDevice.driver" "rm -fr $DRIVER
-cp -fr $work/v1.1/KavelPLVirtualAudioDevice.driver $DRIVER
-$RESTART"
+offer "$(bundle 1.1)" "$(installing 1.1)"
 installed_is 1.1
 stop_helper
 
@@ -222,14 +196,12 @@ stop_helper
 #    the installer). A good offer is served right after them.
 rm -rf /Library/*
 mkdir -p "$HAL" "$work/fifo.driver/Contents"
-ln -s "$work/v1.9/KavelPLVirtualAudioDevice.driver" "$work/link.driver"
+ln -s "$(bundle 1.9)" "$work/link.driver"
 mkfifo "$work/fifo.driver/Contents/Info.plist"
 start_helper
 offer "$work/link.driver" ""
 offer "$work/fifo.driver" ""
-offer "$work/v1.1/KavelPLVirtualAudioDevice.driver" "rm -fr $DRIVER
-cp -fr $work/v1.1/KavelPLVirtualAudioDevice.driver $DRIVER
-$RESTART"
+offer "$(bundle 1.1)" "$(installing 1.1)"
 
 # 5. The installed socket's permissions: group-owned, 0660. Another user is refused at
 #    connect (and the tool names the socket); a member of the group is served.
@@ -239,13 +211,12 @@ chmod 0711 "$work" "$work/run"
 chgrp 4242 "$sock"
 chmod 0660 "$sock"
 : >"$log"
+as_user() { LXPC_SERVICE_DIR="$work/run" setpriv --reuid=65534 --regid=65534 "$@"; }
 rc=0
-out=$(LXPC_SERVICE_DIR="$work/run" setpriv --reuid=65534 --regid=65534 --clear-groups \
-    "$VADCTL" load-driver "$work/v1.2/KavelPLVirtualAudioDevice.driver" 2>&1) || rc=$?
+out=$(as_user --clear-groups "$VADCTL" load-driver "$(bundle 1.2)" 2>&1) || rc=$?
 [ "$rc" -eq 3 ] || fail "another user was not refused at connect (status $rc): $out"
 [[ $out == *"$sock"* ]] || fail "the refusal does not name the socket: $out"
 [ ! -s "$log" ] || fail "another user's offer ran commands"
-reply=$(LXPC_SERVICE_DIR="$work/run" setpriv --reuid=65534 --regid=65534 --groups=4242 \
-    "$VADCTL" request --wait 0) || fail "a member of the group was not served"
+reply=$(as_user --groups=4242 "$VADCTL" request --wait 0) || fail "a member of the group was not served"
 [ "$reply" = "SEND_ENDPOINT: none" ] || fail "a member of the group got '$reply'"
 stop_helper

@@ -1,5 +1,6 @@
-// The offered-path checks: shell syntax kept out of the installer's command lines, and
-// nothing but folders and plain files, within the size bound, copied by root.
+// The installer's guards: offered paths (shell syntax kept out of its command lines, nothing
+// but folders and plain files within the size bound copied by root) and the 512-byte
+// command line of LRunCommand with the shell's status.
 #include "helper/offered_path.h"
 
 #include <sys/stat.h>
@@ -7,51 +8,17 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <string>
+
+#include "helper/vadhelper_notify.h"
+#include "tests/file/temp_tree.h"
 
 namespace fs = std::filesystem;
 
-class OfferedPath : public ::testing::Test {
-protected:
-    void SetUp() override {
-        char tmpl[] = "/tmp/offered_path_test.XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        root_ = tmpl;
-    }
-    void TearDown() override { fs::remove_all(root_); }
+namespace {
 
-    std::string Folder(std::string const& name) {
-        fs::create_directories(root_ / name);
-        return (root_ / name).string();
-    }
-
-    fs::path root_;
-};
-
-TEST_F(OfferedPath, PlainBundleFoldersPass) {
-    EXPECT_TRUE(
-        LVADHelperIsOfferedPathAcceptable(Folder("KavelPLVirtualAudioDevice.driver").c_str()));
-    EXPECT_TRUE(LVADHelperIsOfferedPathAcceptable(Folder("a-b_c+d.1/e").c_str()));
-}
-
-TEST_F(OfferedPath, ShellSyntaxIsRefusedEvenWhenTheFolderExists) {
-    for (char const* name :
-         {"x;touch y", "with blank", "a$(id)", "a`id`", "a|b",  "a&b",  "a>b",
-          "a'b",       "a\"b",       "a*",     "a?",    "a~",   "a\\b", "a\tb",
-          "a\nb",      "a#b",        "a=b",    "a(b",   "a{b}", "a!b",  "caf\xc3\xa9"}) {
-        std::string path = Folder(name);
-        EXPECT_FALSE(LVADHelperIsOfferedPathAcceptable(path.c_str())) << path;
-    }
-}
-
-TEST_F(OfferedPath, RelativeMissingAndNonFoldersAreRefused) {
-    EXPECT_FALSE(LVADHelperIsOfferedPathAcceptable(nullptr));
-    EXPECT_FALSE(LVADHelperIsOfferedPathAcceptable(""));
-    EXPECT_FALSE(LVADHelperIsOfferedPathAcceptable("tmp"));
-    EXPECT_FALSE(LVADHelperIsOfferedPathAcceptable((root_ / "missing.driver").c_str()));
-    std::ofstream(root_ / "file.driver") << "x";
-    EXPECT_FALSE(LVADHelperIsOfferedPathAcceptable((root_ / "file.driver").c_str()));
+bool Acceptable(std::string const& path) {
+    return LVADHelperIsOfferedPathAcceptable(path.c_str());
 }
 
 // A bundle holding `count` names for one sparse file of 4 MiB.
@@ -63,17 +30,56 @@ void HardLinked(fs::path const& bundle, int count) {
         fs::create_hard_link(bundle / "Contents/f0", bundle / "Contents" / std::to_string(i));
 }
 
-TEST_F(OfferedPath, OnlyFoldersAndPlainFilesWithinTheBoundAreOffered) {
-    std::string const real = Folder("real/B.driver/Contents/MacOS");
-    fs::create_directory_symlink(root_ / "real", root_ / "via");
-    fs::create_directory_symlink(real, root_ / "link.driver");
-    mkfifo(Folder("fifo/Contents").append("/Info.plist").c_str(), 0644);
-    fs::create_symlink("/etc/passwd", Folder("inner/Contents/MacOS") + "/x");
-    HardLinked(root_ / "over", 65);
+}  // namespace
+
+TEST(OfferedPath, ShellSyntaxRelativeMissingAndNonFoldersAreRefused) {
+    ltest::TempTree tree;
+    EXPECT_TRUE(Acceptable(tree.MakeFolder("KavelPLVirtualAudioDevice.driver")));
+    EXPECT_TRUE(Acceptable(tree.MakeFolder("a-b_c+d.1/e")));
+    // Refused even though each folder exists.
+    for (char const* name :
+         {"x;touch y", "with blank", "a$(id)", "a`id`", "a|b",  "a&b",  "a>b",
+          "a'b",       "a\"b",       "a*",     "a?",    "a~",   "a\\b", "a\tb",
+          "a\nb",      "a#b",        "a=b",    "a(b",   "a{b}", "a!b",  "caf\xc3\xa9"})
+        EXPECT_FALSE(Acceptable(tree.MakeFolder(name))) << name;
+    EXPECT_FALSE(LVADHelperIsOfferedPathAcceptable(nullptr));
+    for (std::string const& path : {std::string(), std::string("tmp"), tree.Path("missing.driver"),
+                                    tree.MakeFile("f.driver")})
+        EXPECT_FALSE(Acceptable(path)) << path;
+}
+
+TEST(OfferedPath, OnlyFoldersAndPlainFilesWithinTheBoundAreOffered) {
+    ltest::TempTree tree;
+    fs::path const root = tree.root();
+    std::string const real = tree.MakeFolder("real/B.driver/Contents/MacOS");
+    fs::create_directory_symlink(root / "real", root / "via");
+    fs::create_directory_symlink(real, root / "link.driver");
+    mkfifo(tree.MakeFolder("fifo/Contents").append("/Info.plist").c_str(), 0644);
+    fs::create_symlink("/etc/passwd", tree.MakeFolder("inner/Contents/MacOS") + "/x");
+    HardLinked(root / "over", 65);
     for (char const* refused : {"via/B.driver", "link.driver", "real/../real/B.driver",
                                 "real/B.driver/", "fifo", "inner", "over"})
-        EXPECT_FALSE(LVADHelperIsOfferedPathAcceptable((root_ / refused).c_str())) << refused;
-    HardLinked(root_ / "within", 64);  // 256 MiB, every link counted
+        EXPECT_FALSE(Acceptable(tree.Path(refused))) << refused;
+    HardLinked(root / "within", 64);  // 256 MiB, every link counted
     for (char const* offered : {"real/B.driver", "within"})
-        EXPECT_TRUE(LVADHelperIsOfferedPathAcceptable((root_ / offered).c_str())) << offered;
+        EXPECT_TRUE(Acceptable(tree.Path(offered))) << offered;
+}
+
+TEST(RunCommand, TrueOnlyForANormalExitWithZeroAndCutAt511Characters) {
+    for (auto [command, ok] : {std::pair{"true", true},
+                               {"false", false},
+                               {"exit 3", false},
+                               {"kill -TERM $$", false},
+                               {"/nonexistent/command/x", false}})
+        EXPECT_EQ(LRunCommand("%s", command), ok) << command;
+    ltest::TempTree tree;
+    std::string const marker = tree.Path("after");
+    // Everything from the 512th byte on is dropped: the touch makes "af", not "after".
+    std::string const filler(504 - marker.size(), 'x');
+    EXPECT_TRUE(LRunCommand(": %s; touch %s", filler.c_str(), marker.c_str()));
+    EXPECT_FALSE(fs::exists(marker));
+    EXPECT_TRUE(fs::exists(marker.substr(0, marker.size() - 3)));
+    // Three bytes shorter, the whole command fills the buffer exactly.
+    EXPECT_TRUE(LRunCommand(": %s; touch %s", filler.c_str() + 3, marker.c_str()));
+    EXPECT_TRUE(fs::exists(marker));
 }

@@ -1,5 +1,5 @@
 // What the service's static initialiser leaves behind by the time main runs: every start-up
-// piece built, each usable by the ones after it.
+// piece built, each usable by the ones after it, and both message key tables filled in order.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -51,10 +51,27 @@ TEST(ServiceStartup, EveryPieceIsBuiltBeforeMain) {
     EXPECT_TRUE(LExceptionHandlerInstallerCreated());
     EXPECT_NE(fcntl(static_cast<int>(gLExceptionHandlerInstaller.exceptionPort), F_GETFD), -1);
     EXPECT_EQ(gAtMain.segv.sa_flags & (SA_SIGINFO | SA_ONSTACK), SA_SIGINFO | SA_ONSTACK);
-    // The main thread as the registry's first and only record (the tables: ServiceKeys).
+    // The main thread as the registry's first and only record.
     EXPECT_EQ(gAtMain.registeredThreads, 1u);
     EXPECT_EQ(gAtMain.firstThreadName, "MAIN");
     EXPECT_TRUE(gAtMain.firstThreadIsMain);
+}
+
+// Each table ends with an empty name of type 0 in its ninth entry.
+std::string Table(LXPCDictionaryKey const* table) {
+    std::string entries;
+    for (int i = 0; i < 9; ++i)
+        entries += std::string(table[i].szName) + ":" + std::to_string(table[i].type) + " ";
+    return entries;
+}
+
+TEST(ServiceStartup, KeyTablesAreFilledInOrder) {
+    EXPECT_EQ(Table(arVADHelperTxKeys),
+              "NEW_ENDPOINT:10 CLOSE_ENDPOINT:1 REQUEST_ENDPOINT:1 AUDIO_DATA:6 LOAD_DRIVER:8 "
+              "START_RECORDING:1 STOP_RECORDING:1 VOLUME_CHANGED:4 :0 ");
+    EXPECT_EQ(Table(arVADHelperRxKeys),
+              "NEW_ENDPOINT_REPLY:1 CLOSE_ENDPOINT_REPLY:1 SEND_ENDPOINT:10 AUDIO_DATA:6 "
+              "LOAD_DRIVER_REPLY:1 START_RECORDING:1 STOP_RECORDING:1 VOLUME_CHANGED:4 :0 ");
 }
 
 }  // namespace

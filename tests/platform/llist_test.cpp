@@ -8,84 +8,68 @@
 
 namespace {
 
+int deaths = 0, derivedDeaths = 0;
+
 struct Node {
-    explicit Node(int v) : value(v) {}
+    explicit Node(int v = 0) : value(v) {}
+    virtual ~Node() { ++deaths; }
     int value;
     Node* pNext = nullptr;
 };
 
-std::vector<int> Values(const LList<Node>& list) {
+struct Derived : Node {
+    ~Derived() override { ++derivedDeaths; }
+};
+
+std::vector<int> Values(LList<Node> const& list) {
     std::vector<int> out;
-    for (const Node& node : list) {
+    for (Node const& node : list) {
         out.push_back(node.value);
     }
     return out;
 }
 
-struct CountedBase {
-    explicit CountedBase(int* deaths) : deaths_(deaths) {}
-    virtual ~CountedBase() { ++*deaths_; }
-    CountedBase* pNext = nullptr;
-    int* deaths_;
-};
-
-struct CountedDerived : CountedBase {
-    CountedDerived(int* deaths, int* derivedDeaths)
-        : CountedBase(deaths), derivedDeaths_(derivedDeaths) {}
-    ~CountedDerived() override { ++*derivedDeaths_; }
-    int* derivedDeaths_;
-};
-
-TEST(LList, PushFrontReversesOrderAndCounts) {
+TEST(LList, PushFrontReversesOrderAndUnlinkingHandsNodesBack) {
     LList<Node> list;
     EXPECT_TRUE(list.IsEmpty());
     EXPECT_EQ(list.Count(), 0u);
-    for (int i = 1; i <= 4; ++i) {
-        list.PushFront(new Node(i));
-    }
-    EXPECT_EQ(Values(list), (std::vector<int>{4, 3, 2, 1}));
-    EXPECT_EQ(list.Count(), 4u);
-    EXPECT_EQ(list.Head()->value, 4);
-}
-
-TEST(LList, UnlinkingHandsNodesBack) {
-    LList<Node> list;
     Node* keep[5];
     for (int i = 0; i < 5; ++i) {
-        keep[i] = new Node(i);
-        list.PushFront(keep[i]);
+        list.PushFront(keep[i] = new Node(i));
     }
-    // Middle, last and first nodes each unlink cleanly.
-    Node* middle = list.RemoveFirst([](const Node& n) { return n.value == 2; });
-    ASSERT_EQ(middle, keep[2]);
-    EXPECT_EQ(middle->pNext, nullptr);
-    delete middle;
-    EXPECT_TRUE(list.Remove(keep[0]));
-    delete keep[0];
-    Node* front = list.PopFront();
-    EXPECT_EQ(front, keep[4]);
-    delete front;
+    EXPECT_EQ(Values(list), (std::vector<int>{4, 3, 2, 1, 0}));
+    EXPECT_EQ(list.Count(), 5u);
+    EXPECT_EQ(list.Head(), keep[4]);
+    // Middle, last and first nodes each unlink cleanly and come back without a link.
+    Node* unlinked[] = {list.RemoveFirst([](Node const& n) { return n.value == 2; }),
+                        list.Remove(keep[0]) ? keep[0] : nullptr, list.PopFront()};
+    EXPECT_EQ(unlinked[0], keep[2]);
+    EXPECT_EQ(unlinked[1], keep[0]);
+    EXPECT_EQ(unlinked[2], keep[4]);
+    for (Node* node : unlinked) {
+        EXPECT_EQ(node->pNext, nullptr);
+        delete node;
+    }
     EXPECT_EQ(Values(list), (std::vector<int>{3, 1}));
     // Absent nodes are left alone.
     Node stranger(9);
     EXPECT_FALSE(list.Remove(&stranger));
-    EXPECT_EQ(list.RemoveFirst([](const Node& n) { return n.value == 42; }), nullptr);
-    EXPECT_EQ(list.FindFirst([](const Node& n) { return n.value == 1; }), keep[1]);
+    EXPECT_EQ(list.RemoveFirst([](Node const& n) { return n.value == 42; }), nullptr);
+    EXPECT_EQ(list.FindFirst([](Node const& n) { return n.value == 1; }), keep[1]);
     EXPECT_EQ(list.Count(), 2u);
 }
 
 TEST(LList, OwnsNodesUntilDetached) {
-    int deaths = 0;
-    int derivedDeaths = 0;
+    deaths = derivedDeaths = 0;
     {
-        LList<CountedBase> list;
-        list.PushFront(new CountedBase(&deaths));
-        list.PushFront(new CountedDerived(&deaths, &derivedDeaths));
-        LList<CountedBase> moved(std::move(list));
+        LList<Node> list;
+        list.PushFront(new Node);
+        list.PushFront(new Derived);
+        LList<Node> moved(std::move(list));
         EXPECT_TRUE(list.IsEmpty());
         EXPECT_EQ(moved.Count(), 2u);
-        LList<CountedBase> assigned;
-        assigned.PushFront(new CountedBase(&deaths));
+        LList<Node> assigned;
+        assigned.PushFront(new Node);
         assigned = std::move(moved);  // the old node of `assigned` goes
         EXPECT_EQ(deaths, 1);
         EXPECT_EQ(assigned.Count(), 2u);
@@ -93,9 +77,9 @@ TEST(LList, OwnsNodesUntilDetached) {
     EXPECT_EQ(deaths, 3);
     EXPECT_EQ(derivedDeaths, 1);
 
-    LList<CountedBase> list;
-    list.PushFront(new CountedBase(&deaths));
-    CountedBase* chain = list.Detach();
+    LList<Node> list;
+    list.PushFront(new Node);
+    Node* chain = list.Detach();
     EXPECT_TRUE(list.IsEmpty());
     list.Clear();
     EXPECT_EQ(deaths, 3);

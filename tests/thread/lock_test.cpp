@@ -37,65 +37,45 @@ TEST(LockObject, IsRecursiveAndExcludesOtherThreads) {
     EXPECT_TRUE(tryFromOtherThread());
 }
 
-TEST(LockObjectShared, ExclusiveWaitsForTheLastReader) {
+TEST(LockObjectShared, ExclusiveWaitsForTheLastReaderAndReadersForTheDowngrade) {
     LLockObjectShared lock;
+    std::atomic<int> in{0};
+    auto contend = [&](bool exclusive) {
+        return std::thread([&, exclusive] {
+            exclusive ? lock.LockExclusive() : lock.LockShared();
+            ++in;
+            exclusive ? lock.UnlockExclusive() : lock.UnlockShared();
+        });
+    };
     lock.LockShared();
     lock.LockShared();
     EXPECT_EQ(lock.GetReaderCount(), 2);
-    std::atomic<bool> exclusive{false};
-    int guarded = 0;
-    std::thread writer([&] {
-        lock.LockExclusive();
-        exclusive = true;
-        guarded = 1;
-        lock.UnlockExclusive();
-    });
+    std::thread writer = contend(true);
     lock.UnlockShared();
     usleep(20000);
-    EXPECT_FALSE(exclusive.load());
+    EXPECT_EQ(in.load(), 0);
     lock.UnlockShared();
     writer.join();
-    lock.LockShared();
-    EXPECT_EQ(guarded, 1);
+    EXPECT_EQ(in.load(), 1);
     // A sole reader leaving wakes a waiting writer as well.
-    std::thread second([&] {
-        lock.LockExclusive();
-        guarded = 2;
-        lock.UnlockExclusive();
-    });
+    lock.LockShared();
+    writer = contend(true);
     usleep(20000);
     lock.UnlockShared();
-    second.join();
-    EXPECT_EQ(guarded, 2);
-    EXPECT_EQ(lock.GetReaderCount(), 0);
-}
-
-TEST(LockObjectShared, SoleReaderUpgradesAndDowngrades) {
-    LLockObjectShared lock;
+    writer.join();
+    EXPECT_EQ(in.load(), 2);
+    // A sole reader upgrades: exclusive now, another reader waits for the downgrade.
     lock.LockShared();
     lock.UpgradeLock();
-    // Exclusive now: another reader has to wait until the downgrade.
-    std::atomic<bool> readerIn{false};
-    std::thread reader([&] {
-        lock.LockShared();
-        readerIn = true;
-        lock.UnlockShared();
-    });
+    std::thread reader = contend(false);
     usleep(20000);
-    EXPECT_FALSE(readerIn.load());
+    EXPECT_EQ(in.load(), 2);
     lock.DowngradeLock();
     reader.join();
     EXPECT_EQ(lock.GetReaderCount(), 1);
     lock.UnlockShared();
+    EXPECT_EQ(in.load(), 3);
     EXPECT_EQ(lock.GetReaderCount(), 0);
-    lock.LockExclusive();
-    lock.UnlockExclusive();
-}
-
-TEST(SystemLockKey, HashOfTheName) {
-    EXPECT_EQ(LSystemLockMutex::MakeKey("UID"), 367844708u);
-    EXPECT_EQ(LSystemLockMutex::MakeKey(""), 11223u);
-    EXPECT_EQ(LSystemLockMutex::MakeKey("A"), 359201u);
 }
 
 // Each test opens its own set (named after the process and the test) and removes it after;
@@ -123,35 +103,50 @@ protected:
 };
 
 TEST_F(SystemLock, OpeningCreatesTheSetWithTheLockFreeAndReleasingItFreeRemovesIt) {
+    // The key is a hash of the name: every process must derive the same one.
+    EXPECT_EQ(LSystemLockMutex::MakeKey("UID"), 367844708u);
+    EXPECT_EQ(LSystemLockMutex::MakeKey(""), 11223u);
+    EXPECT_EQ(LSystemLockMutex::MakeKey("A"), 359201u);
     LSystemLockMutex lock(name_.c_str());
     ASSERT_TRUE(lock.IsValid());
     EXPECT_EQ(Value(lock), 1);
-    LSystemLockMutex again(name_.c_str());
-    EXPECT_EQ(again.GetSetId(), lock.GetSetId());
+    EXPECT_EQ(LSystemLockMutex(name_.c_str()).GetSetId(), lock.GetSetId());
     EXPECT_TRUE(lock.Lock(0));
     EXPECT_EQ(Value(lock), 0);
     lock.Unlock();
     EXPECT_EQ(Value(lock), 1);
     // Releasing a free lock (value above 0, this process made the last operation) removes
     // the set.
-    EXPECT_NE(semget(static_cast<key_t>(lock.GetKey()), 0, 0), -1);
     lock.Unlock();
     EXPECT_EQ(semget(static_cast<key_t>(lock.GetKey()), 0, 0), -1);
 }
 
-TEST_F(SystemLock, TimedLockOnAHeldLockPausesTwiceFor25ms) {
+// A timed lock on a held lock pauses 10 ms at a time while time is left (25 ms: two pauses),
+// and gets the lock once another thread lets it go.
+TEST_F(SystemLock, TimedLockPausesWhileHeldAndSucceedsOnceReleased) {
     LSystemLockMutex held(name_.c_str());
     LSystemLockMutex lock(name_.c_str());
     held.LockForever();
+    for (auto [ms, pauses] : {std::pair{25u, 2}, {10u, 0}}) {
+        pauses_ = 0;
+        EXPECT_FALSE(lock.Lock(ms));
+        EXPECT_EQ(pauses_.load(), pauses) << ms;
+    }
     pauses_ = 0;
-    EXPECT_FALSE(lock.Lock(25));
-    EXPECT_EQ(pauses_.load(), 2);
-    pauses_ = 0;
-    EXPECT_FALSE(lock.Lock(10));
-    EXPECT_EQ(pauses_.load(), 0);
+    std::atomic<bool> got{false};
+    std::thread waiter([&] {
+        LSystemLockMutex other(name_.c_str());
+        if ((got = other.Lock(LSignalInfinite - 1))) {
+            other.Unlock();
+        }
+    });
+    while (pauses_.load() == 0 && !got.load()) {
+        usleep(1000);
+    }
+    EXPECT_FALSE(got.load());
     held.Unlock();
-    EXPECT_TRUE(lock.Lock(0));
-    lock.Unlock();
+    waiter.join();
+    EXPECT_TRUE(got.load());
 }
 
 TEST_F(SystemLock, AProcessThatDiesHoldingTheLockGivesItBack) {
@@ -166,27 +161,6 @@ TEST_F(SystemLock, AProcessThatDiesHoldingTheLockGivesItBack) {
     EXPECT_EQ(Value(lock), 1);
     EXPECT_TRUE(lock.Lock(0));
     lock.Unlock();
-}
-
-TEST_F(SystemLock, TimedLockSucceedsOnceAnotherThreadReleases) {
-    LSystemLockMutex lock(name_.c_str());
-    lock.LockForever();
-    pauses_ = 0;
-    std::atomic<bool> got{false};
-    std::thread waiter([&] {
-        LSystemLockMutex other(name_.c_str());
-        got = other.Lock(LSignalInfinite - 1);
-        if (got) {
-            other.Unlock();
-        }
-    });
-    while (pauses_.load() == 0 && !got.load()) {
-        usleep(1000);
-    }
-    EXPECT_FALSE(got.load());
-    lock.Unlock();
-    waiter.join();
-    EXPECT_TRUE(got.load());
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include "thread/main_queue.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <thread>
@@ -25,6 +26,15 @@ TEST(MainQueue, RunsItemsInOrderAndStopsAfterTheRunningItem) {
     LMainQueueAsync([] { LMainQueueStop(); });
     LMainQueueRun();
     EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3, 4}));
+    // A stop from another thread ends a waiting run, and is kept if it comes before one.
+    std::thread stopper([] {
+        usleep(20000);
+        LMainQueueStop();
+    });
+    LMainQueueRun();
+    stopper.join();
+    std::thread(LMainQueueStop).join();
+    LMainQueueRun();
 }
 
 TEST(MainQueue, WorkQueuedFromOtherThreadsAndFromItemsIsRun) {
@@ -43,19 +53,11 @@ TEST(MainQueue, WorkQueuedFromOtherThreadsAndFromItemsIsRun) {
     LMainQueueAsync([&ran] { LMainQueueAsync([&ran] { ran += 1000; }); });
     EXPECT_EQ(LMainQueueDrain(0), 402u);
     EXPECT_EQ(ran.load(), 1400);
-}
-
-TEST(MainQueue, DrainWaitsForTheFirstItemOnly) {
+    // A drain waits for the first item only.
     EXPECT_EQ(LMainQueueDrain(1), 0u);
     std::thread later([] { LMainQueueAsync([] {}); });
     EXPECT_EQ(LMainQueueDrain(5000), 1u);
     later.join();
-}
-
-TEST(MainQueue, StopFromAnotherThreadEndsRun) {
-    std::thread stopper([] { LMainQueueStop(); });
-    LMainQueueRun();  // returns: the stop is kept even if it came before the run
-    stopper.join();
 }
 
 TEST(DispatchGroup, NotifyRunsOnMainQueueWhenCountReachesZero) {

@@ -1,10 +1,11 @@
-// Queued notifications: worker posts delivered on the main thread in order, the draining
-// rule, teardown, worker reports and associated data.
+// Queued notifications (worker posts delivered on the main thread in order, the draining
+// rule, teardown, worker reports), the process interface's forms, and associated data.
 #include "thread/lqueued_notify.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <climits>
 #include <limits>
 #include <string>
@@ -14,6 +15,46 @@
 #include "thread/lthread_platform.h"
 
 namespace {
+
+// Records every call that reaches it; progress separately.
+class Recorder : public LProcessInterface {
+public:
+    bool IsToStop() override { return Log("IsToStop"), true; }
+    bool ProcessWait(unsigned int ms) override { return Log("ProcessWait", ms), true; }
+    int ProcessWaitSignal(LSignalObjectRef, unsigned int ms) override {
+        return Log("ProcessWaitSignal", ms), 1;
+    }
+    int ProcessWaitSignalObjectGroup(LSignalObjectGroup&, unsigned int ms) override {
+        return Log("ProcessWaitSignalObjectGroup", ms), 0;
+    }
+    void SetError(char const* text) override { Log(std::string("SetError ") + text); }
+    void SetStatus(char const* text, int level) override {
+        Log("SetStatus " + std::to_string(level) + " " + text);
+    }
+    void SetProgress(double p) override { progress.push_back(p); }
+    void SetProgressIndeterminateOn() override { Log("On"); }
+    void SetProgressIndeterminateOff() override { Log("Off"); }
+
+    void Log(std::string const& call, unsigned int ms) { Log(call + " " + std::to_string(ms)); }
+    void Log(std::string const& call) { calls.push_back(call); }
+    std::vector<std::string> calls;
+    std::vector<double> progress;
+};
+
+// The endless waits, then everything else, through `p`.
+void CallEveryWait(LProcessInterface& p, std::vector<int>& results, unsigned int ms) {
+    LSignalObject event;
+    LSignalObjectGroup group;
+    results = {p.ProcessWaitUntilStopped(), p.ProcessWaitSignalForever(event),
+               p.ProcessWaitSignalObjectGroupForever(group)};
+    if (ms != 0) {
+        results.insert(results.end(),
+                       {p.IsToStop(), p.ProcessWait(ms), p.ProcessWaitSignal(event, ms + 1),
+                        p.ProcessWaitSignalObjectGroup(group, ms + 2)});
+    }
+}
+
+std::string const kForever = " 4294967295";
 
 // Records each delivery as "code", "code=bytes" or "code:value", and where it ran.
 class RecordingHandler : public LQueuedNotifyDataHandler {
@@ -48,46 +89,34 @@ using NotifyMessageDispatcher = QueuedNotify;
 using ThreadQueuedNotify = QueuedNotify;
 using ThreadNotifyInterface = QueuedNotify;
 
-TEST_F(QueuedNotify, PostsFromAWorkerArriveOnTheMainThreadInOrder) {
-    ASSERT_TRUE(_LThreadIsMainThread());
+TEST_F(QueuedNotify, WorkerPostsArriveOnTheMainThreadInOrderUntilTeardown) {
     RecordingHandler handler;
     LQueuedNotifyDataSender sender(&handler);
-    std::vector<std::string> expected = {"7=abc", "8", "9:-5", "0"};
-    std::thread worker([&] {
-        sender.NotifyData(7, "abc", 3);
-        sender.NotifyData(8);
-        sender.NotifyData(9, -5L);
-        sender.NotifyData();
-    });
-    worker.join();
+    auto fromWorker = [&] {
+        std::thread([&] {
+            sender.NotifyData(7, "abc", 3);
+            sender.NotifyData(8);
+            sender.NotifyData(9, -5L);
+            sender.NotifyData();
+        }).join();
+    };
+    fromWorker();
     EXPECT_TRUE(handler.deliveries.empty());  // nothing before the main thread runs
     DrainMainQueue();
-    EXPECT_EQ(handler.deliveries, expected);
+    EXPECT_EQ(handler.deliveries, (std::vector<std::string>{"7=abc", "8", "9:-5", "0"}));
     EXPECT_TRUE(handler.allOnMain);
-}
-
-TEST_F(QueuedNotify, NothingIsDeliveredAfterTeardownOrDestruction) {
-    RecordingHandler handler;
-    LQueuedNotifyDataSender sender(&handler);
-    std::thread([&] {
-        for (int i = 0; i < 10; ++i) {
-            sender.NotifyData(1, "x", 1);
-        }
-    }).join();
+    fromWorker();
     handler.QueuedNotifyDataHandlerDestroy();
     sender.NotifyData(2);  // after teardown: dropped at once
     DrainMainQueue();
-    EXPECT_TRUE(handler.deliveries.empty());
-
-    LQueuedNotifyDataSender nobody;
-    nobody.NotifyData(3);  // no handler: nothing happens
+    EXPECT_EQ(handler.deliveries.size(), 4u);
+    LQueuedNotifyDataSender().NotifyData(3);  // no handler: nothing happens
 
     // Destroying the handler drops what is queued (ASan would see a delivery to a dead one).
     auto* dying = new RecordingHandler;
     LQueuedNotifyDataSender toDying(dying);
     std::thread([&] { toDying.NotifyData(1); }).join();
     delete dying;
-    DrainMainQueue();
 }
 
 // Receives dispatcher calls directly, to watch the draining rule.
@@ -118,8 +147,6 @@ TEST_F(NotifyMessageDispatcher, PostsWhileDrainingAreDroppedAndQueuedOnesStillRu
     EXPECT_FALSE(dispatcher->IsDraining());
     dispatch(4);
     DrainMainQueue();
-    EXPECT_EQ(receiver->received, (std::vector<unsigned int>{1, 2, 4}));
-
     dispatch(5);
     dispatcher->SetReceiver(nullptr);
     DrainMainQueue();
@@ -155,24 +182,6 @@ TEST_F(ThreadQueuedNotify, MainThreadCallsAtOnceOthersQueue) {
     EXPECT_EQ(n.count, 3);
 }
 
-// The main-thread side of a worker's reports.
-class TargetRecorder : public LProcessInterfaceVoid {
-public:
-    void SetError(char const* text) override { events.push_back(std::string("error:") + text); }
-    void SetStatus(char const* text, int level) override {
-        events.push_back("status" + std::to_string(level) + ":" + text);
-    }
-    void SetProgress(double p) override {
-        progress.push_back(p);
-        events.push_back("progress");
-    }
-    void SetProgressIndeterminateOn() override { events.push_back("on"); }
-    void SetProgressIndeterminateOff() override { events.push_back("off"); }
-
-    std::vector<std::string> events;
-    std::vector<double> progress;
-};
-
 class ReportingThread : public LThreadNotifyInterface {
 public:
     using LThreadNotifyInterface::LThreadNotifyInterface;
@@ -183,81 +192,133 @@ public:
         SetStatus("second", 0);
         SetStatus(std::string(300, 'L').c_str(), 1);
         SetStatus("ignored", 2);
-        SetProgress(0.123);
+        // Whole hundredths cut toward zero; what a long cannot hold is pinned (NaN to 0).
+        for (double p : {0.123, -0.019, 1e300, std::numeric_limits<double>::quiet_NaN()}) {
+            SetProgress(p);
+        }
         SetProgressIndeterminateOn();
         SetProgressIndeterminateOff();
         SetErrorF("%s %d", "code", 7);
+        // Until stopped, when asked to: a body still reporting as it is destroyed.
+        if (chatty) {
+            started.Signal();
+        }
+        for (int i = 0; chatty && !IsToStop(); ++i) {
+            SetStatusF(i & 1, "line %d", i);
+        }
     }
+    bool chatty = false;
+    LSignalObject started;
 };
 
 TEST_F(ThreadNotifyInterface, WorkerReportsReachTheTargetOnTheMainThread) {
-    TargetRecorder target;
+    Recorder target;
     ReportingThread thread(&target);
+    thread.EvQueuedNotifyData(6, nullptr, 0);  // codes above five are ignored
+    thread.EvQueuedNotifyData(0, nullptr, 0);  // an error without bytes shows nothing
     thread.Start(0);
     thread.GetFinishedEvent().WaitSignal(LSignalInfinite);
-    EXPECT_TRUE(target.events.empty());
+    EXPECT_TRUE(target.calls.empty());
     DrainMainQueue();
     // Two level-0 statuses both deliver the second; level 2 is not reported.
-    EXPECT_EQ(target.events,
-              (std::vector<std::string>{"error:boom", "status0:second", "status0:second",
-                                        "status1:" + std::string(259, 'L'), "progress", "on", "off",
-                                        "error:code 7"}));
-    ASSERT_EQ(target.progress.size(), 1u);
-    EXPECT_DOUBLE_EQ(target.progress[0], 0.12);
+    EXPECT_EQ(target.calls,
+              (std::vector<std::string>{"SetError boom", "SetStatus 0 second", "SetStatus 0 second",
+                                        "SetStatus 1 " + std::string(259, 'L'), "On", "Off",
+                                        "SetError code 7"}));
+    EXPECT_EQ(target.progress, (std::vector<double>{12 * 0.01, -0.01, LONG_MAX * 0.01, 0.0}));
 }
 
-TEST_F(ThreadNotifyInterface, CodesAboveFiveAreIgnoredAndTeardownStopsDelivery) {
-    TargetRecorder target;
+TEST_F(ThreadNotifyInterface, TeardownOrDestructionStopsDelivery) {
+    Recorder target;
     ReportingThread thread(&target);
-    thread.EvQueuedNotifyData(6, nullptr, 0);
-    thread.EvQueuedNotifyData(0, nullptr, 0);  // an error without bytes shows nothing
-    EXPECT_TRUE(target.events.empty());
     thread.Start(0);
     thread.GetFinishedEvent().WaitSignal(LSignalInfinite);
     thread.QueuedNotifyDataHandlerDestroy();
     DrainMainQueue();
-    EXPECT_TRUE(target.events.empty());
-}
+    EXPECT_TRUE(target.calls.empty());
 
-// Reports until stopped.
-class ChattyThread : public LThreadNotifyInterface {
-public:
-    using LThreadNotifyInterface::LThreadNotifyInterface;
-    ~ChattyThread() override { StopThreadAndWait(); }
-    void ThreadMain() override {
-        started.Signal();
-        for (int i = 0; !IsToStop(); ++i) {
-            SetStatusF(i & 1, "line %d", i);
-            SetProgress(0.001 * i);
-        }
-    }
-    LSignalObject started;
-};
-
-TEST_F(ThreadNotifyInterface, DestroyingARunningReporterStopsItAndDeliversNothingMore) {
-    TargetRecorder target;
-    auto* thread = new ChattyThread(&target);
-    thread->Start(0);
-    thread->started.WaitSignal(LSignalInfinite);
+    auto* running = new ReportingThread(&target);
+    running->chatty = true;
+    running->Start(0);
+    running->started.WaitSignal(LSignalInfinite);
     usleep(2000);
-    delete thread;  // stops a body that is still reporting; its queued reports are dropped
+    delete running;  // stops a body that is still reporting; its queued reports are dropped
     DrainMainQueue();
-    EXPECT_TRUE(target.events.empty());
+    EXPECT_TRUE(target.calls.empty());
 }
 
-TEST_F(ThreadNotifyInterface, ProgressOutsideTheRangeOfWholeHundredthsIsPinned) {
-    TargetRecorder target;
-    ReportingThread thread(&target);
-    std::thread([&] {
-        thread.SetProgress(-0.019);
-        thread.SetProgress(1e300);
-        thread.SetProgress(std::numeric_limits<double>::quiet_NaN());
-    }).join();
-    DrainMainQueue();
-    ASSERT_EQ(target.progress.size(), 3u);
-    EXPECT_DOUBLE_EQ(target.progress[0], -0.01);
-    EXPECT_DOUBLE_EQ(target.progress[1], static_cast<double>(LONG_MAX) * 0.01);
-    EXPECT_EQ(target.progress[2], 0.0);
+TEST(ProcessInterface, EndlessFormsUseTheTimedFormsAndFormattedReportsAreCut) {
+    Recorder r;
+    std::vector<int> results;
+    CallEveryWait(r, results, 0);
+    EXPECT_EQ(results, (std::vector<int>{1, 1, 0}));
+    r.SetErrorF("%s", std::string(9000, 'a').c_str());
+    r.SetStatusF(3, "%d of %s", 7, "ten");
+    EXPECT_EQ(r.calls, (std::vector<std::string>{
+                           "ProcessWait" + kForever, "ProcessWaitSignal" + kForever,
+                           "ProcessWaitSignalObjectGroup" + kForever,
+                           "SetError " + std::string(8191, 'a'), "SetStatus 3 7 of ten"}));
+}
+
+TEST(ProcessInterfaceVoid, NeverStopsReallyWaitsAndReportsNowhere) {
+    LProcessInterfaceVoid v;
+    EXPECT_FALSE(v.IsToStop());
+    // Whole seconds and the milliseconds beyond them both count.
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(v.ProcessWait(1500));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500));
+    v.SetError("x");
+    v.SetStatus("x", 0);
+    v.SetProgress(0.5);
+    v.SetErrorF("%s", "x");
+
+    LSignalObject event, quiet;
+    LSignalObjectGroup group;
+    EXPECT_EQ(v.ProcessWaitSignal(event, 0), 2);
+    EXPECT_EQ(v.ProcessWaitSignalObjectGroup(group, 0), 2);
+    group.Add(quiet);
+    EXPECT_EQ(v.ProcessWaitSignalObjectGroup(group, 0), 2);
+    event.Signal();
+    EXPECT_EQ(v.ProcessWaitSignal(event, 0), 0);
+    group.Add(event);
+    EXPECT_EQ(v.ProcessWaitSignalObjectGroup(group, 0), 0);
+    EXPECT_EQ(v.ProcessWaitSignalObjectGroupForever(group), 0);
+}
+
+TEST(ProcessInterfaceNested, ForwardsStopWaitsAndErrorsButNotStatusOrProgress) {
+    Recorder parent;
+    LProcessInterfaceNested nested(&parent);
+    std::vector<int> results;
+    CallEveryWait(nested, results, 5);
+    nested.SetError("bad");
+    nested.SetStatus("status", 0);
+    nested.SetProgress(0.5);
+    nested.SetProgressIndeterminateOn();
+    EXPECT_EQ(results, (std::vector<int>{1, 1, 0, 1, 1, 1, 0}));
+    EXPECT_EQ(parent.calls,
+              (std::vector<std::string>{"ProcessWait" + kForever, "ProcessWaitSignal" + kForever,
+                                        "ProcessWaitSignalObjectGroup" + kForever, "IsToStop",
+                                        "ProcessWait 5", "ProcessWaitSignal 6",
+                                        "ProcessWaitSignalObjectGroup 7", "SetError bad"}));
+    EXPECT_TRUE(parent.progress.empty());
+}
+
+TEST(ProcessInterfaceSubProcess, MapsProgressAndIndentsStatus) {
+    Recorder parent;
+    LProcessInterfaceSubProcess sub(&parent, 0.5, 0.25);
+    sub.SetProgress(1.0);
+    sub.SetProgress(0.0);
+    sub.SetStatus("copying", 0);
+    sub.SetProgressIndeterminateOn();
+    sub.SetProgressIndeterminateOff();
+    sub.SetError("e");
+    // Nesting twice indents twice and composes the ranges.
+    LProcessInterfaceSubProcess inner(&sub, 0.5, 0.5);
+    inner.SetStatus("file", 0);
+    inner.SetProgress(1.0);
+    EXPECT_EQ(parent.progress, (std::vector<double>{0.75, 0.5, 0.75}));
+    EXPECT_EQ(parent.calls,
+              (std::vector<std::string>{"SetStatus 1 copying", "SetError e", "SetStatus 2 file"}));
 }
 
 TEST(AssociatedData, AttachesWrappedAndDirectData) {
@@ -281,11 +342,6 @@ TEST(AssociatedData, AttachesWrappedAndDirectData) {
     EXPECT_EQ(LAssociatedData::GetDataForObject(object.get(), &keyB), nullptr);
     LAssociatedData::SetDataDirect(nullptr, object.get(), &keyB);
     EXPECT_TRUE(watch.expired());
-
-    LAssociatedData::SetDataDirect(std::make_shared<LObject>(), object.get(), &keyB);
-    watch = LAssociatedData::GetDataDirect(object.get(), &keyB);
-    object.reset();
-    EXPECT_TRUE(watch.expired());  // associations go with their object
 }
 
 }  // namespace

@@ -5,13 +5,14 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <iterator>
+#include <memory>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,7 +23,7 @@
 namespace {
 
 TEST(SignalObject, SignalTwiceResetOnceLeavesItUnsignalledWithoutBlocking) {
-    LSignalObject event;
+    LSignalObject event, b, c;
     int fd = event.GetRef().GetDescriptor();
     ASSERT_GE(fd, 0);
     EXPECT_TRUE(fcntl(fd, F_GETFL) & O_NONBLOCK);
@@ -35,16 +36,13 @@ TEST(SignalObject, SignalTwiceResetOnceLeavesItUnsignalledWithoutBlocking) {
     event.Reset();
     EXPECT_FALSE(event.IsSignaled());
     EXPECT_FALSE(event.WaitSignal(0));
-}
-
-TEST(SignalObject, DualAndTripleWaitsSeeAnyOfTheirEvents) {
-    LSignalObject a, b, c;
-    EXPECT_FALSE(a.GetRef().WaitSignalTriple(b, c, 0));
+    // Dual and triple waits see any of their events.
+    EXPECT_FALSE(event.GetRef().WaitSignalTriple(b, c, 0));
     c.Signal();
-    EXPECT_FALSE(a.GetRef().WaitSignalDual(b, 0));
-    EXPECT_TRUE(a.GetRef().WaitSignalTriple(b, c, 0));
+    EXPECT_FALSE(event.GetRef().WaitSignalDual(b, 0));
+    EXPECT_TRUE(event.GetRef().WaitSignalTriple(b, c, 0));
     b.Signal();
-    EXPECT_TRUE(a.GetRef().WaitSignalDual(b, 0));
+    EXPECT_TRUE(event.GetRef().WaitSignalDual(b, 0));
 }
 
 TEST(SignalObjectGroup, The257thEntryIsIgnoredWhetherAddedAloneOrInAGroup) {
@@ -84,104 +82,72 @@ protected:
     std::string name_ = "ev" + std::to_string(getpid());
 };
 
-TEST_F(NamedSignal, LongPathsAreCutToTheAddress) {
+TEST_F(NamedSignal, PathsLieInTheDataFolderOrUnderHomeCutToTheAddress) {
     EXPECT_EQ(std::string(LSignalObjectNamedSignaller(name_.c_str()).GetPath()),
               data_ + "/" + name_);
     std::string longName(200, 'n');
     EXPECT_EQ(std::string(LSignalObjectNamedSignaller(longName.c_str()).GetPath()),
               (data_ + "/" + longName).substr(0, 103));
-}
-
-TEST_F(NamedSignal, WithoutADataFolderSettingThePathLiesUnderHome) {
     unsetenv("XDG_DATA_HOME");
-    std::string folder = home_.home() + "/Library/Application Support";
     LSignalObjectNamedWaiter waiter(name_.c_str());
-    EXPECT_EQ(std::string(waiter.GetPath()), folder + "/" + name_);
+    EXPECT_EQ(std::string(waiter.GetPath()),
+              home_.home() + "/Library/Application Support/" + name_);
     // The folder is made on the way, so the waiter could bind and a signal gets through.
     LSignalObjectNamedSignaller(name_.c_str()).Signal();
     EXPECT_TRUE(waiter.WaitSignal(LSignalInfinite));
     EXPECT_GE(waiter.GetAcceptedDescriptor(), 0);
 }
 
-// The descriptors this process holds, by number.
-std::vector<int> OpenDescriptors() {
-    std::vector<int> fds;
-    for (auto const& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        fds.push_back(std::stoi(entry.path().filename().string()));
-    }
-    std::sort(fds.begin(), fds.end());
-    return fds;
-}
-
 TEST_F(NamedSignal, SignalWithNobodyListeningReturnsAndKeepsItsSocket) {
-    std::vector<int> before = OpenDescriptors();
+    auto openDescriptors = [] {
+        std::set<int> fds;
+        for (auto const& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+            fds.insert(std::stoi(entry.path().filename().string()));
+        }
+        return fds;
+    };
+    std::set<int> const before = openDescriptors();
     LSignalObjectNamedSignaller(name_.c_str()).Signal();
-    std::vector<int> after = OpenDescriptors();
     std::vector<int> added;
-    std::set_difference(after.begin(), after.end(), before.begin(), before.end(),
-                        std::back_inserter(added));
+    std::ranges::set_difference(openDescriptors(), before, std::back_inserter(added));
     // The failed connect leaves its socket open, as this event always has.
     ASSERT_EQ(added.size(), 1u);
     close(added[0]);
 }
 
-TEST_F(NamedSignal, WaitEndsWithTrueAfterTheTimeoutWhenNobodySignals) {
-    std::string path;
-    {
-        LSignalObjectNamedWaiter waiter(name_.c_str());
-        path = waiter.GetPath();
-        struct stat st;
-        ASSERT_EQ(stat(path.c_str(), &st), 0);
-        EXPECT_TRUE(S_ISSOCK(st.st_mode));
-        EXPECT_TRUE(waiter.WaitSignal(10));
-        EXPECT_EQ(waiter.GetAcceptedDescriptor(), -1);
-    }
-    EXPECT_FALSE(std::filesystem::exists(path));  // the waiter removes its socket file
-}
+TEST_F(NamedSignal, WaiterAcceptsSignalsFromThreadsAndProcessesAndRemovesItsSocket) {
+    auto waiter = std::make_unique<LSignalObjectNamedWaiter>(name_.c_str());
+    std::string const path = waiter->GetPath();
+    EXPECT_EQ(std::filesystem::status(path).type(), std::filesystem::file_type::socket);
+    // Nobody signals: the wait ends with true after the timeout, nothing accepted.
+    EXPECT_TRUE(waiter->WaitSignal(10));
+    EXPECT_EQ(waiter->GetAcceptedDescriptor(), -1);
 
-TEST_F(NamedSignal, SignalFromAnotherThreadIsAccepted) {
-    LSignalObjectNamedWaiter waiter(name_.c_str());
     std::thread t([&] { LSignalObjectNamedSignaller(name_.c_str()).Signal(); });
-    EXPECT_TRUE(waiter.WaitSignal(LSignalInfinite));
+    EXPECT_TRUE(waiter->WaitSignal(LSignalInfinite));
     t.join();
-    ASSERT_GE(waiter.GetAcceptedDescriptor(), 0);
-    waiter.Reset();
+    ASSERT_GE(waiter->GetAcceptedDescriptor(), 0);
+    waiter->Reset();
     // Drained: only the end of the closed connection is left.
-    unsigned char byte;
-    EXPECT_EQ(read(waiter.GetAcceptedDescriptor(), &byte, 1), 0);
-}
+    unsigned char byte = 0;
+    EXPECT_EQ(read(waiter->GetAcceptedDescriptor(), &byte, 1), 0);
 
-TEST_F(NamedSignal, SignalCrossesProcesses) {
-    LSignalObjectNamedWaiter waiter(name_.c_str());
     pid_t child = ltest::ForkChild([&] {
         LSignalObjectNamed(name_.c_str()).Signal();
         return 0;
     });
     ASSERT_GE(child, 0);
-    EXPECT_TRUE(waiter.WaitSignal(LSignalInfinite));
-    int fd = waiter.GetAcceptedDescriptor();
-    ASSERT_GE(fd, 0);
-    pollfd p{fd, POLLIN, 0};
+    EXPECT_TRUE(waiter->WaitSignal(LSignalInfinite));
+    pollfd p{waiter->GetAcceptedDescriptor(), POLLIN, 0};
     ASSERT_EQ(poll(&p, 1, -1), 1);
-    unsigned char byte = 0;
-    EXPECT_EQ(read(fd, &byte, 1), 1);
+    EXPECT_EQ(read(p.fd, &byte, 1), 1);
     EXPECT_EQ(byte, 1);
     EXPECT_EQ(ltest::WaitChild(child), 0);
+    waiter.reset();
+    EXPECT_FALSE(std::filesystem::exists(path));
 }
 
-TEST_F(NamedSignal, WaiterWhoseBindFailedNeverSeesASignal) {
-    std::string missing = "no_such_folder/" + name_;
-    LSignalObjectNamedWaiter waiter(missing.c_str());
-    LSignalObjectNamedSignaller(missing.c_str()).Signal();
-    waiter.WaitSignal(0);
-    EXPECT_EQ(waiter.GetAcceptedDescriptor(), -1);
-}
-
-}  // namespace
-
-namespace {
-
-// A waiter that could not bind has nothing to poll, yet a caller looping on its wait must not
+// A waiter that could not bind never sees a signal, yet a caller looping on its wait must not
 // spin: the wait lasts its full time and reports no signal.
 TEST_F(NamedSignal, WaiterWhoseBindFailedWaitsOutItsTimeout) {
     std::string missing = "no_such_folder/" + name_;
