@@ -1,5 +1,5 @@
-// The packet codec: round trips, the exact envelope, large data in sealed memfds, and the
-// decoder's refusals of hostile packets without leaking descriptors.
+// The packet codec: round trips, the exact envelope, large data in the shared region and in
+// sealed memfds, and the decoder's refusals of hostile packets without leaking descriptors.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -9,6 +9,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <string>
 #include <vector>
@@ -26,14 +27,15 @@ bool IsOpen(int fd) {
     return fcntl(fd, F_GETFD) != -1;
 }
 
-xpc_object_t RoundTrip(xpc_object_t message, Envelope in, Envelope& out) {
+xpc_object_t RoundTrip(xpc_object_t message, Envelope in, Envelope& out,
+                       SendRegion* sending = nullptr, ReceiveRegion* receiving = nullptr) {
     Packet packet;
-    if (!Encode(in, message, packet)) {
+    if (!Encode(in, message, packet) || !Finish(packet, sending)) {
         return nullptr;
     }
     std::vector<int> fds = std::exchange(packet.fds, {});
     const char* why = nullptr;
-    xpc_object_t decoded = Decode(packet.bytes, fds, out, &why);
+    xpc_object_t decoded = Decode(packet.bytes, fds, out, &why, receiving);
     EXPECT_NE(decoded, nullptr) << why;
     return decoded;
 }
@@ -164,6 +166,7 @@ TEST(XpcWire, PacketsTooLargeForTheSocketSpillDataOrAreRefused) {
     }
     Packet packet;
     ASSERT_TRUE(Encode({}, m, packet));
+    ASSERT_TRUE(Finish(packet, nullptr));
     EXPECT_LE(packet.bytes.size(), kMaxPacketSize);
     EXPECT_EQ(packet.fds.size(), 5u);
     Envelope out;
@@ -240,7 +243,10 @@ TEST(XpcWire, MalformedPacketsAreRefusedWithTheirReason) {
     p.push_back(0);
     EXPECT_STREQ(Refusal(p), "body length does not match the packet");
     p = Built({kTagDictionary, 0, 0, 0, 0});
-    p[6] = 1;
+    p[6] = 2;
+    EXPECT_STREQ(Refusal(p), "reserved envelope bits set");
+    p[6] = 0;
+    p[7] = 1;
     EXPECT_STREQ(Refusal(p), "reserved envelope bits set");
     p[6] = 0;
     p[0] = 'M';
@@ -314,6 +320,219 @@ TEST(XpcWire, DescriptorRulesAreEnforcedAndRefusedDescriptorsClosed) {
     EXPECT_TRUE(ok.fds.empty());  // 64 KiB and less stays inline
     xpc_release(m);
     xpc_release(d);
+}
+
+// A one-entry body "d" = data at `position` in the region, `length` bytes long.
+std::vector<uint8_t> RegionItem(uint64_t position, uint32_t length) {
+    std::vector<uint8_t> v = {kTagRegionData};
+    for (int i = 0; i < 8; ++i)
+        v.push_back(static_cast<uint8_t>(position >> (8 * i)));
+    for (int i = 0; i < 4; ++i)
+        v.push_back(static_cast<uint8_t>(length >> (8 * i)));
+    return v;
+}
+
+std::vector<uint8_t> RegionBody(std::vector<std::vector<uint8_t>> items) {
+    std::vector<uint8_t> b = {kTagDictionary, static_cast<uint8_t>(items.size()), 0, 0, 0};
+    for (size_t i = 0; i < items.size(); ++i) {
+        b.insert(b.end(), {1, 0, 0, 0, static_cast<uint8_t>('a' + i)});
+        b.insert(b.end(), items[i].begin(), items[i].end());
+    }
+    return b;
+}
+
+int SealedMemfd(size_t size, int seals) {
+    const int fd = memfd_create("t", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+    EXPECT_EQ(ftruncate(fd, static_cast<off_t>(size)), 0);
+    EXPECT_EQ(fcntl(fd, F_ADD_SEALS, seals), 0);
+    return fd;
+}
+
+constexpr int kFixed = F_SEAL_GROW | F_SEAL_SHRINK;
+
+TEST(XpcWire, RegionDescriptorsAreCheckedBeforeTheyAreMapped) {
+    const auto readOnly = [] {
+        const int fd = SealedMemfd(3 * 4096, kFixed);
+        const int ro = open(("/proc/self/fd/" + std::to_string(fd)).c_str(), O_RDONLY | O_CLOEXEC);
+        close(fd);
+        return ro;
+    };
+    const auto pipeEnd = [] {
+        int p[2];
+        EXPECT_EQ(pipe2(p, O_CLOEXEC), 0);
+        close(p[1]);
+        return p[0];
+    };
+    const struct {
+        const char* why;
+        std::function<int()> make;
+    } cases[] = {
+        {"region is not a memory file sealed against resizing", pipeEnd},
+        {"region is not a memory file sealed against resizing",
+         [] { return SealedMemfd(8192, F_SEAL_GROW); }},
+        {"region size out of range", [] { return SealedMemfd(4096, kFixed); }},
+        {"region size out of range", [] { return SealedMemfd(8192 + 100, kFixed); }},
+        {"region size out of range", [] { return SealedMemfd(kMaxRegionSize + 4096, kFixed); }},
+        {"region cannot be mapped", [] { return SealedMemfd(8192, kFixed | F_SEAL_WRITE); }},
+        {"region cannot be mapped", readOnly},
+    };
+    std::vector<uint8_t> flagged = Built({kTagDictionary, 0, 0, 0, 0}, 1);
+    flagged[6] = kFlagRegion;
+    for (const auto& c : cases) {
+        ReceiveRegion region;
+        const int fd = c.make();
+        ASSERT_GE(fd, 0);
+        std::vector<int> fds = {fd};
+        Envelope e;
+        const char* why = nullptr;
+        EXPECT_EQ(Decode(flagged, fds, e, &why, &region), nullptr);
+        EXPECT_STREQ(why, c.why);
+        EXPECT_FALSE(IsOpen(fd));
+        EXPECT_FALSE(region.Mapped());
+    }
+    // The flag needs a descriptor, and a socket that can have a region.
+    std::vector<uint8_t> bare = flagged;
+    bare[24] = 0;
+    ReceiveRegion region;
+    Envelope e;
+    const char* why = nullptr;
+    std::vector<int> none;
+    EXPECT_EQ(Decode(bare, none, e, &why, &region), nullptr);
+    EXPECT_STREQ(why, "region flag without a region descriptor");
+    const int good = SealedMemfd(8192, kFixed);
+    EXPECT_STREQ(Refusal(flagged, {good}), "region flag without a region descriptor");
+    EXPECT_FALSE(IsOpen(good));
+}
+
+TEST(XpcWire, RegionDataMustLieInsideTheRegionAndIsCopiedOutBeforeRelease) {
+    constexpr size_t kRing = 8192;
+    const int fd = SealedMemfd(kRegionHeaderSize + kRing, kFixed);
+    const char text[] = "copied out";
+    ASSERT_EQ(pwrite(fd, text, sizeof text, kRegionHeaderSize + 100), ssize_t(sizeof text));
+    ReceiveRegion region;
+    const char* why = nullptr;
+    ASSERT_TRUE(region.Adopt(dup(fd), &why));
+    const struct {
+        std::vector<std::vector<uint8_t>> items;
+        const char* why;  // null: accepted
+    } cases[] = {
+        {{RegionItem(5 * kRing + 100, sizeof text)}, nullptr},
+        {{RegionItem(0, 0)}, "region data outside the region"},
+        {{RegionItem(0, kRing + 1)}, "region data outside the region"},
+        {{RegionItem(3 * kRing + 8000, 200)}, "region data outside the region"},
+        {{RegionItem(0, kRing), RegionItem(0, 1)}, "region data outside the region"},
+        {{{kTagRegionData, 0, 0, 0, 0, 0, 0, 0, 0, 1}}, "truncated region data"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.why ? c.why : "accepted");
+        std::vector<int> fds;
+        Envelope e;
+        xpc_object_t m = Decode(Built(RegionBody(c.items)), fds, e, &why, &region);
+        if (c.why != nullptr) {
+            EXPECT_EQ(m, nullptr);
+            EXPECT_STREQ(why, c.why);
+            continue;
+        }
+        ASSERT_NE(m, nullptr) << why;
+        // The copy is the receiver's: the sender may reuse the bytes at once.
+        ASSERT_EQ(pwrite(fd, "X", 1, kRegionHeaderSize + 100), 1);
+        size_t length = 0;
+        const void* bytes = xpc_dictionary_get_data(m, "a", &length);
+        EXPECT_EQ(length, sizeof text);
+        EXPECT_EQ(std::memcmp(bytes, text, sizeof text), 0);
+        uint64_t progress = 0;
+        ASSERT_EQ(pread(fd, &progress, 8, 0), 8);
+        EXPECT_EQ(progress, 5 * kRing + 100 + sizeof text);
+        xpc_release(m);
+    }
+    EXPECT_STREQ(Refusal(Built(RegionBody({RegionItem(0, 1)}))), "region data without a region");
+    close(fd);
+}
+
+// Sends `size` bytes (filled from `seed`) from `sending` to `receiving`; the packet's
+// descriptors and flags come back for inspection.
+bool Carried(size_t size, uint8_t seed, SendRegion& sending, ReceiveRegion& receiving,
+             std::vector<Packet>* held = nullptr) {
+    std::vector<uint8_t> bytes(size);
+    for (size_t i = 0; i < size; i += 4093)
+        bytes[i] = static_cast<uint8_t>(seed + i);
+    bytes.back() = seed;
+    xpc_object_t m = xpc_dictionary_create(nullptr, nullptr, 0);
+    xpc_dictionary_set_data(m, "d", bytes.data(), bytes.size());
+    Packet packet;
+    bool ok = Encode({Kind::message, 1, 0}, m, packet) && Finish(packet, &sending);
+    xpc_release(m);
+    if (ok && held != nullptr) {
+        held->push_back(std::move(packet));
+        return true;
+    }
+    std::vector<int> fds = std::exchange(packet.fds, {});
+    Envelope e;
+    const char* why = nullptr;
+    xpc_object_t r = ok ? Decode(packet.bytes, fds, e, &why, &receiving) : nullptr;
+    size_t length = 0;
+    const void* got = xpc_dictionary_get_data(r, "d", &length);
+    ok = got != nullptr && length == size && std::memcmp(got, bytes.data(), size) == 0;
+    xpc_release(r);
+    return ok;
+}
+
+TEST(XpcWire, TheRegionIsAnnouncedOnceReusedGrownAndFullRingsFallBackToSealedMemfds) {
+    SendRegion sending;
+    ReceiveRegion receiving;
+    std::vector<Packet> held;
+    // The first large message brings the region, the next ones only name it; twelve
+    // megabytes through a ring of four go round it three times.
+    ASSERT_TRUE(Carried(1 << 20, 0, sending, receiving, &held));
+    EXPECT_EQ(held[0].fds.size(), 1u);
+    EXPECT_EQ(held[0].bytes[6], kFlagRegion);
+    EXPECT_EQ(sending.RingSize(), 4u << 20);
+    std::vector<int> fds = std::exchange(held[0].fds, {});
+    Envelope e;
+    xpc_release(Decode(held[0].bytes, fds, e, nullptr, &receiving));
+    for (uint8_t i = 1; i < 12; ++i) {
+        held.clear();
+        ASSERT_TRUE(Carried(1 << 20, i, sending, receiving, &held));
+        EXPECT_TRUE(held[0].fds.empty());
+        EXPECT_EQ(held[0].regionBytes, 1u << 20);
+        fds.clear();
+        xpc_object_t r = Decode(held[0].bytes, fds, e, nullptr, &receiving);
+        ASSERT_NE(r, nullptr);
+        EXPECT_EQ(static_cast<const uint8_t*>(xpc_dictionary_get_data(r, "d", nullptr))[0], i);
+        xpc_release(r);
+    }
+    // A receiver that has not copied out yet keeps its bytes: the fifth megabyte goes in a
+    // sealed memfd, and all five arrive intact in order.
+    held.clear();
+    for (uint8_t i = 0; i < 5; ++i) {
+        ASSERT_TRUE(Carried(1 << 20, 100 + i, sending, receiving, &held));
+    }
+    EXPECT_TRUE(held[3].fds.empty());
+    ASSERT_EQ(held[4].fds.size(), 1u);
+    EXPECT_EQ(held[4].bytes[6], 0);
+    for (uint8_t i = 0; i < 5; ++i) {
+        fds = std::exchange(held[i].fds, {});
+        xpc_object_t r = Decode(held[i].bytes, fds, e, nullptr, &receiving);
+        ASSERT_NE(r, nullptr);
+        EXPECT_EQ(static_cast<const uint8_t*>(xpc_dictionary_get_data(r, "d", nullptr))[0],
+                  100 + i);
+        xpc_release(r);
+    }
+    // Larger data brings a larger region; data larger than any region goes sealed.
+    const struct {
+        size_t size;
+        size_t ring;
+    } sizes[] = {{kInlineDataMax + 1, 4u << 20},
+                 {(4u << 20) + 1, kMaxRegionRing},
+                 {kMaxRegionRing, kMaxRegionRing},
+                 {kMaxRegionRing + 1, kMaxRegionRing},
+                 {kInlineDataMax + 1, kMaxRegionRing}};
+    for (const auto& c : sizes) {
+        SCOPED_TRACE(c.size);
+        EXPECT_TRUE(Carried(c.size, 7, sending, receiving));
+        EXPECT_EQ(sending.RingSize(), c.ring);
+        EXPECT_EQ(receiving.RingSize(), c.ring);
+    }
 }
 
 TEST(XpcWire, ConnectRequestsCarryExactlyOneSocket) {
