@@ -7,7 +7,6 @@
 #include <grp.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -418,119 +417,22 @@ TEST_F(XpcConnection, LargeDataArrivesIntactBothWaysAroundEveryThreshold) {
     xpc_connection_t c = Client("t.large", nullptr);
     // Inline, just out of the packet, a whole packet, a ring that must grow, the largest
     // ring, beyond it (sealed), and small again in the grown ring.
-    const size_t sizes[] = {wire::kInlineDataMax,     wire::kInlineDataMax + 1,
-                            wire::kMaxPacketSize,     size_t{1} << 20,
-                            (size_t{4} << 20) + 1,    wire::kMaxRegionRing,
-                            wire::kMaxRegionRing + 1, wire::kInlineDataMax + 1};
-    uint8_t seed = 0;
-    for (size_t size : sizes) {
-        SCOPED_TRACE(size);
+    for (size_t size : {wire::kInlineDataMax, wire::kInlineDataMax + 1, wire::kMaxPacketSize,
+                        size_t{1} << 20, (size_t{4} << 20) + 1, wire::kMaxRegionRing,
+                        wire::kMaxRegionRing + 1, wire::kInlineDataMax + 1}) {
         std::vector<uint8_t> bytes(size);
         for (size_t i = 0; i < size; ++i)
-            bytes[i] = static_cast<uint8_t>(i * 131 + seed);
-        ++seed;
+            bytes[i] = static_cast<uint8_t>(i * 131 + size);
         xpc_object_t m = xpc_dictionary_create(nullptr, nullptr, 0);
         xpc_dictionary_set_data(m, "d", bytes.data(), bytes.size());
         xpc_object_t r = xpc_connection_send_message_with_reply_sync(c, m);
         size_t length = 0;
         const void* got = xpc_dictionary_get_data(r, "d", &length);
-        ASSERT_EQ(length, size);
-        EXPECT_EQ(std::memcmp(got, bytes.data(), size), 0);
+        EXPECT_TRUE(length == size && std::memcmp(got, bytes.data(), size) == 0) << size;
         xpc_release(r);
         xpc_release(m);
     }
     Close(c);
-}
-
-TEST_F(XpcConnection, HostileRegionPacketsEndOnlyTheirConnection) {
-    Service service("t.region", [](xpc_connection_t peer, xpc_object_t m) { Reply(peer, m, 1); });
-    service.Start();
-    xpc_connection_t good = Client("t.region", nullptr);
-    auto packet = [](std::vector<uint8_t> body, uint8_t flags, uint32_t descriptors) {
-        std::vector<uint8_t> p = {'L', 'X', 'P', 'C', 1, 1, flags, 0, 1, 0, 0, 0,
-                                  0,   0,   0,   0,   0, 0, 0,     0, 0, 0, 0, 0};
-        for (uint32_t v : {descriptors, static_cast<uint32_t>(body.size())})
-            for (int i = 0; i < 4; ++i)
-                p.push_back(static_cast<uint8_t>(v >> (8 * i)));
-        p.insert(p.end(), body.begin(), body.end());
-        return p;
-    };
-    const std::vector<uint8_t> empty = {wire::kTagDictionary, 0, 0, 0, 0};
-    // "d" = 16 bytes at `at` in the region.
-    auto item = [](uint8_t at) {
-        return std::vector<uint8_t>{wire::kTagDictionary,
-                                    1,
-                                    0,
-                                    0,
-                                    0,
-                                    1,
-                                    0,
-                                    0,
-                                    0,
-                                    'd',
-                                    wire::kTagRegionData,
-                                    at,
-                                    0x0f,
-                                    0,
-                                    0,
-                                    0,
-                                    0,
-                                    0,
-                                    0,
-                                    16,
-                                    0,
-                                    0,
-                                    0};
-    };
-    auto region = [](size_t size, int seals) {
-        const int fd = memfd_create("t", MFD_CLOEXEC | MFD_ALLOW_SEALING);
-        EXPECT_EQ(ftruncate(fd, static_cast<off_t>(size)), 0);
-        EXPECT_EQ(fcntl(fd, F_ADD_SEALS, seals), 0);
-        return fd;
-    };
-    constexpr int kFixed = F_SEAL_GROW | F_SEAL_SHRINK;
-    const struct {
-        const char* what;
-        std::vector<uint8_t> bytes;
-        int fd;
-    } cases[] = {
-        {"data without a region", packet(item(0), 0, 0), -1},
-        {"a region that can shrink", packet(empty, wire::kFlagRegion, 1),
-         region(8192, F_SEAL_GROW)},
-        {"data across the ring's end", packet(item(0xf8), wire::kFlagRegion, 1),
-         region(8192, kFixed)},
-    };
-    size_t dropped = 0;
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        const int raw = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-        sockaddr_un address = Address(dir_.Path("t.region"));
-        ASSERT_EQ(connect(raw, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        iovec iov{const_cast<uint8_t*>(c.bytes.data()), c.bytes.size()};
-        msghdr message{};
-        message.msg_iov = &iov;
-        message.msg_iovlen = 1;
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-        if (c.fd >= 0) {
-            message.msg_control = control;
-            message.msg_controllen = sizeof control;
-            cmsghdr* header = CMSG_FIRSTHDR(&message);
-            header->cmsg_level = SOL_SOCKET;
-            header->cmsg_type = SCM_RIGHTS;
-            header->cmsg_len = CMSG_LEN(sizeof(int));
-            std::memcpy(CMSG_DATA(header), &c.fd, sizeof(int));
-        }
-        ASSERT_EQ(sendmsg(raw, &message, 0), static_cast<ssize_t>(c.bytes.size()));
-        ASSERT_TRUE(service.peerErrors.WaitFor(++dropped));
-        char byte;
-        EXPECT_EQ(recv(raw, &byte, 1, 0), 0);
-        close(raw);
-        if (c.fd >= 0) {
-            close(c.fd);
-        }
-    }
-    EXPECT_EQ(Ask(good), 1);
-    Close(good);
 }
 
 TEST_F(XpcConnection, AnInterruptedClientReconnectsToARestartedService) {

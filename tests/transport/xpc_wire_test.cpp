@@ -322,215 +322,137 @@ TEST(XpcWire, DescriptorRulesAreEnforcedAndRefusedDescriptorsClosed) {
     xpc_release(d);
 }
 
-// A one-entry body "d" = data at `position` in the region, `length` bytes long.
-std::vector<uint8_t> RegionItem(uint64_t position, uint32_t length) {
-    std::vector<uint8_t> v = {kTagRegionData};
-    for (int i = 0; i < 8; ++i)
-        v.push_back(static_cast<uint8_t>(position >> (8 * i)));
-    for (int i = 0; i < 4; ++i)
-        v.push_back(static_cast<uint8_t>(length >> (8 * i)));
-    return v;
-}
-
-std::vector<uint8_t> RegionBody(std::vector<std::vector<uint8_t>> items) {
+// A packet of region data items (position, length), handing a region over when `flag`.
+std::vector<uint8_t> RegionPacket(std::vector<std::pair<uint64_t, uint32_t>> items, bool flag) {
     std::vector<uint8_t> b = {kTagDictionary, static_cast<uint8_t>(items.size()), 0, 0, 0};
     for (size_t i = 0; i < items.size(); ++i) {
-        b.insert(b.end(), {1, 0, 0, 0, static_cast<uint8_t>('a' + i)});
-        b.insert(b.end(), items[i].begin(), items[i].end());
+        b.insert(b.end(), {1, 0, 0, 0, static_cast<uint8_t>('a' + i), kTagRegionData});
+        for (int k = 0; k < 12; ++k)
+            b.push_back(k < 8 ? static_cast<uint8_t>(items[i].first >> (8 * k))
+                              : static_cast<uint8_t>(items[i].second >> (8 * (k - 8))));
     }
-    return b;
+    std::vector<uint8_t> p = Built(b, flag ? 1 : 0);
+    p[6] = flag ? kFlagRegion : 0;
+    return p;
 }
 
-int SealedMemfd(size_t size, int seals) {
+int RegionFd(size_t size, int seals = F_SEAL_GROW | F_SEAL_SHRINK) {
     const int fd = memfd_create("t", MFD_CLOEXEC | MFD_ALLOW_SEALING);
     EXPECT_EQ(ftruncate(fd, static_cast<off_t>(size)), 0);
     EXPECT_EQ(fcntl(fd, F_ADD_SEALS, seals), 0);
     return fd;
 }
 
-constexpr int kFixed = F_SEAL_GROW | F_SEAL_SHRINK;
-
-TEST(XpcWire, RegionDescriptorsAreCheckedBeforeTheyAreMapped) {
+TEST(XpcWire, RegionsAreCheckedBeforeMappingAndTheirDataMustLieInside) {
+    constexpr uint32_t kRing = 8192;
+    const auto good = [] { return RegionFd(kRegionHeaderSize + kRing); };
     const auto readOnly = [] {
-        const int fd = SealedMemfd(3 * 4096, kFixed);
+        const int fd = RegionFd(3 * 4096);
         const int ro = open(("/proc/self/fd/" + std::to_string(fd)).c_str(), O_RDONLY | O_CLOEXEC);
         close(fd);
         return ro;
     };
-    const auto pipeEnd = [] {
-        int p[2];
-        EXPECT_EQ(pipe2(p, O_CLOEXEC), 0);
-        close(p[1]);
-        return p[0];
-    };
+    const char* const notSealed = "region is not a memory file sealed against resizing";
+    const char* const outside = "region data outside the region";
     const struct {
+        std::function<int()> region;
+        std::vector<std::pair<uint64_t, uint32_t>> items;
         const char* why;
-        std::function<int()> make;
     } cases[] = {
-        {"region is not a memory file sealed against resizing", pipeEnd},
-        {"region is not a memory file sealed against resizing",
-         [] { return SealedMemfd(8192, F_SEAL_GROW); }},
-        {"region size out of range", [] { return SealedMemfd(4096, kFixed); }},
-        {"region size out of range", [] { return SealedMemfd(8192 + 100, kFixed); }},
-        {"region size out of range", [] { return SealedMemfd(kMaxRegionSize + 4096, kFixed); }},
-        {"region cannot be mapped", [] { return SealedMemfd(8192, kFixed | F_SEAL_WRITE); }},
-        {"region cannot be mapped", readOnly},
+        {[] { return dup(0); }, {}, notSealed},
+        {[] { return RegionFd(8192, F_SEAL_GROW); }, {}, notSealed},
+        {[] { return RegionFd(4096); }, {}, "region size out of range"},
+        {[] { return RegionFd(8192 + 100); }, {}, "region size out of range"},
+        {[] { return RegionFd(kMaxRegionSize + 4096); }, {}, "region size out of range"},
+        {[] { return RegionFd(8192, F_SEAL_GROW | F_SEAL_SHRINK | F_SEAL_WRITE); },
+         {},
+         "region cannot be mapped"},
+        {readOnly, {}, "region cannot be mapped"},
+        {nullptr, {{0, 1}}, "region data without a region"},
+        {good, {{0, 0}}, outside},
+        {good, {{0, kRing + 1}}, outside},
+        {good, {{3 * kRing + 8000, 200}}, outside},  // would wrap
+        {good, {{0, kRing}, {0, 1}}, outside},       // more than the ring in one packet
     };
-    std::vector<uint8_t> flagged = Built({kTagDictionary, 0, 0, 0, 0}, 1);
-    flagged[6] = kFlagRegion;
     for (const auto& c : cases) {
+        SCOPED_TRACE(c.why);
         ReceiveRegion region;
-        const int fd = c.make();
-        ASSERT_GE(fd, 0);
-        std::vector<int> fds = {fd};
+        const int fd = c.region ? c.region() : -1;
+        std::vector<int> fds;
+        if (fd >= 0)
+            fds.push_back(fd);
         Envelope e;
         const char* why = nullptr;
-        EXPECT_EQ(Decode(flagged, fds, e, &why, &region), nullptr);
+        EXPECT_EQ(Decode(RegionPacket(c.items, fd >= 0), fds, e, &why, &region), nullptr);
         EXPECT_STREQ(why, c.why);
         EXPECT_FALSE(IsOpen(fd));
-        EXPECT_FALSE(region.Mapped());
     }
-    // The flag needs a descriptor, and a socket that can have a region.
-    std::vector<uint8_t> bare = flagged;
-    bare[24] = 0;
-    ReceiveRegion region;
-    Envelope e;
-    const char* why = nullptr;
-    std::vector<int> none;
-    EXPECT_EQ(Decode(bare, none, e, &why, &region), nullptr);
-    EXPECT_STREQ(why, "region flag without a region descriptor");
-    const int good = SealedMemfd(8192, kFixed);
-    EXPECT_STREQ(Refusal(flagged, {good}), "region flag without a region descriptor");
-    EXPECT_FALSE(IsOpen(good));
+    // A socket that cannot have a region refuses one.
+    EXPECT_STREQ(Refusal(RegionPacket({}, true), {good()}),
+                 "region flag without a region descriptor");
 }
 
-TEST(XpcWire, RegionDataMustLieInsideTheRegionAndIsCopiedOutBeforeRelease) {
-    constexpr size_t kRing = 8192;
-    const int fd = SealedMemfd(kRegionHeaderSize + kRing, kFixed);
-    const char text[] = "copied out";
-    ASSERT_EQ(pwrite(fd, text, sizeof text, kRegionHeaderSize + 100), ssize_t(sizeof text));
-    ReceiveRegion region;
-    const char* why = nullptr;
-    ASSERT_TRUE(region.Adopt(dup(fd), &why));
-    const struct {
-        std::vector<std::vector<uint8_t>> items;
-        const char* why;  // null: accepted
-    } cases[] = {
-        {{RegionItem(5 * kRing + 100, sizeof text)}, nullptr},
-        {{RegionItem(0, 0)}, "region data outside the region"},
-        {{RegionItem(0, kRing + 1)}, "region data outside the region"},
-        {{RegionItem(3 * kRing + 8000, 200)}, "region data outside the region"},
-        {{RegionItem(0, kRing), RegionItem(0, 1)}, "region data outside the region"},
-        {{{kTagRegionData, 0, 0, 0, 0, 0, 0, 0, 0, 1}}, "truncated region data"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.why ? c.why : "accepted");
-        std::vector<int> fds;
-        Envelope e;
-        xpc_object_t m = Decode(Built(RegionBody(c.items)), fds, e, &why, &region);
-        if (c.why != nullptr) {
-            EXPECT_EQ(m, nullptr);
-            EXPECT_STREQ(why, c.why);
-            continue;
-        }
-        ASSERT_NE(m, nullptr) << why;
-        // The copy is the receiver's: the sender may reuse the bytes at once.
-        ASSERT_EQ(pwrite(fd, "X", 1, kRegionHeaderSize + 100), 1);
-        size_t length = 0;
-        const void* bytes = xpc_dictionary_get_data(m, "a", &length);
-        EXPECT_EQ(length, sizeof text);
-        EXPECT_EQ(std::memcmp(bytes, text, sizeof text), 0);
-        uint64_t progress = 0;
-        ASSERT_EQ(pread(fd, &progress, 8, 0), 8);
-        EXPECT_EQ(progress, 5 * kRing + 100 + sizeof text);
-        xpc_release(m);
-    }
-    EXPECT_STREQ(Refusal(Built(RegionBody({RegionItem(0, 1)}))), "region data without a region");
-    close(fd);
-}
-
-// Sends `size` bytes (filled from `seed`) from `sending` to `receiving`; the packet's
-// descriptors and flags come back for inspection.
-bool Carried(size_t size, uint8_t seed, SendRegion& sending, ReceiveRegion& receiving,
-             std::vector<Packet>* held = nullptr) {
-    std::vector<uint8_t> bytes(size);
-    for (size_t i = 0; i < size; i += 4093)
-        bytes[i] = static_cast<uint8_t>(seed + i);
-    bytes.back() = seed;
+// Encodes `size` bytes of `seed` and finishes the packet through `sending`.
+Packet Large(size_t size, uint8_t seed, SendRegion& sending) {
+    std::vector<uint8_t> bytes(size, seed);
     xpc_object_t m = xpc_dictionary_create(nullptr, nullptr, 0);
     xpc_dictionary_set_data(m, "d", bytes.data(), bytes.size());
     Packet packet;
-    bool ok = Encode({Kind::message, 1, 0}, m, packet) && Finish(packet, &sending);
+    EXPECT_TRUE(Encode({Kind::message, 1, 0}, m, packet) && Finish(packet, &sending));
     xpc_release(m);
-    if (ok && held != nullptr) {
-        held->push_back(std::move(packet));
-        return true;
-    }
-    std::vector<int> fds = std::exchange(packet.fds, {});
-    Envelope e;
-    const char* why = nullptr;
-    xpc_object_t r = ok ? Decode(packet.bytes, fds, e, &why, &receiving) : nullptr;
-    size_t length = 0;
-    const void* got = xpc_dictionary_get_data(r, "d", &length);
-    ok = got != nullptr && length == size && std::memcmp(got, bytes.data(), size) == 0;
-    xpc_release(r);
-    return ok;
+    return packet;
 }
 
-TEST(XpcWire, TheRegionIsAnnouncedOnceReusedGrownAndFullRingsFallBackToSealedMemfds) {
+// Decodes `packet` and checks it holds `size` bytes of `seed`; returns the message (+1).
+xpc_object_t Check(Packet& packet, size_t size, uint8_t seed, ReceiveRegion& receiving) {
+    std::vector<int> fds = std::exchange(packet.fds, {});
+    Envelope e;
+    xpc_object_t r = Decode(packet.bytes, fds, e, nullptr, &receiving);
+    size_t length = 0;
+    const auto* got = static_cast<const uint8_t*>(xpc_dictionary_get_data(r, "d", &length));
+    EXPECT_TRUE(length == size && got[0] == seed && got[size - 1] == seed) << size;
+    return r;
+}
+
+TEST(XpcWire, TheRegionIsHandedOverOnceReusedGrownAndAFullRingFallsBackToSealedMemfds) {
     SendRegion sending;
     ReceiveRegion receiving;
+    // The first large message brings the region; twelve megabytes through a ring of four go
+    // round it three times, without another region, and what was received stays as it was.
     std::vector<Packet> held;
-    // The first large message brings the region, the next ones only name it; twelve
-    // megabytes through a ring of four go round it three times.
-    ASSERT_TRUE(Carried(1 << 20, 0, sending, receiving, &held));
+    held.push_back(Large(1 << 20, 0, sending));
     EXPECT_EQ(held[0].fds.size(), 1u);
     EXPECT_EQ(held[0].bytes[6], kFlagRegion);
-    EXPECT_EQ(sending.RingSize(), 4u << 20);
-    std::vector<int> fds = std::exchange(held[0].fds, {});
-    Envelope e;
-    xpc_release(Decode(held[0].bytes, fds, e, nullptr, &receiving));
+    xpc_object_t first = Check(held[0], 1 << 20, 0, receiving);
     for (uint8_t i = 1; i < 12; ++i) {
-        held.clear();
-        ASSERT_TRUE(Carried(1 << 20, i, sending, receiving, &held));
-        EXPECT_TRUE(held[0].fds.empty());
-        EXPECT_EQ(held[0].regionBytes, 1u << 20);
-        fds.clear();
-        xpc_object_t r = Decode(held[0].bytes, fds, e, nullptr, &receiving);
-        ASSERT_NE(r, nullptr);
-        EXPECT_EQ(static_cast<const uint8_t*>(xpc_dictionary_get_data(r, "d", nullptr))[0], i);
-        xpc_release(r);
+        Packet p = Large(1 << 20, i, sending);
+        EXPECT_TRUE(p.fds.empty());
+        EXPECT_EQ(p.regionBytes, 1u << 20);
+        xpc_release(Check(p, 1 << 20, i, receiving));
     }
-    // A receiver that has not copied out yet keeps its bytes: the fifth megabyte goes in a
-    // sealed memfd, and all five arrive intact in order.
+    EXPECT_EQ(static_cast<const uint8_t*>(
+                  xpc_data_get_bytes_ptr(xpc_dictionary_get_value(first, "d")))[0],
+              0);
+    xpc_release(first);
+    // Bytes not copied out yet are not reused: the fifth megabyte goes sealed.
     held.clear();
-    for (uint8_t i = 0; i < 5; ++i) {
-        ASSERT_TRUE(Carried(1 << 20, 100 + i, sending, receiving, &held));
-    }
+    for (uint8_t i = 0; i < 5; ++i)
+        held.push_back(Large(1 << 20, 100 + i, sending));
     EXPECT_TRUE(held[3].fds.empty());
-    ASSERT_EQ(held[4].fds.size(), 1u);
+    EXPECT_EQ(held[4].fds.size(), 1u);
     EXPECT_EQ(held[4].bytes[6], 0);
-    for (uint8_t i = 0; i < 5; ++i) {
-        fds = std::exchange(held[i].fds, {});
-        xpc_object_t r = Decode(held[i].bytes, fds, e, nullptr, &receiving);
-        ASSERT_NE(r, nullptr);
-        EXPECT_EQ(static_cast<const uint8_t*>(xpc_dictionary_get_data(r, "d", nullptr))[0],
-                  100 + i);
-        xpc_release(r);
-    }
+    for (uint8_t i = 0; i < 5; ++i)
+        xpc_release(Check(held[i], 1 << 20, 100 + i, receiving));
     // Larger data brings a larger region; data larger than any region goes sealed.
     const struct {
-        size_t size;
-        size_t ring;
+        size_t size, ring;
     } sizes[] = {{kInlineDataMax + 1, 4u << 20},
                  {(4u << 20) + 1, kMaxRegionRing},
                  {kMaxRegionRing, kMaxRegionRing},
-                 {kMaxRegionRing + 1, kMaxRegionRing},
-                 {kInlineDataMax + 1, kMaxRegionRing}};
+                 {kMaxRegionRing + 1, kMaxRegionRing}};
     for (const auto& c : sizes) {
-        SCOPED_TRACE(c.size);
-        EXPECT_TRUE(Carried(c.size, 7, sending, receiving));
-        EXPECT_EQ(sending.RingSize(), c.ring);
+        Packet p = Large(c.size, 7, sending);
+        xpc_release(Check(p, c.size, 7, receiving));
         EXPECT_EQ(receiving.RingSize(), c.ring);
     }
 }
