@@ -43,11 +43,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const bool asConnect = input.flag;
     wire::ReceiveRegion region;
     if ((data[0] & 8) != 0) {
-        const int fd = fuzz_packet::MakeRegion(3);
-        for (uint32_t i = 0; i < 2 * 4096; i += 4) {
-            if (pwrite(fd, &i, 4, 4096 + i) != 4) {
-                std::abort();
+        static const std::vector<uint8_t> pattern = [] {
+            std::vector<uint8_t> p(2 * 4096);
+            for (size_t i = 0; i < p.size(); ++i) {
+                p[i] = static_cast<uint8_t>(i * 7);
             }
+            return p;
+        }();
+        const int fd = fuzz_packet::MakeRegion(3);
+        if (pwrite(fd, pattern.data(), pattern.size(), 4096) != ssize_t(pattern.size())) {
+            std::abort();
         }
         const char* why = nullptr;
         if (!region.Adopt(fd, &why)) {

@@ -28,10 +28,11 @@ namespace lxpc::wire {
 // The header page holds the receiver's progress (a little-endian u64 at offset 0).
 inline constexpr size_t kRegionHeaderSize = 4096;
 // The ring of a new region holds this many times the largest item it was made for,
-// between these sizes.
+// between these sizes. Queued packets count the ring bytes they hold against the 16 MiB a
+// peer may leave unsent, so that the largest ring fits there whole, with room to spare.
 inline constexpr size_t kRegionItemsPerRing = 4;
 inline constexpr size_t kMinRegionRing = size_t{1} << 20;
-inline constexpr size_t kMaxRegionRing = size_t{16} << 20;
+inline constexpr size_t kMaxRegionRing = size_t{8} << 20;
 inline constexpr size_t kMaxRegionSize = kRegionHeaderSize + kMaxRegionRing;
 
 class SendRegion {
