@@ -346,12 +346,6 @@ int RegionFd(size_t size, int seals = F_SEAL_GROW | F_SEAL_SHRINK) {
 TEST(XpcWire, RegionsAreCheckedBeforeMappingAndTheirDataMustLieInside) {
     constexpr uint32_t kRing = 8192;
     const auto good = [] { return RegionFd(kRegionHeaderSize + kRing); };
-    const auto readOnly = [] {
-        const int fd = RegionFd(3 * 4096);
-        const int ro = open(("/proc/self/fd/" + std::to_string(fd)).c_str(), O_RDONLY | O_CLOEXEC);
-        close(fd);
-        return ro;
-    };
     const char* const notSealed = "region is not a memory file sealed against resizing";
     const char* const outside = "region data outside the region";
     const struct {
@@ -362,12 +356,10 @@ TEST(XpcWire, RegionsAreCheckedBeforeMappingAndTheirDataMustLieInside) {
         {[] { return dup(0); }, {}, notSealed},
         {[] { return RegionFd(8192, F_SEAL_GROW); }, {}, notSealed},
         {[] { return RegionFd(4096); }, {}, "region size out of range"},
-        {[] { return RegionFd(8192 + 100); }, {}, "region size out of range"},
         {[] { return RegionFd(kMaxRegionSize + 4096); }, {}, "region size out of range"},
         {[] { return RegionFd(8192, F_SEAL_GROW | F_SEAL_SHRINK | F_SEAL_WRITE); },
          {},
          "region cannot be mapped"},
-        {readOnly, {}, "region cannot be mapped"},
         {nullptr, {{0, 1}}, "region data without a region"},
         {good, {{0, 0}}, outside},
         {good, {{0, kRing + 1}}, outside},
@@ -414,7 +406,7 @@ xpc_object_t Check(Packet& packet, size_t size, uint8_t seed, ReceiveRegion& rec
     return r;
 }
 
-TEST(XpcWire, TheRegionIsHandedOverOnceReusedGrownAndAFullRingFallsBackToSealedMemfds) {
+TEST(XpcWire, TheRegionIsHandedOverOnceReusedAndAFullRingFallsBackToSealedMemfds) {
     SendRegion sending;
     ReceiveRegion receiving;
     // The first large message brings the region; twelve megabytes through a ring of four go
@@ -443,18 +435,6 @@ TEST(XpcWire, TheRegionIsHandedOverOnceReusedGrownAndAFullRingFallsBackToSealedM
     EXPECT_EQ(held[4].bytes[6], 0);
     for (uint8_t i = 0; i < 5; ++i)
         xpc_release(Check(held[i], 1 << 20, 100 + i, receiving));
-    // Larger data brings a larger region; data larger than any region goes sealed.
-    const struct {
-        size_t size, ring;
-    } sizes[] = {{kInlineDataMax + 1, 4u << 20},
-                 {(4u << 20) + 1, kMaxRegionRing},
-                 {kMaxRegionRing, kMaxRegionRing},
-                 {kMaxRegionRing + 1, kMaxRegionRing}};
-    for (const auto& c : sizes) {
-        Packet p = Large(c.size, 7, sending);
-        xpc_release(Check(p, c.size, 7, receiving));
-        EXPECT_EQ(receiving.RingSize(), c.ring);
-    }
 }
 
 TEST(XpcWire, ConnectRequestsCarryExactlyOneSocket) {
