@@ -435,6 +435,12 @@ TEST(XpcWire, TheRegionIsHandedOverOnceReusedAndAFullRingFallsBackToSealedMemfds
     EXPECT_EQ(held[4].bytes[6], 0);
     for (uint8_t i = 0; i < 5; ++i)
         xpc_release(Check(held[i], 1 << 20, 100 + i, receiving));
+    // Once everything is copied out, data as large as the ring fits after any other.
+    for (size_t size : {kInlineDataMax + 1, size_t{4} << 20}) {
+        Packet p = Large(size, 9, sending);
+        EXPECT_TRUE(p.fds.empty());
+        xpc_release(Check(p, size, 9, receiving));
+    }
 }
 
 TEST(XpcWire, ConnectRequestsCarryExactlyOneSocket) {

@@ -82,7 +82,9 @@ std::optional<uint64_t> SendRegion::Allocate(size_t length) {
     if (offset + length > ring_) {
         start += ring_ - offset;  // items do not wrap: the rest of this lap is skipped
     }
-    if (start + length - tail_ > ring_) {
+    // The bytes still in use are those from tail_ to head_, and none when the receiver has
+    // copied everything out: then any item up to the ring's size fits, wherever it starts.
+    if (tail_ != head_ && start + length - tail_ > ring_) {
         return std::nullopt;
     }
     head_ = start + length;
