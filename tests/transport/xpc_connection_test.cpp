@@ -406,6 +406,35 @@ TEST_F(XpcConnection, AMalformedPacketDropsOnlyThatConnection) {
     Close(good);
 }
 
+TEST_F(XpcConnection, LargeDataArrivesIntactBothWaysAroundEveryThreshold) {
+    Service service("t.large", [](xpc_connection_t peer, xpc_object_t m) {
+        xpc_object_t reply = xpc_dictionary_create_reply(m);
+        xpc_dictionary_set_value(reply, "d", xpc_dictionary_get_value(m, "d"));
+        xpc_connection_send_message(peer, reply);
+        xpc_release(reply);
+    });
+    service.Start();
+    xpc_connection_t c = Client("t.large", nullptr);
+    // Inline, just out of the packet, a whole packet, a ring that must grow, the largest
+    // ring, beyond it (sealed), and small again in the grown ring.
+    for (size_t size : {wire::kInlineDataMax, wire::kInlineDataMax + 1, wire::kMaxPacketSize,
+                        size_t{1} << 20, (size_t{4} << 20) + 1, wire::kMaxRegionRing,
+                        wire::kMaxRegionRing + 1, wire::kInlineDataMax + 1}) {
+        std::vector<uint8_t> bytes(size);
+        for (size_t i = 0; i < size; ++i)
+            bytes[i] = static_cast<uint8_t>(i * 131 + size);
+        xpc_object_t m = xpc_dictionary_create(nullptr, nullptr, 0);
+        xpc_dictionary_set_data(m, "d", bytes.data(), bytes.size());
+        xpc_object_t r = xpc_connection_send_message_with_reply_sync(c, m);
+        size_t length = 0;
+        const void* got = xpc_dictionary_get_data(r, "d", &length);
+        EXPECT_TRUE(length == size && std::memcmp(got, bytes.data(), size) == 0) << size;
+        xpc_release(r);
+        xpc_release(m);
+    }
+    Close(c);
+}
+
 TEST_F(XpcConnection, AnInterruptedClientReconnectsToARestartedService) {
     auto events = std::make_shared<Inbox>();
     auto service = std::make_unique<Service>(

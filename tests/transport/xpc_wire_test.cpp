@@ -1,5 +1,5 @@
-// The packet codec: round trips, the exact envelope, large data in sealed memfds, and the
-// decoder's refusals of hostile packets without leaking descriptors.
+// The packet codec: round trips, the exact envelope, large data in the shared region and in
+// sealed memfds, and the decoder's refusals of hostile packets without leaking descriptors.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -9,6 +9,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <string>
 #include <vector>
@@ -26,14 +27,15 @@ bool IsOpen(int fd) {
     return fcntl(fd, F_GETFD) != -1;
 }
 
-xpc_object_t RoundTrip(xpc_object_t message, Envelope in, Envelope& out) {
+xpc_object_t RoundTrip(xpc_object_t message, Envelope in, Envelope& out,
+                       SendRegion* sending = nullptr, ReceiveRegion* receiving = nullptr) {
     Packet packet;
-    if (!Encode(in, message, packet)) {
+    if (!Encode(in, message, packet) || !Finish(packet, sending)) {
         return nullptr;
     }
     std::vector<int> fds = std::exchange(packet.fds, {});
     const char* why = nullptr;
-    xpc_object_t decoded = Decode(packet.bytes, fds, out, &why);
+    xpc_object_t decoded = Decode(packet.bytes, fds, out, &why, receiving);
     EXPECT_NE(decoded, nullptr) << why;
     return decoded;
 }
@@ -164,6 +166,7 @@ TEST(XpcWire, PacketsTooLargeForTheSocketSpillDataOrAreRefused) {
     }
     Packet packet;
     ASSERT_TRUE(Encode({}, m, packet));
+    ASSERT_TRUE(Finish(packet, nullptr));
     EXPECT_LE(packet.bytes.size(), kMaxPacketSize);
     EXPECT_EQ(packet.fds.size(), 5u);
     Envelope out;
@@ -240,7 +243,10 @@ TEST(XpcWire, MalformedPacketsAreRefusedWithTheirReason) {
     p.push_back(0);
     EXPECT_STREQ(Refusal(p), "body length does not match the packet");
     p = Built({kTagDictionary, 0, 0, 0, 0});
-    p[6] = 1;
+    p[6] = 2;
+    EXPECT_STREQ(Refusal(p), "reserved envelope bits set");
+    p[6] = 0;
+    p[7] = 1;
     EXPECT_STREQ(Refusal(p), "reserved envelope bits set");
     p[6] = 0;
     p[0] = 'M';
@@ -314,6 +320,127 @@ TEST(XpcWire, DescriptorRulesAreEnforcedAndRefusedDescriptorsClosed) {
     EXPECT_TRUE(ok.fds.empty());  // 64 KiB and less stays inline
     xpc_release(m);
     xpc_release(d);
+}
+
+// A packet of region data items (position, length), handing a region over when `flag`.
+std::vector<uint8_t> RegionPacket(std::vector<std::pair<uint64_t, uint32_t>> items, bool flag) {
+    std::vector<uint8_t> b = {kTagDictionary, static_cast<uint8_t>(items.size()), 0, 0, 0};
+    for (size_t i = 0; i < items.size(); ++i) {
+        b.insert(b.end(), {1, 0, 0, 0, static_cast<uint8_t>('a' + i), kTagRegionData});
+        for (int k = 0; k < 12; ++k)
+            b.push_back(k < 8 ? static_cast<uint8_t>(items[i].first >> (8 * k))
+                              : static_cast<uint8_t>(items[i].second >> (8 * (k - 8))));
+    }
+    std::vector<uint8_t> p = Built(b, flag ? 1 : 0);
+    p[6] = flag ? kFlagRegion : 0;
+    return p;
+}
+
+int RegionFd(size_t size, int seals = F_SEAL_GROW | F_SEAL_SHRINK) {
+    const int fd = memfd_create("t", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+    EXPECT_EQ(ftruncate(fd, static_cast<off_t>(size)), 0);
+    EXPECT_EQ(fcntl(fd, F_ADD_SEALS, seals), 0);
+    return fd;
+}
+
+TEST(XpcWire, RegionsAreCheckedBeforeMappingAndTheirDataMustLieInside) {
+    constexpr uint32_t kRing = 8192;
+    const auto good = [] { return RegionFd(kRegionHeaderSize + kRing); };
+    const char* const notSealed = "region is not a memory file sealed against resizing";
+    const char* const outside = "region data outside the region";
+    const struct {
+        std::function<int()> region;
+        std::vector<std::pair<uint64_t, uint32_t>> items;
+        const char* why;
+    } cases[] = {
+        {[] { return dup(0); }, {}, notSealed},
+        {[] { return RegionFd(8192, F_SEAL_GROW); }, {}, notSealed},
+        {[] { return RegionFd(4096); }, {}, "region size out of range"},
+        {[] { return RegionFd(kMaxRegionSize + 4096); }, {}, "region size out of range"},
+        {[] { return RegionFd(8192, F_SEAL_GROW | F_SEAL_SHRINK | F_SEAL_WRITE); },
+         {},
+         "region cannot be mapped"},
+        {nullptr, {{0, 1}}, "region data without a region"},
+        {good, {{0, 0}}, outside},
+        {good, {{0, kRing + 1}}, outside},
+        {good, {{3 * kRing + 8000, 200}}, outside},  // would wrap
+        {good, {{0, kRing}, {0, 1}}, outside},       // more than the ring in one packet
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.why);
+        ReceiveRegion region;
+        const int fd = c.region ? c.region() : -1;
+        std::vector<int> fds;
+        if (fd >= 0)
+            fds.push_back(fd);
+        Envelope e;
+        const char* why = nullptr;
+        EXPECT_EQ(Decode(RegionPacket(c.items, fd >= 0), fds, e, &why, &region), nullptr);
+        EXPECT_STREQ(why, c.why);
+        EXPECT_FALSE(IsOpen(fd));
+    }
+    // A socket that cannot have a region refuses one.
+    EXPECT_STREQ(Refusal(RegionPacket({}, true), {good()}),
+                 "region flag without a region descriptor");
+}
+
+// Encodes `size` bytes of `seed` and finishes the packet through `sending`.
+Packet Large(size_t size, uint8_t seed, SendRegion& sending) {
+    std::vector<uint8_t> bytes(size, seed);
+    xpc_object_t m = xpc_dictionary_create(nullptr, nullptr, 0);
+    xpc_dictionary_set_data(m, "d", bytes.data(), bytes.size());
+    Packet packet;
+    EXPECT_TRUE(Encode({Kind::message, 1, 0}, m, packet) && Finish(packet, &sending));
+    xpc_release(m);
+    return packet;
+}
+
+// Decodes `packet` and checks it holds `size` bytes of `seed`; returns the message (+1).
+xpc_object_t Check(Packet& packet, size_t size, uint8_t seed, ReceiveRegion& receiving) {
+    std::vector<int> fds = std::exchange(packet.fds, {});
+    Envelope e;
+    xpc_object_t r = Decode(packet.bytes, fds, e, nullptr, &receiving);
+    size_t length = 0;
+    const auto* got = static_cast<const uint8_t*>(xpc_dictionary_get_data(r, "d", &length));
+    EXPECT_TRUE(length == size && got[0] == seed && got[size - 1] == seed) << size;
+    return r;
+}
+
+TEST(XpcWire, TheRegionIsHandedOverOnceReusedAndAFullRingFallsBackToSealedMemfds) {
+    SendRegion sending;
+    ReceiveRegion receiving;
+    // The first large message brings the region; twelve megabytes through a ring of four go
+    // round it three times, without another region, and what was received stays as it was.
+    std::vector<Packet> held;
+    held.push_back(Large(1 << 20, 0, sending));
+    EXPECT_EQ(held[0].fds.size(), 1u);
+    EXPECT_EQ(held[0].bytes[6], kFlagRegion);
+    xpc_object_t first = Check(held[0], 1 << 20, 0, receiving);
+    for (uint8_t i = 1; i < 12; ++i) {
+        Packet p = Large(1 << 20, i, sending);
+        EXPECT_TRUE(p.fds.empty());
+        EXPECT_EQ(p.regionBytes, 1u << 20);
+        xpc_release(Check(p, 1 << 20, i, receiving));
+    }
+    EXPECT_EQ(static_cast<const uint8_t*>(
+                  xpc_data_get_bytes_ptr(xpc_dictionary_get_value(first, "d")))[0],
+              0);
+    xpc_release(first);
+    // Bytes not copied out yet are not reused: the fifth megabyte goes sealed.
+    held.clear();
+    for (uint8_t i = 0; i < 5; ++i)
+        held.push_back(Large(1 << 20, 100 + i, sending));
+    EXPECT_TRUE(held[3].fds.empty());
+    EXPECT_EQ(held[4].fds.size(), 1u);
+    EXPECT_EQ(held[4].bytes[6], 0);
+    for (uint8_t i = 0; i < 5; ++i)
+        xpc_release(Check(held[i], 1 << 20, 100 + i, receiving));
+    // Once everything is copied out, data as large as the ring fits after any other.
+    for (size_t size : {kInlineDataMax + 1, size_t{4} << 20}) {
+        Packet p = Large(size, 9, sending);
+        EXPECT_TRUE(p.fds.empty());
+        xpc_release(Check(p, size, 9, receiving));
+    }
 }
 
 TEST(XpcWire, ConnectRequestsCarryExactlyOneSocket) {

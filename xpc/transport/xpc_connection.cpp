@@ -89,7 +89,8 @@ struct OutItem {
 // A socket shared by the connection, its reader and its writer; closed with the last user,
 // so that no thread ever works on a descriptor number that was reused. Packets the socket
 // could not take at once wait in `out` for its writer thread; the fields below `fd` are
-// guarded by the connection's mutex.
+// guarded by the connection's mutex, but for `receiveRegion`, which only the thread reading
+// the socket touches. Each socket has its own shared regions, made on its first large data.
 struct Socket {
     explicit Socket(int descriptor) : fd(descriptor) {}
     ~Socket() { os::Close(fd); }
@@ -103,17 +104,30 @@ struct Socket {
     size_t outFds = 0;
     bool writerRunning = false;  // a writer thread serves this socket
     bool writerBusy = false;     // ... and is writing an item taken from `out`
-    bool ended = false;          // the connection is done with this socket
+    // A sender is writing its packet itself, waiting for room; packets after it queue.
+    bool directSending = false;
+    bool ended = false;  // the connection is done with this socket
+    wire::SendRegion sendRegion;
+    wire::ReceiveRegion receiveRegion;
 };
 using SocketRef = std::shared_ptr<Socket>;
 
-void PushOut(Socket& sock, OutItem item) {
+// What a queued packet holds: its bytes and what it occupies of the shared region's ring.
+size_t HeldBytes(const wire::Packet& packet) {
+    return packet.bytes.size() + packet.regionBytes;
+}
+
+void PushOut(Socket& sock, OutItem item, bool front = false) {
     if (!item.barrier) {
         ++sock.outPackets;
-        sock.outBytes += item.packet.bytes.size();
+        sock.outBytes += HeldBytes(item.packet);
         sock.outFds += item.packet.fds.size();
     }
-    sock.out.push_back(std::move(item));
+    if (front) {
+        sock.out.push_front(std::move(item));
+    } else {
+        sock.out.push_back(std::move(item));
+    }
 }
 
 OutItem PopOut(Socket& sock) {
@@ -121,7 +135,7 @@ OutItem PopOut(Socket& sock) {
     sock.out.pop_front();
     if (!item.barrier) {
         --sock.outPackets;
-        sock.outBytes -= item.packet.bytes.size();
+        sock.outBytes -= HeldBytes(item.packet);
         sock.outFds -= item.packet.fds.size();
     }
     return item;
@@ -408,8 +422,8 @@ bool ReceiveOne(Connection* c, const SocketRef& sock, std::vector<uint8_t>& buff
     }
     wire::Envelope envelope;
     const char* why = nullptr;
-    xpc_object_t body =
-        wire::Decode(std::span<const uint8_t>(buffer.data(), length), fds, envelope, &why);
+    xpc_object_t body = wire::Decode(std::span<const uint8_t>(buffer.data(), length), fds, envelope,
+                                     &why, &sock->receiveRegion);
     if (body == nullptr) {
         std::string message = "dropping connection: malformed packet (";
         message += why != nullptr ? why : "?";
@@ -494,8 +508,10 @@ constexpr auto kWriterLinger = std::chrono::milliseconds(200);
 void WriterMain(Connection* c, SocketRef sock) {
     std::unique_lock lock(c->mutex);
     bool broken = false;
+    // A sender writing its own packet goes first: what is queued was sent after it.
+    const auto ready = [&] { return !sock->out.empty() && !sock->directSending; };
     for (;;) {
-        while (!sock->out.empty()) {
+        while (ready()) {
             OutItem item = PopOut(*sock);
             sock->writerBusy = true;
             lock.unlock();
@@ -511,15 +527,28 @@ void WriterMain(Connection* c, SocketRef sock) {
             lock.lock();
             sock->writerBusy = false;
         }
-        if (broken || sock->ended || !c->out_cv.wait_for(lock, kWriterLinger, [&] {
-                return !sock->out.empty() || sock->ended;
-            })) {
+        if (broken || sock->ended ||
+            !c->out_cv.wait_for(lock, kWriterLinger, [&] { return ready() || sock->ended; })) {
             break;
         }
     }
     sock->writerRunning = false;
     lock.unlock();
     xpc_release(c);
+}
+
+// Has the writer thread serve what `sock` has queued (mutex held).
+void WakeWriterLocked(Connection* c, const SocketRef& sock) {
+    if (sock->out.empty()) {
+        return;
+    }
+    if (sock->writerRunning) {
+        c->out_cv.notify_all();
+    } else {
+        sock->writerRunning = true;
+        xpc_retain(c);
+        std::thread(WriterMain, c, sock).detach();
+    }
 }
 
 // A sender finding its socket full waits up to kSendWaits times kSendWaitMs for room before
@@ -601,30 +630,36 @@ void Send(Connection* c, xpc_object_t message, Pending* p) {
         }
         return;
     }
+    const SocketRef sock = c->socket;
+    // Data left out of the packet is placed here, under the lock that orders packets on the
+    // socket: the receiver frees the shared region in the order it reads.
+    if (!wire::Finish(packet, &sock->sendRegion)) {
+        lock.unlock();
+        Report(c, "message not sent: its data cannot be placed");
+        if (p != nullptr) {
+            DeliverReply(c, std::move(*p), XPC_ERROR_CONNECTION_INVALID, false);
+        }
+        return;
+    }
     const uint64_t id = c->nextId++;
     wire::SetPacketId(packet, id);
     if (p != nullptr) {
         c->pending.emplace(id, std::move(*p));
     }
-    const SocketRef sock = c->socket;
-    auto queueBehind = [&] {
-        PushOut(*sock, OutItem{std::move(packet), nullptr});
+    auto queue = [&](bool front) {
+        PushOut(*sock, OutItem{std::move(packet), nullptr}, front);
         if (OverLimits(*sock)) {
             DropOverflowingLocked(c, sock, lock);
             return;
         }
-        if (sock->writerRunning) {
-            c->out_cv.notify_all();
-        } else {
-            sock->writerRunning = true;
-            xpc_retain(c);
-            std::thread(WriterMain, c, sock).detach();
-        }
+        WakeWriterLocked(c, sock);
     };
-    if (!sock->out.empty() || sock->writerBusy) {
-        queueBehind();
+    if (!sock->out.empty() || sock->writerBusy || sock->directSending) {
+        queue(false);
         return;
     }
+    // From here until this packet is written or queued, others queue behind it.
+    sock->directSending = true;
     os::IoStatus status;
     for (int wait = 0;; ++wait) {
         status = os::SendPacket(sock->fd, packet.bytes, packet.fds, false);
@@ -638,18 +673,17 @@ void Send(Connection* c, xpc_object_t message, Pending* p) {
         os::WaitWritable(sock->fd, kSendWaitMs);
         lock.lock();
         if (sock->ended) {
+            sock->directSending = false;
             return;  // whoever ended the socket settled what was owed
         }
-        if (!sock->out.empty() || sock->writerBusy) {
-            queueBehind();
-            return;
-        }
     }
+    sock->directSending = false;
     switch (status) {
         case os::IoStatus::ok:
+            WakeWriterLocked(c, sock);  // for what queued behind this packet meanwhile
             return;
         case os::IoStatus::wouldBlock:
-            queueBehind();
+            queue(true);  // ahead of what queued behind it meanwhile
             return;
         case os::IoStatus::closed:
         case os::IoStatus::failed:
@@ -1055,7 +1089,8 @@ void xpc_connection_send_barrier(xpc_connection_t connection, xpc_barrier_t barr
         return;
     }
     std::unique_lock lock(c->mutex);
-    if (c->socket && !c->socket->ended && (!c->socket->out.empty() || c->socket->writerBusy)) {
+    if (c->socket && !c->socket->ended &&
+        (!c->socket->out.empty() || c->socket->writerBusy || c->socket->directSending)) {
         PushOut(*c->socket, OutItem{wire::Packet(), std::move(barrier)});
         c->out_cv.notify_all();
         return;

@@ -2,9 +2,9 @@
 // insertion-ordered dictionaries, and the three error singletons.
 //
 // Getters never fail loudly: a null object, a missing key or a value of another type gives
-// the platform's fallback (false, 0, 0.0, null, -1 for descriptors). Data above the inline
-// limit is moved into a sealed memfd when it is created, so that sending it (possibly many
-// times, possibly to many peers) passes a descriptor instead of copying the bytes again.
+// the platform's fallback (false, 0, 0.0, null, -1 for descriptors). Data made here lives on
+// the heap whatever its size: a send copies it into the socket's shared region, which costs
+// far less than fresh sealed pages would; only data received sealed stays in its memfd.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -314,12 +314,6 @@ int64_t xpc_date_get_value(xpc_object_t object) {
 xpc_object_t xpc_data_create(const void* bytes, size_t length) {
     if (bytes == nullptr) {
         length = 0;
-    }
-    if (length > wire::kInlineDataMax && length <= wire::kMaxSealedDataSize) {
-        const int memfd = os::CreateSealedMemfd(bytes, length);
-        if (memfd >= 0) {
-            return MakeSealedData(memfd, length);
-        }
     }
     auto* data = new DataObject;
     // One byte at least, so that the bytes pointer of empty data is valid too.

@@ -26,6 +26,16 @@ bool IsSealedMemfd(int fd, uint64_t length);
 const void* MapReadOnly(int fd, size_t length);
 void Unmap(const void* mapping, size_t length);
 
+// A memfd of `length` bytes for a shared region, sealed against growing and shrinking (and
+// against further seals) but writable, so that it can be reused for message after message.
+int CreateRegion(size_t length);
+// True when `fd` is a memory file sealed against growing and shrinking; `length` is then its
+// size, which nobody can change: a mapping of it never faults for want of a page.
+bool IsRegionMemfd(int fd, uint64_t& length);
+// Maps all `length` bytes of `fd` shared, the first `writable` bytes readable and writable,
+// the rest read-only; null on failure. Unmap with Unmap.
+uint8_t* MapShared(int fd, size_t length, size_t writable);
+
 bool IsSeqpacketSocket(int fd);
 bool SameFile(int a, int b);
 int Dup(int fd);

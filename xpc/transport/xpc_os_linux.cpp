@@ -93,6 +93,43 @@ void Unmap(const void* mapping, size_t length) {
     }
 }
 
+int CreateRegion(size_t length) {
+    const int fd = ::memfd_create("lxpc-region", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+    if (fd < 0) {
+        return -1;
+    }
+    if (::ftruncate(fd, static_cast<off_t>(length)) != 0 ||
+        ::fcntl(fd, F_ADD_SEALS, F_SEAL_GROW | F_SEAL_SHRINK | F_SEAL_SEAL) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+bool IsRegionMemfd(int fd, uint64_t& length) {
+    constexpr int kFixedSize = F_SEAL_GROW | F_SEAL_SHRINK;
+    const int seals = ::fcntl(fd, F_GET_SEALS);
+    struct stat st;
+    if (seals < 0 || (seals & kFixedSize) != kFixedSize || ::fstat(fd, &st) != 0 ||
+        !S_ISREG(st.st_mode) || st.st_size <= 0) {
+        return false;
+    }
+    length = static_cast<uint64_t>(st.st_size);
+    return true;
+}
+
+uint8_t* MapShared(int fd, size_t length, size_t writable) {
+    void* mapping = ::mmap(nullptr, length, PROT_READ, MAP_SHARED, fd, 0);
+    if (mapping == MAP_FAILED) {
+        return nullptr;
+    }
+    if (writable != 0 && ::mprotect(mapping, writable, PROT_READ | PROT_WRITE) != 0) {
+        ::munmap(mapping, length);
+        return nullptr;
+    }
+    return static_cast<uint8_t*>(mapping);
+}
+
 bool IsSeqpacketSocket(int fd) {
     int type = 0;
     socklen_t length = sizeof type;

@@ -7,7 +7,9 @@
 // everything decoded so far and closes every received descriptor.
 #include "xpc/transport/xpc_wire.h"
 
+#include <algorithm>
 #include <cstring>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -19,7 +21,10 @@ namespace lxpc::wire {
 using namespace lxpc::detail;
 
 Packet::Packet(Packet&& other) noexcept
-    : bytes(std::move(other.bytes)), fds(std::exchange(other.fds, {})) {}
+    : bytes(std::move(other.bytes)),
+      fds(std::exchange(other.fds, {})),
+      spills(std::move(other.spills)),
+      regionBytes(other.regionBytes) {}
 
 Packet& Packet::operator=(Packet&& other) noexcept {
     if (this != &other) {
@@ -28,6 +33,8 @@ Packet& Packet::operator=(Packet&& other) noexcept {
         }
         bytes = std::move(other.bytes);
         fds = std::exchange(other.fds, {});
+        spills = std::move(other.spills);
+        regionBytes = other.regionBytes;
     }
     return *this;
 }
@@ -63,6 +70,18 @@ void Patch64(std::vector<uint8_t>& out, size_t at, uint64_t v) {
         out[at + i] = static_cast<uint8_t>(v >> (8 * i));
     }
 }
+
+void Patch32(std::vector<uint8_t>& out, size_t at, uint32_t v) {
+    for (int i = 0; i < 4; ++i) {
+        out[at + i] = static_cast<uint8_t>(v >> (8 * i));
+    }
+}
+
+// Offsets of the envelope fields rewritten after the body is known.
+constexpr size_t kFlagsAt = 6;
+constexpr size_t kIdAt = 8;
+constexpr size_t kDescriptorCountAt = 24;
+constexpr size_t kBodyLengthAt = 28;
 
 void PutHeader(std::vector<uint8_t>& out, Kind kind, uint64_t id, uint64_t replyTo,
                uint32_t descriptors, uint32_t bodyLength) {
@@ -182,8 +201,11 @@ public:
     }
 
 private:
+    // Every spill may need a descriptor of its own, should the region have no room for it.
+    size_t DescriptorsClaimed() const { return out_.fds.size() + out_.spills.size(); }
+
     bool Descriptor(int fd) {
-        if (fd < 0 || out_.fds.size() >= kMaxDescriptors) {
+        if (fd < 0 || DescriptorsClaimed() >= kMaxDescriptors) {
             os::Close(fd);
             return false;
         }
@@ -194,18 +216,22 @@ private:
 
     bool Data(const DataObject* data) {
         std::vector<uint8_t>& b = out_.bytes;
-        if (data->length > inlineMax_ || data->memfd >= 0) {
-            if (data->length > kMaxSealedDataSize) {
+        if (data->memfd >= 0) {
+            // Already sealed (received so, typically): passed on without a copy.
+            Put8(b, kTagSealedData);
+            Put64(b, data->length);
+            return Descriptor(os::Dup(data->memfd));
+        }
+        if (data->length > inlineMax_) {
+            if (data->length > kMaxSealedDataSize || DescriptorsClaimed() >= kMaxDescriptors) {
                 return false;
             }
-            if (data->length > 0) {
-                const int fd = data->memfd >= 0
-                                   ? os::Dup(data->memfd)
-                                   : os::CreateSealedMemfd(data->heap.get(), data->length);
-                Put8(b, kTagSealedData);
-                Put64(b, data->length);
-                return Descriptor(fd);
-            }
+            // A placeholder of the size of either out-of-packet form, filled in by Finish.
+            out_.spills.push_back({b.size(), data->heap.get(), data->length});
+            Put8(b, kTagRegionData);
+            Put64(b, 0);
+            Put32(b, 0);
+            return true;
         }
         Put8(b, kTagData);
         Put32(b, static_cast<uint32_t>(data->length));
@@ -226,13 +252,21 @@ bool EncodeWith(const Envelope& envelope, const DictionaryObject* d, Packet& out
     if (!encoder.Dictionary(d, 1) || out.bytes.size() > kMaxPacketSize) {
         return false;
     }
-    const auto setAt = [&](size_t at, uint32_t v) {
-        for (int i = 0; i < 4; ++i) {
-            out.bytes[at + i] = static_cast<uint8_t>(v >> (8 * i));
-        }
-    };
-    setAt(24, static_cast<uint32_t>(out.fds.size()));
-    setAt(28, static_cast<uint32_t>(out.bytes.size() - kHeaderSize));
+    Patch32(out.bytes, kDescriptorCountAt, static_cast<uint32_t>(out.fds.size()));
+    Patch32(out.bytes, kBodyLengthAt, static_cast<uint32_t>(out.bytes.size() - kHeaderSize));
+    return true;
+}
+
+// Rewrites a spill's placeholder as data in a sealed memfd.
+bool PlaceSealed(Packet& packet, const Packet::Spill& spill) {
+    const int fd = os::CreateSealedMemfd(spill.data, spill.length);
+    if (fd < 0) {
+        return false;
+    }
+    packet.bytes[spill.at] = kTagSealedData;
+    Patch64(packet.bytes, spill.at + 1, spill.length);
+    Patch32(packet.bytes, spill.at + 9, static_cast<uint32_t>(packet.fds.size()));
+    packet.fds.push_back(fd);
     return true;
 }
 
@@ -288,6 +322,7 @@ private:
 
 struct Header {
     uint8_t kind = 0;
+    uint16_t flags = 0;
     uint64_t id = 0;
     uint64_t replyTo = 0;
     uint32_t descriptors = 0;
@@ -306,7 +341,8 @@ bool ReadHeader(Reader& r, size_t total, Header& h, const char** why) {
         *why = "bad magic or version";
         return false;
     }
-    if (flags0 != 0 || flags1 != 0) {
+    h.flags = static_cast<uint16_t>(flags0 | (flags1 << 8));
+    if ((h.flags & ~kFlagRegion) != 0) {
         *why = "reserved envelope bits set";
         return false;
     }
@@ -327,7 +363,16 @@ bool ValidKey(const uint8_t* p, size_t n) {
 
 class Decoder {
 public:
-    Decoder(Reader& r, std::vector<int>& fds) : r_(r), fds_(fds), used_(fds.size(), false) {}
+    Decoder(Reader& r, std::vector<int>& fds, ReceiveRegion* region)
+        : r_(r), fds_(fds), used_(fds.size(), false), region_(region) {}
+
+    // Marks the last descriptor as the packet's region and hands it over.
+    int TakeRegionDescriptor() {
+        used_.back() = true;
+        return std::exchange(fds_.back(), -1);
+    }
+    // The end of the furthest region data copied out.
+    uint64_t RegionEnd() const { return regionEnd_; }
 
     bool AllDescriptorsUsed() const {
         for (bool u : used_) {
@@ -407,6 +452,28 @@ public:
                     return Fail("sealed data descriptor is not a sealed memfd of that size");
                 }
                 return MakeSealedData(fd, static_cast<size_t>(n));
+            }
+            case kTagRegionData: {
+                uint64_t position = 0;
+                uint32_t n = 0;
+                if (!r_.U64(position) || !r_.U32(n)) {
+                    return Fail("truncated region data");
+                }
+                if (region_ == nullptr || !region_->Mapped()) {
+                    return Fail("region data without a region");
+                }
+                // Each copy is bounded by the ring, and so is their sum: a packet naming the
+                // same bytes over and over cannot make the receiver allocate without end.
+                if (!region_->Holds(position, n) || n > region_->RingSize() - regionCopied_) {
+                    return Fail("region data outside the region");
+                }
+                regionCopied_ += n;
+                auto* data = new DataObject;
+                data->heap = std::make_unique_for_overwrite<uint8_t[]>(n);
+                region_->CopyOut(position, n, data->heap.get());
+                data->length = n;
+                regionEnd_ = std::max(regionEnd_, position + n);
+                return data;
             }
             case kTagUuid: {
                 const uint8_t* p = nullptr;
@@ -543,6 +610,9 @@ private:
     Reader& r_;
     std::vector<int>& fds_;
     std::vector<bool> used_;
+    ReceiveRegion* const region_;
+    size_t regionCopied_ = 0;
+    uint64_t regionEnd_ = 0;
 };
 
 void CloseAll(std::vector<int>& fds) {
@@ -575,14 +645,52 @@ bool Encode(const Envelope& envelope, xpc_object_t dictionary, Packet& out) {
     return false;
 }
 
+bool Finish(Packet& packet, SendRegion* region) {
+    if (packet.spills.empty()) {
+        return true;
+    }
+    size_t largest = 0;
+    for (const Packet::Spill& spill : packet.spills) {
+        largest = std::max(largest, spill.length);
+    }
+    // Encode left a descriptor for every spill; the region's own needs one more.
+    const bool useRegion = region != nullptr &&
+                           packet.fds.size() + packet.spills.size() < kMaxDescriptors &&
+                           region->Reserve(largest);
+    for (const Packet::Spill& spill : packet.spills) {
+        const std::optional<uint64_t> position =
+            useRegion ? region->Allocate(spill.length) : std::nullopt;
+        if (!position) {
+            // No region, or its ring is full of data the receiver has not copied out yet.
+            if (!PlaceSealed(packet, spill)) {
+                return false;
+            }
+            continue;
+        }
+        std::memcpy(region->At(*position), spill.data, spill.length);
+        Patch64(packet.bytes, spill.at + 1, *position);
+        Patch32(packet.bytes, spill.at + 9, static_cast<uint32_t>(spill.length));
+        packet.regionBytes += spill.length;
+    }
+    packet.spills.clear();
+    if (useRegion) {
+        if (const int fd = region->TakeAnnouncement(); fd >= 0) {
+            packet.fds.push_back(fd);
+            packet.bytes[kFlagsAt] |= static_cast<uint8_t>(kFlagRegion);
+        }
+    }
+    Patch32(packet.bytes, kDescriptorCountAt, static_cast<uint32_t>(packet.fds.size()));
+    return true;
+}
+
 void SetPacketId(Packet& packet, uint64_t id) {
     if (packet.bytes.size() >= kHeaderSize) {
-        Patch64(packet.bytes, 8, id);
+        Patch64(packet.bytes, kIdAt, id);
     }
 }
 
 xpc_object_t Decode(std::span<const uint8_t> bytes, std::vector<int>& fds, Envelope& envelope,
-                    const char** why) {
+                    const char** why, ReceiveRegion* region) {
     const char* unused = nullptr;
     if (why == nullptr) {
         why = &unused;
@@ -616,7 +724,18 @@ xpc_object_t Decode(std::span<const uint8_t> bytes, std::vector<int>& fds, Envel
         CloseAll(fds);
         return nullptr;
     }
-    Decoder decoder(r, fds);
+    Decoder decoder(r, fds, region);
+    if ((h.flags & kFlagRegion) != 0) {
+        if (region == nullptr || fds.empty()) {
+            *why = "region flag without a region descriptor";
+            CloseAll(fds);
+            return nullptr;
+        }
+        if (!region->Adopt(decoder.TakeRegionDescriptor(), why)) {
+            CloseAll(fds);
+            return nullptr;
+        }
+    }
     uint8_t tag = 0;
     xpc_object_t body = nullptr;
     if (!r.U8(tag) || tag != kTagDictionary) {
@@ -637,6 +756,10 @@ xpc_object_t Decode(std::span<const uint8_t> bytes, std::vector<int>& fds, Envel
         return nullptr;
     }
     fds.clear();  // every one adopted
+    // Only now, with every byte copied out, may the sender reuse them.
+    if (region != nullptr) {
+        region->Release(decoder.RegionEnd());
+    }
     envelope.kind = static_cast<Kind>(h.kind);
     envelope.id = h.id;
     envelope.replyTo = h.replyTo;
@@ -656,8 +779,8 @@ bool DecodeConnect(std::span<const uint8_t> bytes, std::vector<int>& fds, int& s
     const char* why = nullptr;
     socketEnd = -1;
     if (bytes.size() > kMaxPacketSize || !ReadHeader(r, bytes.size(), h, &why) ||
-        h.kind != static_cast<uint8_t>(Kind::connect) || h.id != 0 || h.replyTo != 0 ||
-        h.descriptors != 1 || fds.size() != 1 || h.bodyLength != 0 ||
+        h.kind != static_cast<uint8_t>(Kind::connect) || h.flags != 0 || h.id != 0 ||
+        h.replyTo != 0 || h.descriptors != 1 || fds.size() != 1 || h.bodyLength != 0 ||
         !os::IsSeqpacketSocket(fds[0])) {
         CloseAll(fds);
         return false;
