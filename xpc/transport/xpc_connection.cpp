@@ -170,6 +170,7 @@ struct SyncWait {
         return done;
     }
     void Complete(xpc_object_t r) {
+        int fd;
         {
             std::lock_guard lock(mutex);
             if (done) {
@@ -177,11 +178,11 @@ struct SyncWait {
             }
             result = r;
             done = true;
-            if (wakeFd < 0 || std::this_thread::get_id() == owner) {
-                return;
-            }
+            fd = std::this_thread::get_id() == owner ? -1 : wakeFd;
         }
-        os::Wake(wakeFd);
+        if (fd >= 0) {
+            os::Wake(fd);
+        }
     }
     void WakeBy(int fd) {
         std::lock_guard lock(mutex);
