@@ -159,13 +159,13 @@ bool OverLimits(const Socket& sock) {
 // directly). A wake-up may arrive after its waiter already saw `done`; the next wait then
 // takes it as spurious and waits again. The caller completing its own wait wakes nobody.
 struct SyncWait {
-    std::mutex mutex;
+    mutable std::mutex mutex;
     bool done = false;
     xpc_object_t result = nullptr;
     int wakeFd = -1;  // a wait set's eventfd or a pipe's write end; -1: nobody to wake
     const std::thread::id owner = std::this_thread::get_id();
 
-    bool Done() {
+    bool Done() const {
         std::lock_guard lock(mutex);
         return done;
     }
@@ -490,8 +490,11 @@ std::span<uint8_t> ThreadBuffer() {
 
 // Receives and dispatches until the socket is empty, unless another thread already does
 // (which then goes on until empty itself); false once the socket has ended. Wake-ups are
-// edge-triggered, so whoever drains must not stop before the socket is empty.
-bool Drain(Connection* c, const SocketRef& sock, bool inlineAllowed) {
+// edge-triggered, so whoever drains must not stop before the socket is empty, but for a
+// caller once `until` is done: handing the watch back to the reader then wakes the reader
+// for whatever is left.
+bool Drain(Connection* c, const SocketRef& sock, bool inlineAllowed,
+           const SyncWait* until = nullptr) {
     {
         std::lock_guard lock(c->mutex);
         if (sock->receiveEnded) {
@@ -505,10 +508,15 @@ bool Drain(Connection* c, const SocketRef& sock, bool inlineAllowed) {
     }
     for (;;) {
         const Received r = ReceiveOne(c, sock, ThreadBuffer(), inlineAllowed, false);
-        if (r == Received::packet) {
+        if (r == Received::packet && (until == nullptr || !until->Done())) {
             continue;
         }
         std::lock_guard lock(c->mutex);
+        if (r == Received::packet) {
+            sock->kicked = false;
+            sock->draining = false;
+            return true;
+        }
         if (r == Received::none && sock->kicked) {
             sock->kicked = false;
             continue;
@@ -949,7 +957,7 @@ void WaitShared(Connection* c, const SocketRef& sock, SyncWait& wait, int pipeFd
     while (!wait.Done()) {
         // Woken only (by whoever completed the wait), there is nothing to drain.
         if (!os::WaitOn(sock->callerSet, sock->wakeup, readable, woken) ||
-            (readable && !Drain(c, sock, false))) {
+            (readable && !Drain(c, sock, false, &wait))) {
             ended = true;
             wait.WakeBy(pipeFd);
             break;
