@@ -4,7 +4,10 @@
 // recvmsg on its socket; each resumed listener has one thread waiting on its listening
 // socket and its endpoint connector. A reader decodes a packet and runs its event or reply
 // handler inline when the target queue is idle (no thread hop on the round-trip path), else
-// queues it.
+// queues it. Sends are written by the sending thread; when the socket is full the sender
+// waits a moment for room, then the packet and those after it wait in the socket's out
+// queue for a writer thread (which lingers a while for the next burst), so a client that
+// stops reading never holds up the service for more than that moment.
 // A synchronous request receives its own reply: once a socket has seen one, its reader
 // waits on a wait set instead of in recvmsg, and a caller waits on a second set over the
 // same socket while the reader's set stops watching it, so that a reply wakes the caller
