@@ -1,20 +1,32 @@
-// The transport against a raw SOCK_SEQPACKET socket pair in the same run, both between two
-// processes (the peer is a forked child, as a service and its client are).
+// The transport against its two peers in the same run: sd-bus in peer-to-peer mode (the
+// typed request/reply library a Linux program would otherwise pick) and a raw SOCK_SEQPACKET
+// socket pair (what the kernel allows). Every server is another process, as a service and
+// its client are; each benchmark name ends in the peer it measures: _xpc, _sdbus, _raw.
 //
-// - Round trip: a small request and its reply through the transport (synchronous send with
-//   reply) versus a raw ping-pong of a packet of the same size. Target: the transport at
-//   most 1.5 times the raw time.
-// - Throughput: messages carrying 4 KiB and 1 MiB of data, the receiver reading the first
-//   and last byte of each; 1 MiB travels in a sealed memfd. The raw peer for 4 KiB is a
-//   stream of 4 KiB packets; for 1 MiB, one memcpy of the payload. Target: 1 MiB at 4 GB/s
-//   or more.
+// - RoundTrip/64: a small request and its reply (transport: an int and a short string, the
+//   reply an int; sd-bus: method "Ping", "xs" -> "x"; raw: a 64-byte packet echoed).
+//   RoundTrip/4096: 4 KiB of data there and the same 4 KiB back ("ay" -> "ay" for sd-bus).
+//   Targets: the transport at most 1.25x raw and at most 0.85x sd-bus.
+// - OneWay/N (64 KiB to 8 MiB): N bytes sent, the receiver reads every byte (a checksum) and
+//   acknowledges each message with it (sd-bus: "ay" -> "t"; raw: 64 KiB packets, one
+//   checksum back per N bytes). Target: at most 1.0x sd-bus, 1 MiB at most 0.5x.
+// - Clients8: 8 client threads, each on its own connection, doing small round trips at once;
+//   the counter round_trips_per_s is the throughput of all of them. Target: at least 1.5x
+//   sd-bus.
+// - RoundTripHandlerDriven_xpc: the small round trip chained through reply handlers, as an
+//   event-driven client does (the counter round_trip is the time of one).
 //
-// Children are forked before this process starts any transport thread, and die with it.
+// Reading the ratios: compare the times (or round_trips_per_s) of the same case and size
+// between the three peers; bench/xpc_ratios.py does it from
+// `--benchmark_repetitions=5 --benchmark_format=json` output, per repetition, with the spread.
+//
+// Children die with this process (PR_SET_PDEATHSIG) and are killed when their case ends.
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
+#include <systemd/sd-bus.h>
 #include <unistd.h>
 
 #include <benchmark/benchmark.h>
@@ -24,6 +36,7 @@
 #include <condition_variable>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -36,53 +49,383 @@ using namespace lxpc;
 namespace {
 
 constexpr size_t kSmall = 64;
+constexpr int kClients = 8;
+constexpr int kBatch = 64;               // round trips per client per iteration of Clients8
+constexpr size_t kRawChunk = 64 * 1024;  // a raw packet of a large one-way message
+constexpr const char* kPath = "/bench";
+constexpr const char* kInterface = "bench.Sink";
 
-// Runs body(fd) in a child; `other` (the parent's end) is closed there.
-pid_t ForkChild(void (*body)(int), int fd, int other) {
-    const pid_t parent = getpid();
-    const pid_t child = fork();
-    if (child == 0) {
-        if (other >= 0) {
-            close(other);
-        }
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (getppid() != parent) {
+// What every receiver does with the bytes it is sent: reads each of them once.
+uint64_t Checksum(const void* bytes, size_t length) {
+    const auto* p = static_cast<const uint8_t*>(bytes);
+    uint64_t sum = 0;
+    size_t i = 0;
+    for (; i + sizeof(uint64_t) <= length; i += sizeof(uint64_t)) {
+        uint64_t word;
+        std::memcpy(&word, p + i, sizeof word);
+        sum += word;
+    }
+    for (; i < length; ++i) {
+        sum += p[i];
+    }
+    return sum;
+}
+
+std::vector<uint8_t> Payload(size_t size) {
+    std::vector<uint8_t> payload(size);
+    for (size_t i = 0; i < size; ++i) {
+        payload[i] = static_cast<uint8_t>(i * 131 + 7);
+    }
+    return payload;
+}
+
+// A forked child running body(fd, arg); killed and reaped when this goes.
+class Child {
+public:
+    Child(void (*body)(int, size_t), int fd, int other, size_t arg) {
+        const pid_t parent = getpid();
+        pid_ = fork();
+        if (pid_ == 0) {
+            if (other >= 0) {
+                close(other);
+            }
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            if (getppid() != parent) {
+                _exit(0);
+            }
+            body(fd, arg);
             _exit(0);
         }
-        body(fd);
-        _exit(0);
     }
-    return child;
-}
-
-void EchoRaw(int fd) {
-    char buffer[8192];
-    for (;;) {
-        const ssize_t n = recv(fd, buffer, sizeof buffer, 0);
-        if (n <= 0 || send(fd, buffer, static_cast<size_t>(n), MSG_NOSIGNAL) != n) {
-            return;
+    ~Child() {
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
         }
     }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+private:
+    pid_t pid_ = -1;
+};
+
+// A connected pair whose second end is served by a child; first() is this process's end.
+class Served {
+public:
+    explicit Served(void (*body)(int, size_t), size_t arg = 0, int type = SOCK_SEQPACKET) {
+        if (socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, fds_) != 0) {
+            fds_[0] = fds_[1] = -1;
+            return;
+        }
+        child_ = std::make_unique<Child>(body, fds_[1], fds_[0], arg);
+        close(fds_[1]);
+    }
+    ~Served() {
+        if (fds_[0] >= 0) {
+            close(fds_[0]);
+        }
+    }
+    Served(const Served&) = delete;
+    Served& operator=(const Served&) = delete;
+    int first() const { return fds_[0]; }
+
+private:
+    int fds_[2];
+    std::unique_ptr<Child> child_;
+};
+
+// Runs roundTrip(client) kBatch times on each of kClients threads per iteration.
+void RunClients(benchmark::State& state, const std::function<bool(int)>& roundTrip) {
+    for (auto _ : state) {
+        std::atomic<bool> ok{true};
+        std::vector<std::thread> threads;
+        for (int i = 0; i < kClients; ++i) {
+            threads.emplace_back([&, i] {
+                for (int k = 0; k < kBatch && ok.load(std::memory_order_relaxed); ++k) {
+                    if (!roundTrip(i)) {
+                        ok = false;
+                    }
+                }
+            });
+        }
+        for (std::thread& t : threads) {
+            t.join();
+        }
+        if (!ok) {
+            state.SkipWithError("round trip failed");
+            break;
+        }
+    }
+    state.counters["round_trips_per_s"] = benchmark::Counter(
+        static_cast<double>(state.iterations() * kClients * kBatch), benchmark::Counter::kIsRate);
 }
 
-void SinkRaw(int fd) {
-    std::vector<uint8_t> buffer(8192);
-    uint64_t seen = 0;
+// ---- raw ----
+
+void EchoRaw(int fd, size_t) {
+    std::vector<uint8_t> buffer(kRawChunk);
     for (;;) {
         const ssize_t n = recv(fd, buffer.data(), buffer.size(), 0);
-        if (n <= 0) {
-            return;
-        }
-        seen += buffer[0] + buffer[n - 1];
-        if (buffer[0] == 'A' && send(fd, "k", 1, MSG_NOSIGNAL) != 1) {  // an acknowledgement
+        if (n <= 0 || send(fd, buffer.data(), static_cast<size_t>(n), MSG_NOSIGNAL) != n) {
             return;
         }
     }
 }
 
-// The service in the child: answers requests wanting a reply, reads the first and last byte
-// of any data.
-void Service(int) {
+// Reads messages of `size` bytes as kRawChunk packets, acknowledging each with its checksum.
+void SinkRaw(int fd, size_t size) {
+    std::vector<uint8_t> buffer(kRawChunk);
+    for (;;) {
+        uint64_t sum = 0;
+        for (size_t got = 0; got < size;) {
+            const ssize_t n = recv(fd, buffer.data(), buffer.size(), 0);
+            if (n <= 0) {
+                return;
+            }
+            sum += Checksum(buffer.data(), static_cast<size_t>(n));
+            got += static_cast<size_t>(n);
+        }
+        if (send(fd, &sum, sizeof sum, MSG_NOSIGNAL) != sizeof sum) {
+            return;
+        }
+    }
+}
+
+bool RawRoundTrip(int fd, const std::vector<uint8_t>& request, std::vector<uint8_t>& reply) {
+    return send(fd, request.data(), request.size(), 0) == static_cast<ssize_t>(request.size()) &&
+           recv(fd, reply.data(), reply.size(), 0) == static_cast<ssize_t>(request.size());
+}
+
+void BM_RoundTrip_raw(benchmark::State& state) {
+    Served served(EchoRaw);
+    const std::vector<uint8_t> request = Payload(static_cast<size_t>(state.range(0)));
+    std::vector<uint8_t> reply(request.size());
+    for (auto _ : state) {
+        if (!RawRoundTrip(served.first(), request, reply)) {
+            state.SkipWithError("ping-pong failed");
+            break;
+        }
+    }
+}
+BENCHMARK(BM_RoundTrip_raw)->Arg(kSmall)->Arg(4096)->UseRealTime();
+
+void BM_OneWay_raw(benchmark::State& state) {
+    const size_t size = static_cast<size_t>(state.range(0));
+    Served served(SinkRaw, size);
+    const std::vector<uint8_t> payload = Payload(size);
+    uint64_t expected = 0;
+    for (size_t at = 0; at < size; at += kRawChunk) {
+        expected += Checksum(payload.data() + at, std::min(kRawChunk, size - at));
+    }
+    for (auto _ : state) {
+        bool ok = true;
+        for (size_t at = 0; ok && at < size; at += kRawChunk) {
+            const size_t n = std::min(kRawChunk, size - at);
+            ok = send(served.first(), payload.data() + at, n, 0) == static_cast<ssize_t>(n);
+        }
+        uint64_t ack = 0;
+        if (!ok || recv(served.first(), &ack, sizeof ack, 0) != sizeof ack || ack != expected) {
+            state.SkipWithError("transfer failed");
+            break;
+        }
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(size));
+}
+BENCHMARK(BM_OneWay_raw)->RangeMultiplier(4)->Range(64 << 10, 1 << 20)->Arg(8 << 20)->UseRealTime();
+
+void BM_Clients8_raw(benchmark::State& state) {
+    std::vector<std::unique_ptr<Served>> served;
+    for (int i = 0; i < kClients; ++i) {
+        served.push_back(std::make_unique<Served>(EchoRaw));
+    }
+    const std::vector<uint8_t> request = Payload(kSmall);
+    RunClients(state, [&](int client) {
+        std::vector<uint8_t> reply(kSmall);
+        return RawRoundTrip(served[client]->first(), request, reply);
+    });
+}
+BENCHMARK(BM_Clients8_raw)->UseRealTime();
+
+// ---- sd-bus, peer to peer ----
+
+int SdPing(sd_bus_message* m, void*, sd_bus_error*) {
+    int64_t v = 0;
+    const char* s = nullptr;
+    const int r = sd_bus_message_read(m, "xs", &v, &s);
+    return r < 0 ? r : sd_bus_reply_method_return(m, "x", v);
+}
+
+int SdEcho(sd_bus_message* m, void*, sd_bus_error*) {
+    const void* bytes = nullptr;
+    size_t length = 0;
+    int r = sd_bus_message_read_array(m, 'y', &bytes, &length);
+    if (r < 0) {
+        return r;
+    }
+    sd_bus_message* reply = nullptr;
+    r = sd_bus_message_new_method_return(m, &reply);
+    if (r >= 0) {
+        r = sd_bus_message_append_array(reply, 'y', bytes, length);
+    }
+    if (r >= 0) {
+        r = sd_bus_send(nullptr, reply, nullptr);
+    }
+    sd_bus_message_unref(reply);
+    return r;
+}
+
+int SdSink(sd_bus_message* m, void*, sd_bus_error*) {
+    const void* bytes = nullptr;
+    size_t length = 0;
+    const int r = sd_bus_message_read_array(m, 'y', &bytes, &length);
+    return r < 0 ? r : sd_bus_reply_method_return(m, "t", Checksum(bytes, length));
+}
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+const sd_bus_vtable kVtable[] = {
+    SD_BUS_VTABLE_START(0),
+    SD_BUS_METHOD("Ping", "xs", "x", SdPing, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("Echo", "ay", "ay", SdEcho, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("Sink", "ay", "t", SdSink, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_VTABLE_END,
+};
+#pragma GCC diagnostic pop
+
+// One end of a connected socket as a peer-to-peer bus: anonymous authentication, descriptor
+// passing on; the server end has a server id. Null on failure.
+sd_bus* OpenBus(int fd, bool server) {
+    sd_bus* bus = nullptr;
+    if (sd_bus_new(&bus) < 0) {
+        return nullptr;
+    }
+    sd_id128_t id;
+    if (sd_bus_set_fd(bus, fd, fd) < 0 || sd_bus_set_anonymous(bus, 1) < 0 ||
+        sd_bus_negotiate_fds(bus, 1) < 0 ||
+        (server &&
+         (sd_id128_randomize(&id) < 0 || sd_bus_set_server(bus, 1, id) < 0 ||
+          sd_bus_add_object_vtable(bus, nullptr, kPath, kInterface, kVtable, nullptr) < 0)) ||
+        sd_bus_start(bus) < 0) {
+        sd_bus_unref(bus);
+        return nullptr;
+    }
+    return bus;
+}
+
+void ServeSdBus(int fd, size_t) {
+    sd_bus* bus = OpenBus(fd, true);
+    while (bus != nullptr) {
+        const int r = sd_bus_process(bus, nullptr);
+        if (r < 0 || (r == 0 && sd_bus_wait(bus, UINT64_MAX) < 0)) {
+            break;
+        }
+    }
+    _exit(0);
+}
+
+// A client bus on a pair served by a child. D-Bus is a byte stream: its authentication lines
+// and messages are not packets.
+struct SdClient {
+    SdClient() : served(ServeSdBus, 0, SOCK_STREAM), bus(OpenBus(dup(served.first()), false)) {}
+    ~SdClient() { sd_bus_flush_close_unref(bus); }
+    Served served;
+    sd_bus* bus;
+};
+
+bool SdPingOnce(sd_bus* bus) {
+    sd_bus_message* reply = nullptr;
+    int64_t v = 0;
+    const bool ok = sd_bus_call_method(bus, nullptr, kPath, kInterface, "Ping", nullptr, &reply,
+                                       "xs", int64_t{7}, "a short request") >= 0 &&
+                    sd_bus_message_read(reply, "x", &v) >= 0 && v == 7;
+    sd_bus_message_unref(reply);
+    return ok;
+}
+
+// Calls `method` with `payload` as "ay"; `check` sees the reply.
+template <typename Check>
+bool SdCallArray(sd_bus* bus, const char* method, const std::vector<uint8_t>& payload,
+                 Check&& check) {
+    sd_bus_message* call = nullptr;
+    sd_bus_message* reply = nullptr;
+    const bool ok =
+        sd_bus_message_new_method_call(bus, &call, nullptr, kPath, kInterface, method) >= 0 &&
+        sd_bus_message_append_array(call, 'y', payload.data(), payload.size()) >= 0 &&
+        sd_bus_call(bus, call, 0, nullptr, &reply) >= 0 && check(reply);
+    sd_bus_message_unref(reply);
+    sd_bus_message_unref(call);
+    return ok;
+}
+
+void BM_RoundTrip_sdbus(benchmark::State& state) {
+    SdClient client;
+    if (client.bus == nullptr) {
+        state.SkipWithError("sd-bus connection failed");
+        return;
+    }
+    const std::vector<uint8_t> payload = Payload(static_cast<size_t>(state.range(0)));
+    for (auto _ : state) {
+        const bool ok =
+            state.range(0) == kSmall
+                ? SdPingOnce(client.bus)
+                : SdCallArray(client.bus, "Echo", payload, [&](sd_bus_message* reply) {
+                      const void* bytes = nullptr;
+                      size_t length = 0;
+                      return sd_bus_message_read_array(reply, 'y', &bytes, &length) >= 0 &&
+                             length == payload.size();
+                  });
+        if (!ok) {
+            state.SkipWithError("call failed");
+            break;
+        }
+    }
+}
+BENCHMARK(BM_RoundTrip_sdbus)->Arg(kSmall)->Arg(4096)->UseRealTime();
+
+void BM_OneWay_sdbus(benchmark::State& state) {
+    SdClient client;
+    if (client.bus == nullptr) {
+        state.SkipWithError("sd-bus connection failed");
+        return;
+    }
+    const std::vector<uint8_t> payload = Payload(static_cast<size_t>(state.range(0)));
+    const uint64_t expected = Checksum(payload.data(), payload.size());
+    for (auto _ : state) {
+        if (!SdCallArray(client.bus, "Sink", payload, [&](sd_bus_message* reply) {
+                uint64_t sum = 0;
+                return sd_bus_message_read(reply, "t", &sum) >= 0 && sum == expected;
+            })) {
+            state.SkipWithError("call failed");
+            break;
+        }
+    }
+    state.SetBytesProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(BM_OneWay_sdbus)
+    ->RangeMultiplier(4)
+    ->Range(64 << 10, 1 << 20)
+    ->Arg(8 << 20)
+    ->UseRealTime();
+
+void BM_Clients8_sdbus(benchmark::State& state) {
+    std::vector<std::unique_ptr<SdClient>> clients;
+    for (int i = 0; i < kClients; ++i) {
+        clients.push_back(std::make_unique<SdClient>());
+        if (clients.back()->bus == nullptr) {
+            state.SkipWithError("sd-bus connection failed");
+            return;
+        }
+    }
+    RunClients(state, [&](int client) { return SdPingOnce(clients[client]->bus); });
+}
+BENCHMARK(BM_Clients8_sdbus)->UseRealTime();
+
+// ---- the transport ----
+
+// The service in a child: replies to every request; with "echo" the reply carries the
+// request's data back, else the checksum of every byte of it.
+void Service(int, size_t) {
     xpc_connection_t listener = xpc_connection_create_mach_service(
         "bench.sink", nullptr, XPC_CONNECTION_MACH_SERVICE_LISTENER);
     xpc_connection_set_event_handler(listener, [](xpc_object_t peer) {
@@ -90,21 +433,21 @@ void Service(int) {
             return;
         }
         xpc_connection_set_event_handler(peer, [peer](xpc_object_t m) {
-            if (xpc_get_type(m) != XPC_TYPE_DICTIONARY) {
+            xpc_object_t reply =
+                xpc_get_type(m) == XPC_TYPE_DICTIONARY ? xpc_dictionary_create_reply(m) : nullptr;
+            if (reply == nullptr) {
                 return;
             }
-            static std::atomic<uint64_t> seen{0};
             size_t length = 0;
-            const auto* bytes =
-                static_cast<const uint8_t*>(xpc_dictionary_get_data(m, "d", &length));
-            if (bytes != nullptr && length != 0) {
-                seen.fetch_add(bytes[0] + bytes[length - 1], std::memory_order_relaxed);
-            }
-            if (xpc_object_t reply = xpc_dictionary_create_reply(m)) {
+            const void* bytes = xpc_dictionary_get_data(m, "d", &length);
+            if (xpc_dictionary_get_bool(m, "echo")) {
+                xpc_dictionary_set_data(reply, "d", bytes, length);
+            } else {
                 xpc_dictionary_set_int64(reply, "v", xpc_dictionary_get_int64(m, "v"));
-                xpc_connection_send_message(peer, reply);
-                xpc_release(reply);
+                xpc_dictionary_set_uint64(reply, "c", Checksum(bytes, length));
             }
+            xpc_connection_send_message(peer, reply);
+            xpc_release(reply);
         });
         xpc_connection_resume(peer);
     });
@@ -113,15 +456,13 @@ void Service(int) {
 }
 
 // One service process for the whole run, in a private socket folder.
-xpc_connection_t ServiceClient() {
-    static xpc_connection_t client = [] {
-        static std::string dir = [] {
-            char pattern[] = "/tmp/lxpc-bench-XXXXXX";
-            return std::string(mkdtemp(pattern));
-        }();
-        setenv("LXPC_SERVICE_DIR", dir.c_str(), 1);
-        ForkChild(Service, -1, -1);
-        const auto path = std::filesystem::path(dir) / "bench.sink.sock";
+xpc_connection_t Connect() {
+    static const std::string dir = [] {
+        char pattern[] = "/tmp/lxpc-bench-XXXXXX";
+        std::string made(mkdtemp(pattern));
+        setenv("LXPC_SERVICE_DIR", made.c_str(), 1);
+        static Child service(Service, -1, -1, 0);
+        const auto path = std::filesystem::path(made) / "bench.sink.sock";
         while (!std::filesystem::exists(path)) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
@@ -129,56 +470,95 @@ xpc_connection_t ServiceClient() {
             std::error_code ignored;
             std::filesystem::remove_all(dir, ignored);
         });
-        xpc_connection_t c = xpc_connection_create_mach_service("bench.sink", nullptr, 0);
-        xpc_connection_set_event_handler(c, [](xpc_object_t) {});
-        xpc_connection_resume(c);
-        return c;
+        return made;
     }();
+    xpc_connection_t c = xpc_connection_create_mach_service("bench.sink", nullptr, 0);
+    xpc_connection_set_event_handler(c, [](xpc_object_t) {});
+    xpc_connection_resume(c);
+    return c;
+}
+
+xpc_connection_t ServiceClient() {
+    static xpc_connection_t client = Connect();
     return client;
 }
 
-void BM_RawSeqpacketRoundTrip(benchmark::State& state) {
-    int fds[2];
-    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, fds) != 0) {
-        state.SkipWithError("socketpair");
-        return;
-    }
-    const pid_t child = ForkChild(EchoRaw, fds[1], fds[0]);
-    close(fds[1]);
-    char packet[kSmall] = {1};
-    for (auto _ : state) {
-        if (send(fds[0], packet, sizeof packet, 0) != sizeof packet ||
-            recv(fds[0], packet, sizeof packet, 0) != sizeof packet) {
-            state.SkipWithError("ping-pong failed");
-            break;
-        }
-    }
-    close(fds[0]);
-    waitpid(child, nullptr, 0);
-}
-BENCHMARK(BM_RawSeqpacketRoundTrip)->UseRealTime();
-
-void BM_XpcRoundTrip(benchmark::State& state) {
-    xpc_connection_t client = ServiceClient();
+bool XpcPing(xpc_connection_t client) {
     xpc_object_t m = xpc_dictionary_create(nullptr, nullptr, 0);
     xpc_dictionary_set_int64(m, "v", 7);
     xpc_dictionary_set_string(m, "s", "a short request");  // with the int: about kSmall bytes
+    xpc_object_t r = xpc_connection_send_message_with_reply_sync(client, m);
+    const bool ok = xpc_dictionary_get_int64(r, "v") == 7;
+    xpc_release(r);
+    xpc_release(m);
+    return ok;
+}
+
+// Sends `payload` as data; `check` sees the reply.
+template <typename Check>
+bool XpcSendData(xpc_connection_t client, const std::vector<uint8_t>& payload, bool echo,
+                 Check&& check) {
+    xpc_object_t m = xpc_dictionary_create(nullptr, nullptr, 0);
+    xpc_dictionary_set_data(m, "d", payload.data(), payload.size());
+    if (echo) {
+        xpc_dictionary_set_bool(m, "echo", true);
+    }
+    xpc_object_t r = xpc_connection_send_message_with_reply_sync(client, m);
+    const bool ok = check(r);
+    xpc_release(r);
+    xpc_release(m);
+    return ok;
+}
+
+void BM_RoundTrip_xpc(benchmark::State& state) {
+    xpc_connection_t client = ServiceClient();
+    const std::vector<uint8_t> payload = Payload(static_cast<size_t>(state.range(0)));
     for (auto _ : state) {
-        xpc_object_t r = xpc_connection_send_message_with_reply_sync(client, m);
-        if (xpc_dictionary_get_int64(r, "v") != 7) {
+        const bool ok = state.range(0) == kSmall
+                            ? XpcPing(client)
+                            : XpcSendData(client, payload, true, [&](xpc_object_t r) {
+                                  size_t length = 0;
+                                  return xpc_dictionary_get_data(r, "d", &length) != nullptr &&
+                                         length == payload.size();
+                              });
+        if (!ok) {
             state.SkipWithError("bad reply");
-            xpc_release(r);
             break;
         }
-        xpc_release(r);
     }
-    xpc_release(m);
 }
-BENCHMARK(BM_XpcRoundTrip)->UseRealTime();
+BENCHMARK(BM_RoundTrip_xpc)->Arg(kSmall)->Arg(4096)->UseRealTime();
 
-// The same round trip driven by reply handlers: each reply's handler sends the next request,
-// as an event-driven client does, so no thread waits on the side. Each iteration is a chain
-// of kChain round trips; the "round_trip" counter is the time of one.
+void BM_OneWay_xpc(benchmark::State& state) {
+    xpc_connection_t client = ServiceClient();
+    const std::vector<uint8_t> payload = Payload(static_cast<size_t>(state.range(0)));
+    const uint64_t expected = Checksum(payload.data(), payload.size());
+    for (auto _ : state) {
+        if (!XpcSendData(client, payload, false, [&](xpc_object_t r) {
+                return xpc_dictionary_get_uint64(r, "c") == expected;
+            })) {
+            state.SkipWithError("bad acknowledgement");
+            break;
+        }
+    }
+    state.SetBytesProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(BM_OneWay_xpc)->RangeMultiplier(4)->Range(64 << 10, 1 << 20)->Arg(8 << 20)->UseRealTime();
+
+void BM_Clients8_xpc(benchmark::State& state) {
+    static const std::vector<xpc_connection_t> clients = [] {
+        std::vector<xpc_connection_t> made;
+        for (int i = 0; i < kClients; ++i) {
+            made.push_back(Connect());
+        }
+        return made;
+    }();
+    RunClients(state, [&](int client) { return XpcPing(clients[client]); });
+}
+BENCHMARK(BM_Clients8_xpc)->UseRealTime();
+
+// The small round trip driven by reply handlers: each reply's handler sends the next request,
+// so no thread waits on the side. Each iteration is a chain of kChain round trips.
 constexpr int kChain = 100;
 
 struct Chain {
@@ -200,7 +580,7 @@ struct Chain {
     }
 };
 
-void BM_XpcRoundTripHandlerDriven(benchmark::State& state) {
+void BM_RoundTripHandlerDriven_xpc(benchmark::State& state) {
     Chain chain;
     chain.client = ServiceClient();
     chain.message = xpc_dictionary_create(nullptr, nullptr, 0);
@@ -217,67 +597,6 @@ void BM_XpcRoundTripHandlerDriven(benchmark::State& state) {
         benchmark::Counter(static_cast<double>(state.iterations() * kChain),
                            benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
-BENCHMARK(BM_XpcRoundTripHandlerDriven)->UseRealTime();
-
-// Sends data messages; every 32nd wants a reply and is waited for, which keeps the
-// receiver within reach and makes the time include its work.
-void BM_XpcDataThroughput(benchmark::State& state) {
-    const size_t size = static_cast<size_t>(state.range(0));
-    std::vector<uint8_t> payload(size, 0x5a);
-    xpc_connection_t client = ServiceClient();
-    int64_t n = 0;
-    for (auto _ : state) {
-        xpc_object_t m = xpc_dictionary_create(nullptr, nullptr, 0);
-        xpc_dictionary_set_data(m, "d", payload.data(), payload.size());
-        if (++n % 32 == 0) {
-            xpc_release(xpc_connection_send_message_with_reply_sync(client, m));
-        } else {
-            xpc_connection_send_message(client, m);
-        }
-        xpc_release(m);
-    }
-    xpc_object_t last = xpc_dictionary_create(nullptr, nullptr, 0);
-    xpc_release(xpc_connection_send_message_with_reply_sync(client, last));
-    xpc_release(last);
-    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(size));
-}
-BENCHMARK(BM_XpcDataThroughput)->Arg(4096)->Arg(1 << 20)->UseRealTime();
-
-void BM_RawSeqpacket4KiBThroughput(benchmark::State& state) {
-    int fds[2];
-    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, fds) != 0) {
-        state.SkipWithError("socketpair");
-        return;
-    }
-    const pid_t child = ForkChild(SinkRaw, fds[1], fds[0]);
-    close(fds[1]);
-    std::vector<uint8_t> payload(4096, 0x5a);
-    int64_t n = 0;
-    char ack;
-    for (auto _ : state) {
-        // Every 32nd packet is acknowledged, as the transport's every 32nd message is.
-        payload[0] = ++n % 32 == 0 ? 'A' : 0x5a;
-        if (send(fds[0], payload.data(), payload.size(), 0) != 4096 ||
-            (payload[0] == 'A' && recv(fds[0], &ack, 1, 0) != 1)) {
-            state.SkipWithError("send");
-            break;
-        }
-    }
-    close(fds[0]);
-    waitpid(child, nullptr, 0);
-    state.SetBytesProcessed(state.iterations() * 4096);
-}
-BENCHMARK(BM_RawSeqpacket4KiBThroughput)->UseRealTime();
-
-void BM_Memcpy1MiB(benchmark::State& state) {
-    std::vector<uint8_t> from(1 << 20, 0x5a), to(1 << 20);
-    for (auto _ : state) {
-        std::memcpy(to.data(), from.data(), from.size());
-        benchmark::DoNotOptimize(to.data());
-        benchmark::ClobberMemory();
-    }
-    state.SetBytesProcessed(state.iterations() * (1 << 20));
-}
-BENCHMARK(BM_Memcpy1MiB);
+BENCHMARK(BM_RoundTripHandlerDriven_xpc)->UseRealTime();
 
 }  // namespace

@@ -263,6 +263,110 @@ TEST_F(XpcConnection, ManyRequestsInFlightGetTheirOwnReplies) {
     Close(c);
 }
 
+// Two requests warm a connection up: from then on a synchronous caller reads its socket.
+void WarmUp(xpc_connection_t c) {
+    ASSERT_EQ(Ask(c, 1), 1);
+    ASSERT_EQ(Ask(c, 2), 2);
+}
+
+TEST_F(XpcConnection, ASynchronousCallerReadingTheSocketHandsOnWhatIsNotItsOwn) {
+    // The service holds three requests (two synchronous ones from two threads, one with a
+    // reply handler), then sends two events, the replies in reverse order and a last event:
+    // whichever caller reads, every reply reaches its owner and the events stay in order.
+    struct Held {
+        std::mutex mutex;
+        std::vector<xpc_object_t> messages;
+    };
+    auto held = std::make_shared<Held>();
+    Service service("t.handover", [held](xpc_connection_t peer, xpc_object_t m) {
+        if (xpc_dictionary_get_int64(m, "v") < 10) {
+            return Reply(peer, m, xpc_dictionary_get_int64(m, "v"));
+        }
+        std::lock_guard lock(held->mutex);
+        held->messages.push_back(xpc_retain(m));
+        if (held->messages.size() < 3) {
+            return;
+        }
+        auto event = [peer](int64_t v) {
+            xpc_object_t e = Message(v);
+            xpc_connection_send_message(peer, e);
+            xpc_release(e);
+        };
+        event(1);
+        event(2);
+        for (auto it = held->messages.rbegin(); it != held->messages.rend(); ++it) {
+            Reply(peer, *it, xpc_dictionary_get_int64(*it, "v") + 1);
+            xpc_release(*it);
+        }
+        event(3);
+    });
+    service.Start();
+    auto events = std::make_shared<Inbox>();
+    xpc_connection_t c = Client("t.handover", events);
+    WarmUp(c);
+    auto replies = std::make_shared<Inbox>();
+    xpc_object_t m = Message(30);
+    xpc_connection_send_message_with_reply(c, m, nullptr,
+                                           [replies](xpc_object_t r) { replies->Push(r); });
+    xpc_release(m);
+    int64_t other = 0;
+    std::thread thread([&] { other = Ask(c, 20); });
+    EXPECT_EQ(Ask(c, 10), 11);
+    thread.join();
+    EXPECT_EQ(other, 21);
+    ASSERT_TRUE(replies->WaitFor(1));
+    EXPECT_EQ(xpc_dictionary_get_int64(replies->At(0), "v"), 31);
+    ASSERT_TRUE(events->WaitFor(3));
+    for (size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(xpc_dictionary_get_int64(events->At(i), "v"), static_cast<int64_t>(i + 1));
+    }
+    Close(c);
+}
+
+TEST_F(XpcConnection, ASynchronousCallerReadingTheSocketLearnsOfItsEnd) {
+    // The peer going away reaches a named-service client's waiting caller and handler as
+    // "interrupted"; its own cancel, from another thread, as "invalid".
+    const struct {
+        const char* service;
+        bool clientCancels;
+        xpc_object_t error;
+    } cases[] = {
+        {"t.lost", false, XPC_ERROR_CONNECTION_INTERRUPTED},
+        {"t.cancelled", true, XPC_ERROR_CONNECTION_INVALID},
+    };
+    for (const auto& k : cases) {
+        SCOPED_TRACE(k.service);
+        auto asked = std::make_shared<Inbox>();
+        Service service(k.service,
+                        [asked, cancels = k.clientCancels](xpc_connection_t peer, xpc_object_t m) {
+                            if (xpc_dictionary_get_int64(m, "v") < 10) {
+                                return Reply(peer, m, xpc_dictionary_get_int64(m, "v"));
+                            }
+                            asked->Push(m);  // and never replies
+                            if (!cancels) {
+                                xpc_connection_cancel(peer);
+                            }
+                        });
+        service.Start();
+        auto events = std::make_shared<Inbox>();
+        xpc_connection_t c = Client(k.service, events);
+        WarmUp(c);
+        std::thread canceller([&] {
+            if (k.clientCancels && asked->WaitFor(1)) {
+                std::this_thread::sleep_for(20ms);  // the caller is waiting by now
+                xpc_connection_cancel(c);
+            }
+        });
+        xpc_object_t m = Message(10);
+        EXPECT_EQ(xpc_connection_send_message_with_reply_sync(c, m), k.error);
+        canceller.join();
+        ASSERT_TRUE(events->WaitFor(1));
+        EXPECT_EQ(events->At(0), k.error);
+        xpc_release(m);
+        Close(c);
+    }
+}
+
 TEST_F(XpcConnection, BarrierWaitsUntilEverythingBeforeItIsWritten) {
     std::atomic<int> received{0};
     std::atomic<int> lastSeen{-1};

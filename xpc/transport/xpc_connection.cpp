@@ -8,6 +8,12 @@
 // waits a moment for room, then the packet and those after it wait in the socket's out
 // queue for a writer thread (which lingers a while for the next burst), so a client that
 // stops reading never holds up the service for more than that moment.
+// A synchronous request receives its own reply: once a socket has seen one, its reader
+// waits on a wait set instead of in recvmsg, and a caller waits on a second set over the
+// same socket while the reader's set stops watching it, so that a reply wakes the caller
+// alone. Whoever is woken drains the socket to empty, one thread at a time, dispatching
+// every packet in order (what is not the caller's goes to the queues as the reader would
+// queue it); the caller hands the watch back to the reader when it leaves.
 //
 // Invariants (all guarded by the connection's mutex):
 // - Events, reply handlers and barriers of a connection go through its target queue, in the
@@ -90,10 +96,18 @@ struct OutItem {
 // so that no thread ever works on a descriptor number that was reused. Packets the socket
 // could not take at once wait in `out` for its writer thread; the fields below `fd` are
 // guarded by the connection's mutex, but for `receiveRegion`, which only the thread reading
-// the socket touches. Each socket has its own shared regions, made on its first large data.
+// the socket touches (the reader, or a synchronous caller while it drains). Each socket has its
+// own shared regions, made on its first large data.
+struct SyncWait;
+
 struct Socket {
     explicit Socket(int descriptor) : fd(descriptor) {}
-    ~Socket() { os::Close(fd); }
+    ~Socket() {
+        os::Close(readerSet);
+        os::Close(callerSet);
+        os::Close(wakeup);
+        os::Close(fd);
+    }
     Socket(const Socket&) = delete;
     Socket& operator=(const Socket&) = delete;
     const int fd;
@@ -109,6 +123,17 @@ struct Socket {
     bool ended = false;  // the connection is done with this socket
     wire::SendRegion sendRegion;
     wire::ReceiveRegion receiveRegion;
+
+    // Shared receiving, set up by the reader once a synchronous caller asks for it.
+    int readerSet = -1;          // the socket and `wakeup`, for the reader
+    int callerSet = -1;          // the same, for the caller that waits on the socket
+    int wakeup = -1;             // an eventfd: wakes whoever waits on either set
+    bool wantShared = false;     // a synchronous caller asked for it
+    bool shared = false;         // the reader waits on readerSet, not in recvmsg
+    bool draining = false;       // a thread is receiving and dispatching
+    bool kicked = false;         // a wake-up came while another thread drained
+    bool callerWaiting = false;  // a synchronous caller waits on callerSet
+    bool receiveEnded = false;   // a caller met the socket's end; the reader ends it
 };
 using SocketRef = std::shared_ptr<Socket>;
 
@@ -146,22 +171,24 @@ bool OverLimits(const Socket& sock) {
            sock.outFds > wire::kMaxQueuedDescriptors;
 }
 
-// A synchronous request's rendezvous. The reader that gets the reply stores it, then writes
-// one byte into the waiting thread's wake-up pipe: a pipe write hands the processor to the
-// woken reader directly (a synchronous wake-up), which keeps the extra thread hop of a
-// synchronous request cheap. A byte may arrive after its waiter already saw `done`; the
-// next request on that thread then reads it as a spurious wake-up and waits again.
+// A synchronous request's rendezvous. Whoever gets the reply stores it, then wakes the
+// waiting thread: through its socket's wait set when the caller waits there, else with one
+// byte into the caller's wake-up pipe (a pipe write hands the processor to the woken thread
+// directly). A wake-up may arrive after its waiter already saw `done`; the next wait then
+// takes it as spurious and waits again. The caller completing its own wait wakes nobody.
 struct SyncWait {
-    std::mutex mutex;
+    mutable std::mutex mutex;
     bool done = false;
     xpc_object_t result = nullptr;
-    int wakeFd = -1;  // write end of the waiting thread's pipe; -1: nobody to wake
+    int wakeFd = -1;  // a wait set's eventfd or a pipe's write end; -1: nobody to wake
+    const std::thread::id owner = std::this_thread::get_id();
 
-    bool Done() {
+    bool Done() const {
         std::lock_guard lock(mutex);
         return done;
     }
     void Complete(xpc_object_t r) {
+        int fd;
         {
             std::lock_guard lock(mutex);
             if (done) {
@@ -169,10 +196,15 @@ struct SyncWait {
             }
             result = r;
             done = true;
+            fd = std::this_thread::get_id() == owner ? -1 : wakeFd;
         }
-        if (wakeFd >= 0) {
-            os::Wake(wakeFd);
+        if (fd >= 0) {
+            os::Wake(fd);
         }
+    }
+    void WakeBy(int fd) {
+        std::lock_guard lock(mutex);
+        wakeFd = fd;
     }
 };
 
@@ -402,13 +434,21 @@ xpc_object_t EndError(const Connection* c) {
                : XPC_ERROR_CONNECTION_INVALID;
 }
 
-// Receives and dispatches one packet; false once the socket has ended (or sent garbage).
-bool ReceiveOne(Connection* c, const SocketRef& sock, std::vector<uint8_t>& buffer,
-                bool inlineAllowed) {
+enum class Received { packet, none, end };
+
+// Receives and dispatches one packet; `end` once the socket has ended (or sent garbage),
+// `none` when a non-blocking receive found it empty.
+Received ReceiveOne(Connection* c, const SocketRef& sock, std::span<uint8_t> buffer,
+                    bool inlineAllowed, bool block = true) {
     size_t length = 0;
     std::vector<int> fds;
-    if (os::ReceivePacket(sock->fd, buffer, length, fds) != os::IoStatus::ok) {
-        return false;
+    switch (os::ReceivePacket(sock->fd, buffer, length, fds, block)) {
+        case os::IoStatus::ok:
+            break;
+        case os::IoStatus::wouldBlock:
+            return Received::none;
+        default:
+            return Received::end;
     }
     {
         std::unique_lock lock(c->mutex);
@@ -417,7 +457,7 @@ bool ReceiveOne(Connection* c, const SocketRef& sock, std::vector<uint8_t>& buff
             for (int fd : fds) {
                 os::Close(fd);
             }
-            return false;
+            return Received::end;
         }
     }
     wire::Envelope envelope;
@@ -429,7 +469,7 @@ bool ReceiveOne(Connection* c, const SocketRef& sock, std::vector<uint8_t>& buff
         message += why != nullptr ? why : "?";
         message += ')';
         Report(c, message.c_str());
-        return false;
+        return Received::end;
     }
     auto* d = static_cast<DictionaryObject*>(body);
     d->remote = xpc_retain(c);
@@ -447,16 +487,61 @@ bool ReceiveOne(Connection* c, const SocketRef& sock, std::vector<uint8_t>& buff
         }
         if (!found) {
             xpc_release(body);  // a reply nobody waits for: harmless, ignored
-            return true;
+            return Received::packet;
         }
         DeliverReply(c, std::move(p), body, inlineAllowed);
-        return true;
+        return Received::packet;
     }
     if (envelope.kind == wire::Kind::messageWantingReply) {
         d->wantsReplyId = envelope.id;
     }
     DeliverEvent(c, body, false, inlineAllowed);
-    return true;
+    return Received::packet;
+}
+
+// The receive buffer of the calling thread (a reader's, or a caller's reading its reply).
+// Left uninitialised: only the pages that packets reach become resident.
+std::span<uint8_t> ThreadBuffer() {
+    thread_local std::unique_ptr<uint8_t[]> buffer(new uint8_t[wire::kMaxPacketSize]);
+    return {buffer.get(), wire::kMaxPacketSize};
+}
+
+// Receives and dispatches until the socket is empty, unless another thread already does
+// (which then goes on until empty itself); false once the socket has ended. Wake-ups are
+// edge-triggered, so whoever drains must not stop before the socket is empty, but for a
+// caller once `until` is done: handing the watch back to the reader then wakes the reader
+// for whatever is left.
+bool Drain(Connection* c, const SocketRef& sock, bool inlineAllowed,
+           const SyncWait* until = nullptr) {
+    {
+        std::lock_guard lock(c->mutex);
+        if (sock->receiveEnded) {
+            return false;
+        }
+        if (sock->draining) {
+            sock->kicked = true;
+            return true;
+        }
+        sock->draining = true;
+    }
+    for (;;) {
+        const Received r = ReceiveOne(c, sock, ThreadBuffer(), inlineAllowed, false);
+        if (r == Received::packet && (until == nullptr || !until->Done())) {
+            continue;
+        }
+        std::lock_guard lock(c->mutex);
+        if (r == Received::packet) {
+            sock->kicked = false;
+            sock->draining = false;
+            return true;
+        }
+        if (r == Received::none && sock->kicked) {
+            sock->kicked = false;
+            continue;
+        }
+        sock->draining = false;
+        return r == Received::none;
+    }
 }
 
 void SocketEnded(Connection* c, const SocketRef& sock) {
@@ -480,10 +565,48 @@ void SocketEnded(Connection* c, const SocketRef& sock) {
     DeliverEvent(c, error, false, false);
 }
 
+// Moves the reader to the shared wait set once a synchronous caller asked for it; true
+// when it is there.
+bool ReaderShares(Connection* c, Socket& sock) {
+    {
+        std::lock_guard lock(c->mutex);
+        if (sock.shared || !sock.wantShared) {
+            return sock.shared;
+        }
+    }
+    const int wakeup = os::MakeWakeup();
+    const int readerSet = wakeup < 0 ? -1 : os::MakeWaitSet(sock.fd, wakeup);
+    const int callerSet = readerSet < 0 ? -1 : os::MakeWaitSet(sock.fd, wakeup);
+    std::lock_guard lock(c->mutex);
+    if (callerSet < 0) {
+        os::Close(readerSet);  // out of descriptors: synchronous replies keep coming this way
+        os::Close(wakeup);
+        sock.wantShared = false;
+        return false;
+    }
+    sock.wakeup = wakeup;
+    sock.readerSet = readerSet;
+    sock.callerSet = callerSet;
+    sock.shared = true;
+    return true;
+}
+
+// One wait of a reader on its wait set and the draining it is woken for; false once the
+// socket has ended.
+bool ReaderWaitAndDrain(Connection* c, const SocketRef& sock) {
+    bool readable = false;
+    bool woken = false;
+    return os::WaitOn(sock->readerSet, sock->wakeup, readable, woken) && Drain(c, sock, true);
+}
+
 void ReaderMain(Connection* c, SocketRef sock) {
     t_reading = c;
-    std::vector<uint8_t> buffer(wire::kMaxPacketSize);
-    while (ReceiveOne(c, sock, buffer, true)) {
+    for (;;) {
+        if (ReaderShares(c, *sock)
+                ? !ReaderWaitAndDrain(c, sock)
+                : ReceiveOne(c, sock, ThreadBuffer(), true) != Received::packet) {
+            break;
+        }
     }
     t_reading = nullptr;
     SocketEnded(c, sock);
@@ -840,6 +963,57 @@ Connection* CreateNamedClient(const char* name, xpc_queue_t queue) {
 
 }  // namespace
 
+// ---- synchronous requests ----
+
+// Makes the calling thread the one synchronous caller that waits on its socket (the
+// reader's wait set stops watching it), or asks the reader to set the wait sets up for the
+// requests to come; null when it cannot wait there now.
+SocketRef ClaimSharedWait(Connection* c) {
+    std::lock_guard lock(c->mutex);
+    const SocketRef& sock = c->socket;
+    if (!sock || !c->readerRunning || sock->ended || sock->receiveEnded) {
+        return nullptr;
+    }
+    if (!sock->shared) {
+        sock->wantShared = true;
+        return nullptr;
+    }
+    if (sock->callerWaiting || !os::WatchSocket(sock->readerSet, sock->fd, false)) {
+        return nullptr;  // another caller waits there; this one waits to be handed its reply
+    }
+    sock->callerWaiting = true;
+    return sock;
+}
+
+// Waits for `wait` on the caller's wait set, draining whatever it wakes this caller for,
+// then hands the watch back to the reader. On the socket's end the reader is left to end
+// it, and the caller waits on `pipeFd` instead.
+void WaitShared(Connection* c, const SocketRef& sock, SyncWait& wait, int pipeFd) {
+    bool ended = false;
+    bool readable = false;
+    bool woken = false;
+    while (!wait.Done()) {
+        // Woken only (by whoever completed the wait), there is nothing to drain.
+        if (!os::WaitOn(sock->callerSet, sock->wakeup, readable, woken) ||
+            (readable && !Drain(c, sock, false, &wait))) {
+            ended = true;
+            wait.WakeBy(pipeFd);
+            break;
+        }
+    }
+    // Before the next caller may claim the socket; a packet that came meanwhile wakes the
+    // reader at once.
+    os::WatchSocket(sock->readerSet, sock->fd, true);
+    {
+        std::lock_guard lock(c->mutex);
+        sock->callerWaiting = false;
+        sock->receiveEnded = sock->receiveEnded || ended;
+    }
+    if (ended) {
+        os::Wake(sock->wakeup);  // a reader waiting on the set ends the socket
+    }
+}
+
 // ---- public interface ----
 
 xpc_connection_t xpc_connection_create(const char* name, xpc_queue_t queue) {
@@ -1043,7 +1217,14 @@ xpc_object_t xpc_connection_send_message_with_reply_sync(xpc_connection_t connec
     wait->wakeFd = pipe.fds[1];
     Pending p;
     p.sync = wait;
+    SocketRef shared = t_reading == c ? nullptr : ClaimSharedWait(c);
+    if (shared) {
+        wait->wakeFd = shared->wakeup;
+    }
     Send(c, message, &p);
+    if (shared) {
+        WaitShared(c, shared, *wait, pipe.fds[1]);
+    }
     if (t_reading == c) {
         // Called from a handler this connection's reader runs inline: nobody else reads the
         // socket, so read it here until the reply comes.
@@ -1052,9 +1233,8 @@ xpc_object_t xpc_connection_send_message_with_reply_sync(xpc_connection_t connec
             std::lock_guard lock(c->mutex);
             sock = c->socket;
         }
-        std::vector<uint8_t> buffer(wire::kMaxPacketSize);
         while (!wait->Done()) {
-            if (!sock || !ReceiveOne(c, sock, buffer, false)) {
+            if (!sock || ReceiveOne(c, sock, ThreadBuffer(), false) != Received::packet) {
                 if (sock) {
                     os::Shutdown(sock->fd);  // the reader ends and settles the rest
                 }

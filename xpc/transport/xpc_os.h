@@ -74,14 +74,25 @@ bool WaitReadable(int wakeup, int a, int b, int& readable);
 bool Pause(int wakeup, int timeoutMs);
 // Waits up to timeoutMs for room to send on `fd`.
 void WaitWritable(int fd, int timeoutMs);
+// A wait set over a socket (edge-triggered: one wake-up per arriving packet or end) and a
+// wake-up eventfd. Several sets may watch one socket; each is woken on its own.
+int MakeWaitSet(int socket, int wakeup);
+// Stops (or resumes) a set's watch of its socket; resuming wakes the set when the socket
+// is readable already.
+bool WatchSocket(int waitSet, int socket, bool watch);
+// Blocks until the wait set signals; `readable` and `woken` tell whether the socket and
+// `wakeup` did. False when it cannot wait.
+bool WaitOn(int waitSet, int wakeup, bool& readable, bool& woken);
 
 enum class IoStatus { ok, wouldBlock, closed, failed };
 // Sends one packet with its descriptors; without `block` a full socket gives wouldBlock.
 IoStatus SendPacket(int fd, std::span<const uint8_t> bytes, std::span<const int> fds, bool block);
 // Receives one packet into `buffer` (its size is the largest packet accepted); `length` is
 // the packet's size and `fds` the descriptors that came with it (owned by the caller).
-// A packet or descriptor list that did not fit gives failed (descriptors closed).
-IoStatus ReceivePacket(int fd, std::span<uint8_t> buffer, size_t& length, std::vector<int>& fds);
+// A packet or descriptor list that did not fit gives failed (descriptors closed). Without
+// `block` an empty socket gives wouldBlock.
+IoStatus ReceivePacket(int fd, std::span<uint8_t> buffer, size_t& length, std::vector<int>& fds,
+                       bool block = true);
 void Shutdown(int fd);
 
 }  // namespace lxpc::os

@@ -7,6 +7,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -384,6 +385,49 @@ void WaitWritable(int fd, int timeoutMs) {
     ::poll(&p, 1, timeoutMs);
 }
 
+int MakeWaitSet(int socket, int wakeup) {
+    const int set = ::epoll_create1(EPOLL_CLOEXEC);
+    if (set < 0) {
+        return -1;
+    }
+    epoll_event socketEvent{};
+    socketEvent.events = EPOLLIN | EPOLLET;
+    socketEvent.data.fd = socket;
+    epoll_event wakeupEvent{};
+    wakeupEvent.events = EPOLLIN | EPOLLET;
+    wakeupEvent.data.fd = wakeup;
+    if (::epoll_ctl(set, EPOLL_CTL_ADD, socket, &socketEvent) != 0 ||
+        ::epoll_ctl(set, EPOLL_CTL_ADD, wakeup, &wakeupEvent) != 0) {
+        ::close(set);
+        return -1;
+    }
+    return set;
+}
+
+bool WatchSocket(int waitSet, int socket, bool watch) {
+    epoll_event event{};
+    event.events = watch ? EPOLLIN | EPOLLET : EPOLLET;
+    event.data.fd = socket;
+    return ::epoll_ctl(waitSet, EPOLL_CTL_MOD, socket, &event) == 0;
+}
+
+bool WaitOn(int waitSet, int wakeup, bool& readable, bool& woken) {
+    epoll_event events[2];
+    for (;;) {
+        const int rc = ::epoll_wait(waitSet, events, 2, -1);
+        if (rc > 0) {
+            readable = woken = false;
+            for (int i = 0; i < rc; ++i) {
+                (events[i].data.fd == wakeup ? woken : readable) = true;
+            }
+            return true;
+        }
+        if (rc < 0 && errno != EINTR) {
+            return false;
+        }
+    }
+}
+
 IoStatus SendPacket(int fd, std::span<const uint8_t> bytes, std::span<const int> fds, bool block) {
     iovec iov{const_cast<uint8_t*>(bytes.data()), bytes.size()};
     msghdr message{};
@@ -421,7 +465,8 @@ IoStatus SendPacket(int fd, std::span<const uint8_t> bytes, std::span<const int>
     }
 }
 
-IoStatus ReceivePacket(int fd, std::span<uint8_t> buffer, size_t& length, std::vector<int>& fds) {
+IoStatus ReceivePacket(int fd, std::span<uint8_t> buffer, size_t& length, std::vector<int>& fds,
+                       bool block) {
     fds.clear();
     iovec iov{buffer.data(), buffer.size()};
     msghdr message{};
@@ -432,8 +477,11 @@ IoStatus ReceivePacket(int fd, std::span<uint8_t> buffer, size_t& length, std::v
     message.msg_controllen = sizeof control;
     ssize_t received;
     do {
-        received = ::recvmsg(fd, &message, MSG_CMSG_CLOEXEC);
+        received = ::recvmsg(fd, &message, MSG_CMSG_CLOEXEC | (block ? 0 : MSG_DONTWAIT));
     } while (received < 0 && errno == EINTR);
+    if (received < 0 && !block && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        return IoStatus::wouldBlock;
+    }
     if (received < 0) {
         return errno == ECONNRESET || errno == ENOTCONN ? IoStatus::closed : IoStatus::failed;
     }
