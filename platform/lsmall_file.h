@@ -18,6 +18,10 @@ bool _LReadWholeFile(const char* path, std::string& bytes, size_t maxBytes = 64u
 // any failure, the file then possibly holding a part of the data.
 bool _LWriteWholeFile(const char* path, const void* data, size_t size);
 
+// Writes all size bytes to fd, going on after short writes and interruptions; false on
+// any other failure.
+bool _LWriteAll(int fd, const void* data, size_t size);
+
 // Calls visit with each line of text without its LF, as std::getline would split it.
 template <typename Visit>
 void _LForEachLine(std::string_view text, Visit&& visit) {

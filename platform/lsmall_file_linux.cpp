@@ -50,14 +50,10 @@ bool _LReadWholeFile(const char* path, std::string& bytes, size_t maxBytes, bool
     }
 }
 
-bool _LWriteWholeFile(const char* path, const void* data, size_t size) {
-    const Descriptor file(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
-    if (file.fd < 0) {
-        return false;
-    }
+bool _LWriteAll(int fd, const void* data, size_t size) {
     const char* next = static_cast<const char*>(data);
     while (size > 0) {
-        const ssize_t put = write(file.fd, next, size);
+        const ssize_t put = write(fd, next, size);
         if (put < 0 && errno == EINTR) {
             continue;
         }
@@ -68,4 +64,9 @@ bool _LWriteWholeFile(const char* path, const void* data, size_t size) {
         size -= static_cast<size_t>(put);
     }
     return true;
+}
+
+bool _LWriteWholeFile(const char* path, const void* data, size_t size) {
+    const Descriptor file(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    return file.fd >= 0 && _LWriteAll(file.fd, data, size);
 }

@@ -1,5 +1,6 @@
 // Linux counterpart of the system preferences service: property-list files under the XDG
 // configuration folders (see lpreferences.h for the invariants).
+#include "platform/lsmall_file.h"
 #include "settings/lplist.h"
 #include "settings/lpreferences.h"
 
@@ -140,21 +141,6 @@ plist_t CurrentDictionary(const std::string& path) {
     return entry.dictionary;
 }
 
-bool WriteAll(int fd, const char* data, size_t length) {
-    while (length > 0) {
-        ssize_t n = write(fd, data, length);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return false;
-        }
-        data += n;
-        length -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
 // Writes `dictionary` to a temporary file in the same folder and renames it over `path`.
 bool ReplaceFile(const std::string& path, plist_t dictionary, FileIdentity& identity) {
     char* xml = nullptr;
@@ -168,7 +154,7 @@ bool ReplaceFile(const std::string& path, plist_t dictionary, FileIdentity& iden
     bool ok = fd >= 0;
     if (ok) {
         fchmod(fd, 0600);
-        ok = WriteAll(fd, xml, length) && fdatasync(fd) == 0;
+        ok = _LWriteAll(fd, xml, length) && fdatasync(fd) == 0;
         struct stat st;
         if (ok && fstat(fd, &st) == 0) {
             identity = IdentityOf(st);

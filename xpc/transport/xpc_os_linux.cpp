@@ -20,6 +20,7 @@
 #include <cstring>
 #include <string>
 
+#include "platform/lsmall_file.h"
 #include "xpc/transport/xpc_os.h"
 #include "xpc/transport/xpc_wire.h"
 
@@ -28,21 +29,6 @@ namespace lxpc::os {
 namespace {
 
 constexpr int kRequiredSeals = F_SEAL_WRITE | F_SEAL_GROW | F_SEAL_SHRINK;
-
-bool WriteAll(int fd, const uint8_t* p, size_t n) {
-    while (n > 0) {
-        const ssize_t w = ::write(fd, p, n);
-        if (w < 0 && errno == EINTR) {
-            continue;
-        }
-        if (w <= 0) {
-            return false;
-        }
-        p += w;
-        n -= static_cast<size_t>(w);
-    }
-    return true;
-}
 
 bool FillAddress(const std::string& path, sockaddr_un& address, socklen_t& length) {
     std::memset(&address, 0, sizeof address);
@@ -64,8 +50,7 @@ int CreateSealedMemfd(const void* bytes, size_t length) {
         return -1;
     }
     // write() fills the file without mapping it writable, so F_SEAL_WRITE can be added.
-    if (::ftruncate(fd, static_cast<off_t>(length)) != 0 ||
-        !WriteAll(fd, static_cast<const uint8_t*>(bytes), length) ||
+    if (::ftruncate(fd, static_cast<off_t>(length)) != 0 || !_LWriteAll(fd, bytes, length) ||
         ::fcntl(fd, F_ADD_SEALS, kRequiredSeals | F_SEAL_SEAL) != 0) {
         ::close(fd);
         return -1;
