@@ -6,14 +6,14 @@
 // __TEXT,__launchd_plist. The bytes are Info.plist and Launchd.plist of this folder,
 // unchanged and unterminated, so a reader takes the whole section as the list.
 //
-// This file is linked into the executable itself, never into a library, so the sections
-// cannot be dropped for lack of a reference.
+// Nothing in the program refers to them: the "R" flag keeps them when the link drops
+// unreferenced sections.
 
 asm(R"(
-    .pushsection .info_plist, "a", @progbits
+    .pushsection .info_plist, "aR", @progbits
     .incbin "Info.plist"
     .popsection
-    .pushsection .launchd_plist, "a", @progbits
+    .pushsection .launchd_plist, "aR", @progbits
     .incbin "Launchd.plist"
     .popsection
 )");

@@ -216,8 +216,15 @@ TEST_F(Broker, AClientDyingMidExchangeLeavesTheServiceServing) {
     }
     Client other;
     ASSERT_TRUE(Reaches(other.Ask(), device)) << "the service stopped serving";
-    ASSERT_TRUE(publisher.Publish(next.Endpoint()));
-    EXPECT_TRUE(Reaches(other.Pushed(5s), next));
+    // The killed requester's request may still be handled after this one (each connection
+    // has its queue), and the last requester is the one pushed to: a second round settles it.
+    bool pushed = false;
+    for (int round = 0; round < 2 && !pushed; ++round) {
+        ASSERT_TRUE(round == 0 || Reaches(other.Ask(), next));
+        ASSERT_TRUE(publisher.Publish(next.Endpoint()));
+        pushed = Reaches(other.Pushed(round == 0 ? 1s : 5s), next);
+    }
+    EXPECT_TRUE(pushed);
 }
 
 // Started by a service manager that asked to be told (NOTIFY_SOCKET), the service says
