@@ -136,26 +136,57 @@ private:
 };
 
 // Runs roundTrip(client) kBatch times on each of kClients threads per iteration.
+// The client threads live for the whole benchmark: each iteration releases all of them for
+// one batch and waits until every one is done. Started anew each iteration, they would make
+// every peer pay for thread starts, and the transport for each new thread's receive buffer.
 void RunClients(benchmark::State& state, const std::function<bool(int)>& roundTrip) {
-    for (auto _ : state) {
-        std::atomic<bool> ok{true};
-        std::vector<std::thread> threads;
-        for (int i = 0; i < kClients; ++i) {
-            threads.emplace_back([&, i] {
+    std::mutex mutex;
+    std::condition_variable cv;
+    int generation = 0;  // batches released so far
+    int running = 0;     // threads still in the current batch
+    bool stop = false;
+    std::atomic<bool> ok{true};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kClients; ++i) {
+        threads.emplace_back([&, i] {
+            for (int seen = 0;; ++seen) {
+                {
+                    std::unique_lock lock(mutex);
+                    cv.wait(lock, [&] { return stop || generation != seen; });
+                    if (stop) {
+                        return;
+                    }
+                }
                 for (int k = 0; k < kBatch && ok.load(std::memory_order_relaxed); ++k) {
                     if (!roundTrip(i)) {
                         ok = false;
                     }
                 }
-            });
-        }
-        for (std::thread& t : threads) {
-            t.join();
-        }
+                std::lock_guard lock(mutex);
+                if (--running == 0) {
+                    cv.notify_all();
+                }
+            }
+        });
+    }
+    for (auto _ : state) {
+        std::unique_lock lock(mutex);
+        running = kClients;
+        ++generation;
+        cv.notify_all();
+        cv.wait(lock, [&] { return running == 0; });
         if (!ok) {
             state.SkipWithError("round trip failed");
             break;
         }
+    }
+    {
+        std::lock_guard lock(mutex);
+        stop = true;
+    }
+    cv.notify_all();
+    for (std::thread& t : threads) {
+        t.join();
     }
     state.counters["round_trips_per_s"] = benchmark::Counter(
         static_cast<double>(state.iterations() * kClients * kBatch), benchmark::Counter::kIsRate);
