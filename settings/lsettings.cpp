@@ -323,11 +323,9 @@ bool LSettingSetUnicodeString(const char* section, const char* key, const wchar_
 }
 
 bool LUserSettingSetPassword(const char* section, const char* key, const char* text) {
-    LStringLongTemplate<char> cipher;
-    LSettingEncrypt(cipher, text);
-    char name[kLSettingTextSize];
-    _LSettingPasswordName(name, key);
-    return LUserSettingSetString(section, name, cipher.GetText());
+    return _LSettingSetPasswordThrough(key, text, [&](const char* name, const char* cipher) {
+        return LUserSettingSetString(section, name, cipher);
+    });
 }
 
 bool LUserSettingSetPassword(const char* section, const char* key,
@@ -336,9 +334,9 @@ bool LUserSettingSetPassword(const char* section, const char* key,
 }
 
 bool LUserSettingGetPassword(const char* section, const char* key, const char*, char* out) {
-    char name[kLSettingTextSize];
-    _LSettingPasswordName(name, key);
-    return _LSettingDecipherPassword(_LUserSettingGetString(section, name, "", out), out);
+    return _LSettingGetPasswordThrough(key, out, [&](const char* name, char* value) {
+        return _LUserSettingGetString(section, name, "", value);
+    });
 }
 
 LSharedSettingsRecord::LSharedSettingsRecord(const char* recordPath, LSettingDomain domain)
@@ -366,17 +364,13 @@ bool LSharedSettingsRecord::GetString(const char* key, const char* defaultValue,
 }
 
 bool LSharedSettingsRecord::SetPassword(const char* key, const char* text) {
-    LStringLongTemplate<char> cipher;
-    LSettingEncrypt(cipher, text);
-    char name[kLSettingTextSize];
-    _LSettingPasswordName(name, key);
-    return SetString(name, cipher.GetText());
+    return _LSettingSetPasswordThrough(
+        key, text, [&](const char* name, const char* cipher) { return SetString(name, cipher); });
 }
 
 bool LSharedSettingsRecord::GetPassword(const char* key, char* out) const {
-    char name[kLSettingTextSize];
-    _LSettingPasswordName(name, key);
-    return _LSettingDecipherPassword(GetString(name, "", out), out);
+    return _LSettingGetPasswordThrough(
+        key, out, [&](const char* name, char* value) { return GetString(name, "", value); });
 }
 
 bool LSharedSettingsRecord::SetPrimaryKey(const char* key) {

@@ -12,6 +12,7 @@
 
 #include <cstddef>
 
+#include "settings/lblowfish.h"
 #include "settings/lpreferences.h"
 #include "text/lstring.h"
 
@@ -24,6 +25,22 @@ inline constexpr size_t kLSettingTextSize = 260;     // values, names, primary k
 // Base64 of their cipher. Deciphering leaves an empty text empty and hands found back.
 void _LSettingPasswordName(char* out, const char* key);
 bool _LSettingDecipherPassword(bool found, char* out);
+// Every store's password pair, around its own string setter and getter: set(name, cipher)
+// stores, get(name, out) reads into the caller's 260-byte buffer.
+template <typename Set>
+bool _LSettingSetPasswordThrough(const char* key, const char* text, Set set) {
+    LStringLongTemplate<char> cipher;
+    LSettingEncrypt(cipher, text);
+    char name[kLSettingTextSize];
+    _LSettingPasswordName(name, key);
+    return set(name, cipher.GetText());
+}
+template <typename Get>
+bool _LSettingGetPasswordThrough(const char* key, char* out, Get get) {
+    char name[kLSettingTextSize];
+    _LSettingPasswordName(name, key);
+    return _LSettingDecipherPassword(get(name, out), out);
+}
 
 // Preferences store, domain given by the caller.
 void _LSettingGetFullKeyName(char* out, const char* section, const char* key);

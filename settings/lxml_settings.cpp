@@ -136,17 +136,15 @@ bool _LSharedSettingGetString(const char* section, const char* key, const char* 
 }
 
 bool LSharedSettingSetPassword(const char* section, const char* key, const char* text) {
-    LStringLongTemplate<char> cipher;
-    LSettingEncrypt(cipher, text);
-    char name[kLSettingTextSize];
-    _LSettingPasswordName(name, key);
-    return LSharedSettingSetString(section, name, cipher.GetText());
+    return _LSettingSetPasswordThrough(key, text, [&](const char* name, const char* cipher) {
+        return LSharedSettingSetString(section, name, cipher);
+    });
 }
 
 bool LSharedSettingGetPassword(const char* section, const char* key, const char*, char* out) {
-    char name[kLSettingTextSize];
-    _LSettingPasswordName(name, key);
-    return _LSettingDecipherPassword(_LSharedSettingGetString(section, name, "", out), out);
+    return _LSettingGetPasswordThrough(key, out, [&](const char* name, char* value) {
+        return _LSharedSettingGetString(section, name, "", value);
+    });
 }
 
 bool LSharedSettingDeleteItem(const char* section, const char* key) {
@@ -221,15 +219,13 @@ bool _LUserHiddenSettingGetString(const char* section, const char* key, const ch
 }
 
 bool LUserHiddenSettingSetPassword(const char* section, const char* key, const char* text) {
-    LStringLongTemplate<char> cipher;
-    LSettingEncrypt(cipher, text);
-    char name[kLSettingTextSize];
-    _LSettingPasswordName(name, key);
-    return LUserHiddenSettingSetString(section, name, cipher.GetText());
+    return _LSettingSetPasswordThrough(key, text, [&](const char* name, const char* cipher) {
+        return LUserHiddenSettingSetString(section, name, cipher);
+    });
 }
 
 bool LUserHiddenSettingGetPassword(const char* section, const char* key, const char*, char* out) {
-    char name[kLSettingTextSize];
-    _LSettingPasswordName(name, key);
-    return _LSettingDecipherPassword(_LUserHiddenSettingGetString(section, name, "", out), out);
+    return _LSettingGetPasswordThrough(key, out, [&](const char* name, char* value) {
+        return _LUserHiddenSettingGetString(section, name, "", value);
+    });
 }
