@@ -1,6 +1,7 @@
 // Bundle version reading through libplist and the digit-run ordering of versions.
 #include "helper/bundle_version.h"
 
+#include <dlfcn.h>
 #include <plist/plist.h>
 
 #include <cstdio>
@@ -25,8 +26,41 @@ void SetVersion(char* version, std::string_view text) {
     version[n] = '\0';
 }
 
+// libplist is opened on the first version read rather than linked: only an offered driver
+// needs it, and every on-demand start of the service would otherwise map and relocate it and
+// libm before the first reply. The library stays open for the life of the process.
+struct PlistLibrary {
+    decltype(&plist_from_memory) fromMemory = nullptr;
+    decltype(&plist_free) free = nullptr;
+    decltype(&plist_get_node_type) nodeType = nullptr;
+    decltype(&plist_dict_get_item) dictItem = nullptr;
+    decltype(&plist_get_string_ptr) stringPtr = nullptr;
+
+    bool IsLoaded() const { return fromMemory && free && nodeType && dictItem && stringPtr; }
+};
+
+template <typename Function>
+void Resolve(void* handle, Function& function, char const* name) {
+    function = reinterpret_cast<Function>(dlsym(handle, name));
+}
+
+PlistLibrary const& Plist() {
+    static PlistLibrary const library = [] {
+        PlistLibrary l;
+        if (void* handle = dlopen("libplist-2.0.so.3", RTLD_NOW | RTLD_LOCAL)) {
+            Resolve(handle, l.fromMemory, "plist_from_memory");
+            Resolve(handle, l.free, "plist_free");
+            Resolve(handle, l.nodeType, "plist_get_node_type");
+            Resolve(handle, l.dictItem, "plist_dict_get_item");
+            Resolve(handle, l.stringPtr, "plist_get_string_ptr");
+        }
+        return l;
+    }();
+    return library;
+}
+
 struct PlistDeleter {
-    void operator()(plist_t node) const { plist_free(node); }
+    void operator()(plist_t node) const { Plist().free(node); }
 };
 using PlistPtr = std::unique_ptr<std::remove_pointer_t<plist_t>, PlistDeleter>;
 
@@ -38,18 +72,19 @@ bool IsDigit(unsigned char c) {
 
 bool LVADHelperVersionFromInfoPlist(std::string_view plistBytes, char* version) {
     SetVersion(version, kNoVersion);
-    if (plistBytes.empty() || plistBytes.size() > kMaxInfoPlistBytes)
+    PlistLibrary const& plist = Plist();
+    if (plistBytes.empty() || plistBytes.size() > kMaxInfoPlistBytes || !plist.IsLoaded())
         return false;
     plist_t parsed = nullptr;
-    plist_from_memory(plistBytes.data(), static_cast<uint32_t>(plistBytes.size()), &parsed);
+    plist.fromMemory(plistBytes.data(), static_cast<uint32_t>(plistBytes.size()), &parsed);
     PlistPtr root(parsed);
-    if (!root || plist_get_node_type(root.get()) != PLIST_DICT)
+    if (!root || plist.nodeType(root.get()) != PLIST_DICT)
         return false;
-    plist_t item = plist_dict_get_item(root.get(), kVersionKey);
-    if (!item || plist_get_node_type(item) != PLIST_STRING)
+    plist_t item = plist.dictItem(root.get(), kVersionKey);
+    if (!item || plist.nodeType(item) != PLIST_STRING)
         return false;
     uint64_t length = 0;
-    char const* text = plist_get_string_ptr(item, &length);
+    char const* text = plist.stringPtr(item, &length);
     if (!text)
         return false;
     // The version is text: it ends at its first NUL even when the list stores more.
