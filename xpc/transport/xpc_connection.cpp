@@ -981,14 +981,16 @@ void ReceiveOwnReply(Connection* c, const SocketRef& sock, const SyncWait& wait)
         }
     }
     {
+        // Together, under the lock: the next caller's claim must not find the socket free
+        // before the watch is back, or this hand-back could rearm the reader's set in the
+        // middle of that caller's request. The watch handed back wakes the reader for
+        // anything still unread, so a reader that stepped aside meanwhile is owed nothing.
         std::lock_guard lock(c->mutex);
+        os::WatchSocket(sock->readerSet, sock->fd, true);
         sock->draining = false;
-        // A reader woken meanwhile stepped aside; the watch handed back below wakes it
-        // again for anything still unread.
         sock->kicked = false;
         sock->receiveEnded = sock->receiveEnded || ended;
     }
-    os::WatchSocket(sock->readerSet, sock->fd, true);
     if (ended) {
         os::Wake(sock->wakeup);  // the reader ends the socket
     }
