@@ -130,7 +130,6 @@ struct Socket {
     bool wantShared = false;    // a synchronous caller asked for it
     bool shared = false;        // the reader waits on readerSet, not in recvmsg
     bool draining = false;      // a thread (the reader, or a caller) is receiving
-    bool kicked = false;        // a wake-up came while another thread drained
     bool receiveEnded = false;  // a caller met the socket's end; the reader ends it
 };
 using SocketRef = std::shared_ptr<Socket>;
@@ -500,8 +499,8 @@ std::span<uint8_t> ThreadBuffer() {
     return {buffer.get(), wire::kMaxPacketSize};
 }
 
-// Receives and dispatches until the socket is empty, unless another thread already does
-// (which then goes on until empty itself, or, for a caller, hands the watch back); false
+// Receives and dispatches until the socket is empty, unless a caller receives on it (which
+// hands the watch back when it leaves, waking the reader again for what it left); false
 // once the socket has ended. Wake-ups are edge-triggered, so the reader must not stop
 // before the socket is empty.
 bool Drain(Connection* c, const SocketRef& sock) {
@@ -511,7 +510,6 @@ bool Drain(Connection* c, const SocketRef& sock) {
             return false;
         }
         if (sock->draining) {
-            sock->kicked = true;
             return true;
         }
         sock->draining = true;
@@ -522,10 +520,6 @@ bool Drain(Connection* c, const SocketRef& sock) {
             continue;
         }
         std::lock_guard lock(c->mutex);
-        if (r == Received::none && sock->kicked) {
-            sock->kicked = false;
-            continue;
-        }
         sock->draining = false;
         return r == Received::none;
     }
@@ -988,7 +982,6 @@ void ReceiveOwnReply(Connection* c, const SocketRef& sock, const SyncWait& wait)
         std::lock_guard lock(c->mutex);
         os::WatchSocket(sock->readerSet, sock->fd, true);
         sock->draining = false;
-        sock->kicked = false;
         sock->receiveEnded = sock->receiveEnded || ended;
     }
     if (ended) {
