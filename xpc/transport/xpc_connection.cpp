@@ -9,11 +9,12 @@
 // queue for a writer thread (which lingers a while for the next burst), so a client that
 // stops reading never holds up the service for more than that moment.
 // A synchronous request receives its own reply: once a socket has seen one, its reader
-// waits on a wait set instead of in recvmsg, and a caller waits on a second set over the
-// same socket while the reader's set stops watching it, so that a reply wakes the caller
-// alone. Whoever is woken drains the socket to empty, one thread at a time, dispatching
-// every packet in order (what is not the caller's goes to the queues as the reader would
-// queue it); the caller hands the watch back to the reader when it leaves.
+// waits on a wait set instead of in recvmsg, and a caller takes the socket over for the
+// request: the reader's set stops watching it and the caller blocks in recvmsg itself,
+// dispatching every packet in order until its reply (what is not the caller's goes to the
+// queues as the reader would queue it). Only one thread receives at a time; the caller
+// hands the watch back to the reader when it leaves, which wakes the reader for whatever
+// came after the reply.
 //
 // Invariants (all guarded by the connection's mutex):
 // - Events, reply handlers and barriers of a connection go through its target queue, in the
@@ -104,7 +105,6 @@ struct Socket {
     explicit Socket(int descriptor) : fd(descriptor) {}
     ~Socket() {
         os::Close(readerSet);
-        os::Close(callerSet);
         os::Close(wakeup);
         os::Close(fd);
     }
@@ -125,15 +125,12 @@ struct Socket {
     wire::ReceiveRegion receiveRegion;
 
     // Shared receiving, set up by the reader once a synchronous caller asks for it.
-    int readerSet = -1;          // the socket and `wakeup`, for the reader
-    int callerSet = -1;          // the same, for the caller that waits on the socket
-    int wakeup = -1;             // an eventfd: wakes whoever waits on either set
-    bool wantShared = false;     // a synchronous caller asked for it
-    bool shared = false;         // the reader waits on readerSet, not in recvmsg
-    bool draining = false;       // a thread is receiving and dispatching
-    bool kicked = false;         // a wake-up came while another thread drained
-    bool callerWaiting = false;  // a synchronous caller waits on callerSet
-    bool receiveEnded = false;   // a caller met the socket's end; the reader ends it
+    int readerSet = -1;         // the socket and `wakeup`, for the reader
+    int wakeup = -1;            // an eventfd: wakes the reader
+    bool wantShared = false;    // a synchronous caller asked for it
+    bool shared = false;        // the reader waits on readerSet, not in recvmsg
+    bool draining = false;      // a thread (the reader, or a caller) is receiving
+    bool receiveEnded = false;  // a caller met the socket's end; the reader ends it
 };
 using SocketRef = std::shared_ptr<Socket>;
 
@@ -172,15 +169,15 @@ bool OverLimits(const Socket& sock) {
 }
 
 // A synchronous request's rendezvous. Whoever gets the reply stores it, then wakes the
-// waiting thread: through its socket's wait set when the caller waits there, else with one
-// byte into the caller's wake-up pipe (a pipe write hands the processor to the woken thread
-// directly). A wake-up may arrive after its waiter already saw `done`; the next wait then
-// takes it as spurious and waits again. The caller completing its own wait wakes nobody.
+// waiting thread with one byte into the caller's wake-up pipe (a pipe write hands the
+// processor to the woken thread directly). A wake-up may arrive after its waiter already
+// saw `done`; the next wait then takes it as spurious and waits again. The caller
+// completing its own wait (it received the reply itself) wakes nobody.
 struct SyncWait {
     mutable std::mutex mutex;
     bool done = false;
     xpc_object_t result = nullptr;
-    int wakeFd = -1;  // a wait set's eventfd or a pipe's write end; -1: nobody to wake
+    int wakeFd = -1;  // a pipe's write end; -1: nobody to wake
     const std::thread::id owner = std::this_thread::get_id();
 
     bool Done() const {
@@ -201,10 +198,6 @@ struct SyncWait {
         if (fd >= 0) {
             os::Wake(fd);
         }
-    }
-    void WakeBy(int fd) {
-        std::lock_guard lock(mutex);
-        wakeFd = fd;
     }
 };
 
@@ -506,39 +499,27 @@ std::span<uint8_t> ThreadBuffer() {
     return {buffer.get(), wire::kMaxPacketSize};
 }
 
-// Receives and dispatches until the socket is empty, unless another thread already does
-// (which then goes on until empty itself); false once the socket has ended. Wake-ups are
-// edge-triggered, so whoever drains must not stop before the socket is empty, but for a
-// caller once `until` is done: handing the watch back to the reader then wakes the reader
-// for whatever is left.
-bool Drain(Connection* c, const SocketRef& sock, bool inlineAllowed,
-           const SyncWait* until = nullptr) {
+// Receives and dispatches until the socket is empty, unless a caller receives on it (which
+// hands the watch back when it leaves, waking the reader again for what it left); false
+// once the socket has ended. Wake-ups are edge-triggered, so the reader must not stop
+// before the socket is empty.
+bool Drain(Connection* c, const SocketRef& sock) {
     {
         std::lock_guard lock(c->mutex);
         if (sock->receiveEnded) {
             return false;
         }
         if (sock->draining) {
-            sock->kicked = true;
             return true;
         }
         sock->draining = true;
     }
     for (;;) {
-        const Received r = ReceiveOne(c, sock, ThreadBuffer(), inlineAllowed, false);
-        if (r == Received::packet && (until == nullptr || !until->Done())) {
+        const Received r = ReceiveOne(c, sock, ThreadBuffer(), true, false);
+        if (r == Received::packet) {
             continue;
         }
         std::lock_guard lock(c->mutex);
-        if (r == Received::packet) {
-            sock->kicked = false;
-            sock->draining = false;
-            return true;
-        }
-        if (r == Received::none && sock->kicked) {
-            sock->kicked = false;
-            continue;
-        }
         sock->draining = false;
         return r == Received::none;
     }
@@ -576,17 +557,14 @@ bool ReaderShares(Connection* c, Socket& sock) {
     }
     const int wakeup = os::MakeWakeup();
     const int readerSet = wakeup < 0 ? -1 : os::MakeWaitSet(sock.fd, wakeup);
-    const int callerSet = readerSet < 0 ? -1 : os::MakeWaitSet(sock.fd, wakeup);
     std::lock_guard lock(c->mutex);
-    if (callerSet < 0) {
-        os::Close(readerSet);  // out of descriptors: synchronous replies keep coming this way
-        os::Close(wakeup);
+    if (readerSet < 0) {
+        os::Close(wakeup);  // out of descriptors: synchronous replies keep coming this way
         sock.wantShared = false;
         return false;
     }
     sock.wakeup = wakeup;
     sock.readerSet = readerSet;
-    sock.callerSet = callerSet;
     sock.shared = true;
     return true;
 }
@@ -596,7 +574,7 @@ bool ReaderShares(Connection* c, Socket& sock) {
 bool ReaderWaitAndDrain(Connection* c, const SocketRef& sock) {
     bool readable = false;
     bool woken = false;
-    return os::WaitOn(sock->readerSet, sock->wakeup, readable, woken) && Drain(c, sock, true);
+    return os::WaitOn(sock->readerSet, sock->wakeup, readable, woken) && Drain(c, sock);
 }
 
 void ReaderMain(Connection* c, SocketRef sock) {
@@ -965,10 +943,10 @@ Connection* CreateNamedClient(const char* name, xpc_queue_t queue) {
 
 // ---- synchronous requests ----
 
-// Makes the calling thread the one synchronous caller that waits on its socket (the
-// reader's wait set stops watching it), or asks the reader to set the wait sets up for the
-// requests to come; null when it cannot wait there now.
-SocketRef ClaimSharedWait(Connection* c) {
+// Makes the calling thread the one that receives on its socket (the reader's wait set
+// stops watching it), or asks the reader to set its wait set up for the requests to come;
+// null when the caller cannot receive there now (another thread does).
+SocketRef ClaimSocket(Connection* c) {
     std::lock_guard lock(c->mutex);
     const SocketRef& sock = c->socket;
     if (!sock || !c->readerRunning || sock->ended || sock->receiveEnded) {
@@ -978,39 +956,36 @@ SocketRef ClaimSharedWait(Connection* c) {
         sock->wantShared = true;
         return nullptr;
     }
-    if (sock->callerWaiting || !os::WatchSocket(sock->readerSet, sock->fd, false)) {
-        return nullptr;  // another caller waits there; this one waits to be handed its reply
+    if (sock->draining || !os::WatchSocket(sock->readerSet, sock->fd, false)) {
+        return nullptr;  // the reader (or another caller) receives; it hands the reply over
     }
-    sock->callerWaiting = true;
+    sock->draining = true;
     return sock;
 }
 
-// Waits for `wait` on the caller's wait set, draining whatever it wakes this caller for,
-// then hands the watch back to the reader. On the socket's end the reader is left to end
-// it, and the caller waits on `pipeFd` instead.
-void WaitShared(Connection* c, const SocketRef& sock, SyncWait& wait, int pipeFd) {
+// Receives on a claimed socket until `wait` is done, then hands the watch back to the
+// reader. On the socket's end the reader is left to end it, and the caller waits on its
+// wake-up pipe instead.
+void ReceiveOwnReply(Connection* c, const SocketRef& sock, const SyncWait& wait) {
     bool ended = false;
-    bool readable = false;
-    bool woken = false;
     while (!wait.Done()) {
-        // Woken only (by whoever completed the wait), there is nothing to drain.
-        if (!os::WaitOn(sock->callerSet, sock->wakeup, readable, woken) ||
-            (readable && !Drain(c, sock, false, &wait))) {
+        if (ReceiveOne(c, sock, ThreadBuffer(), false) != Received::packet) {
             ended = true;
-            wait.WakeBy(pipeFd);
             break;
         }
     }
-    // Before the next caller may claim the socket; a packet that came meanwhile wakes the
-    // reader at once.
-    os::WatchSocket(sock->readerSet, sock->fd, true);
     {
+        // Together, under the lock: the next caller's claim must not find the socket free
+        // before the watch is back, or this hand-back could rearm the reader's set in the
+        // middle of that caller's request. The watch handed back wakes the reader for
+        // anything still unread, so a reader that stepped aside meanwhile is owed nothing.
         std::lock_guard lock(c->mutex);
-        sock->callerWaiting = false;
+        os::WatchSocket(sock->readerSet, sock->fd, true);
+        sock->draining = false;
         sock->receiveEnded = sock->receiveEnded || ended;
     }
     if (ended) {
-        os::Wake(sock->wakeup);  // a reader waiting on the set ends the socket
+        os::Wake(sock->wakeup);  // the reader ends the socket
     }
 }
 
@@ -1217,13 +1192,11 @@ xpc_object_t xpc_connection_send_message_with_reply_sync(xpc_connection_t connec
     wait->wakeFd = pipe.fds[1];
     Pending p;
     p.sync = wait;
-    SocketRef shared = t_reading == c ? nullptr : ClaimSharedWait(c);
-    if (shared) {
-        wait->wakeFd = shared->wakeup;
-    }
+    // Claimed before sending: the reply cannot reach the reader's set first.
+    SocketRef claimed = t_reading == c ? nullptr : ClaimSocket(c);
     Send(c, message, &p);
-    if (shared) {
-        WaitShared(c, shared, *wait, pipe.fds[1]);
+    if (claimed) {
+        ReceiveOwnReply(c, claimed, *wait);
     }
     if (t_reading == c) {
         // Called from a handler this connection's reader runs inline: nobody else reads the
