@@ -21,6 +21,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <future>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -422,6 +423,56 @@ TEST_F(XpcConnection, SuspendHoldsEventsUntilResume) {
     ASSERT_TRUE(events->WaitFor(1));
     EXPECT_EQ(xpc_dictionary_get_int64(events->At(0), "v"), 5);
     Close(c);
+}
+
+// A connection whose queue does not keep up holds its peer back instead of taking in all it
+// sends: past the backlog limit the service stops receiving, the flooding client's own
+// queue overflows and the client drops its connection; the surplus never reaches the
+// service.
+TEST_F(XpcConnection, AStalledQueueHoldsItsFloodingPeerBack) {
+    xpc_queue_t queue = xpc_queue_create("t.flood");
+    std::atomic<size_t> handled{0};
+    auto ends = std::make_shared<Inbox>();
+    xpc_connection_t listener =
+        xpc_connection_create_mach_service("t.flood", queue, XPC_CONNECTION_MACH_SERVICE_LISTENER);
+    xpc_connection_set_event_handler(listener, [&handled, ends](xpc_object_t peer) {
+        if (xpc_get_type(peer) != XPC_TYPE_CONNECTION) {
+            ends->Push(peer);
+            return;
+        }
+        xpc_connection_set_event_handler(peer, [&handled, ends](xpc_object_t event) {
+            xpc_get_type(event) == XPC_TYPE_ERROR ? ends->Push(event) : void(++handled);
+        });
+        xpc_connection_resume(peer);
+    });
+    xpc_connection_resume(listener);
+    auto events = std::make_shared<Inbox>();
+    xpc_connection_t c = Client("t.flood", events);
+    xpc_object_t m = Message(1);
+    xpc_connection_send_message(c, m);
+    for (int i = 0; i < 2000 && handled == 0; ++i) {
+        std::this_thread::sleep_for(10ms);
+    }
+    std::promise<void> release;
+    xpc_queue_async(queue, [released = release.get_future().share()] { released.wait(); });
+    // Paced, so that a service that went on receiving would keep the client's queue empty.
+    for (size_t i = 1; i <= 4 * wire::kMaxQueuedPackets; ++i) {
+        xpc_connection_send_message(c, m);
+        if (i % 32 == 0) {
+            std::this_thread::sleep_for(1ms);
+        }
+    }
+    xpc_release(m);
+    ASSERT_TRUE(events->WaitFor(1));
+    EXPECT_EQ(events->At(0), XPC_ERROR_CONNECTION_INVALID);
+    release.set_value();
+    ASSERT_TRUE(ends->WaitFor(1));  // the service saw the client go
+    EXPECT_LT(handled, 2 * wire::kMaxQueuedPackets);
+    Close(c);
+    xpc_connection_cancel(listener);
+    EXPECT_TRUE(ends->WaitFor(2));
+    xpc_release(listener);
+    xpc_queue_release(queue);
 }
 
 TEST_F(XpcConnection, CancelDeliversOneInvalidAndFailsPendingReplies) {

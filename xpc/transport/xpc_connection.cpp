@@ -284,6 +284,22 @@ struct Connection : _xpc_object {
     uid_t peerUid = 0;
     bool overflowed = false;  // dropped for leaving too much unsent: ends as invalid
 
+    // Events received and not yet taken by the handler, and what they hold.
+    size_t inEvents = 0;
+    uint64_t inBytes = 0;
+    size_t inDescriptors = 0;
+
+    // A handler that does not keep up (one waiting behind a long job, say) must not let its
+    // peer fill this process: past the limits a peer may cost, the reader stops receiving
+    // and the peer's messages wait in its socket, then in the peer's own queue. Replies
+    // still come in while any are awaited on the connection, so that a handler waiting for
+    // one never waits on itself (mutex held).
+    bool ReaderMayReceive() const {
+        return cancelled || !pending.empty() ||
+               (inEvents < wire::kMaxQueuedPackets && inBytes < wire::kMaxQueuedBytes &&
+                inDescriptors < wire::kMaxQueuedDescriptors);
+    }
+
     // Listeners.
     std::string path;
     bool boundPath = false;
@@ -309,14 +325,30 @@ void Report(const Connection* c, const char* what) {
 // Queues an event for the connection's handler. A non-final event is skipped when the
 // connection was cancelled before it ran; the final one drops the handler and the active
 // reference once it has run.
-void DeliverEvent(Connection* c, xpc_object_t event, bool final, bool inlineAllowed) {
+// A received event counts against its connection's backlog (`bytes` and `descriptors` of
+// it) until the handler takes it.
+void DeliverEvent(Connection* c, xpc_object_t event, bool final, bool inlineAllowed,
+                  uint64_t bytes = 0, size_t descriptors = 0) {
     xpc_retain(c);
-    auto work = [c, event, final] {
+    const bool counted = bytes != 0;
+    if (counted) {
+        std::lock_guard lock(c->mutex);
+        ++c->inEvents;
+        c->inBytes += bytes;
+        c->inDescriptors += descriptors;
+    }
+    auto work = [c, event, final, counted, bytes, descriptors] {
         std::shared_ptr<const xpc_handler_t> h;
         {
             std::lock_guard lock(c->mutex);
             if (!c->cancelled || final) {
                 h = c->handler;
+            }
+            if (counted) {
+                --c->inEvents;
+                c->inBytes -= bytes;
+                c->inDescriptors -= descriptors;
+                c->resumed_cv.notify_all();
             }
         }
         if (h && *h) {
@@ -433,6 +465,10 @@ enum class Received { packet, none, end };
 // `none` when a non-blocking receive found it empty.
 Received ReceiveOne(Connection* c, const SocketRef& sock, std::span<uint8_t> buffer,
                     bool inlineAllowed, bool block = true) {
+    if (t_reading == c) {
+        std::unique_lock lock(c->mutex);
+        c->resumed_cv.wait(lock, [c] { return c->ReaderMayReceive(); });
+    }
     size_t length = 0;
     std::vector<int> fds;
     switch (os::ReceivePacket(sock->fd, buffer, length, fds, block)) {
@@ -455,6 +491,7 @@ Received ReceiveOne(Connection* c, const SocketRef& sock, std::span<uint8_t> buf
     }
     wire::Envelope envelope;
     const char* why = nullptr;
+    const size_t descriptors = fds.size();
     xpc_object_t body = wire::Decode(std::span<const uint8_t>(buffer.data(), length), fds, envelope,
                                      &why, &sock->receiveRegion);
     if (body == nullptr) {
@@ -488,7 +525,7 @@ Received ReceiveOne(Connection* c, const SocketRef& sock, std::span<uint8_t> buf
     if (envelope.kind == wire::Kind::messageWantingReply) {
         d->wantsReplyId = envelope.id;
     }
-    DeliverEvent(c, body, false, inlineAllowed);
+    DeliverEvent(c, body, false, inlineAllowed, length + envelope.outsideBytes, descriptors);
     return Received::packet;
 }
 
@@ -746,6 +783,7 @@ void Send(Connection* c, xpc_object_t message, Pending* p) {
     wire::SetPacketId(packet, id);
     if (p != nullptr) {
         c->pending.emplace(id, std::move(*p));
+        c->resumed_cv.notify_all();  // a reader held back by the backlog reads on for it
     }
     auto queue = [&](bool front) {
         PushOut(*sock, OutItem{std::move(packet), nullptr}, front);

@@ -373,6 +373,8 @@ public:
     }
     // The end of the furthest region data copied out.
     uint64_t RegionEnd() const { return regionEnd_; }
+    // The data held outside the packet: sealed, and copied out of the region.
+    uint64_t OutsideBytes() const { return sealedBytes_ + regionCopied_; }
 
     bool AllDescriptorsUsed() const {
         for (bool u : used_) {
@@ -451,6 +453,7 @@ public:
                     os::Close(fd);
                     return Fail("sealed data descriptor is not a sealed memfd of that size");
                 }
+                sealedBytes_ += n;
                 return MakeSealedData(fd, static_cast<size_t>(n));
             }
             case kTagRegionData: {
@@ -613,6 +616,7 @@ private:
     ReceiveRegion* const region_;
     size_t regionCopied_ = 0;
     uint64_t regionEnd_ = 0;
+    uint64_t sealedBytes_ = 0;
 };
 
 void CloseAll(std::vector<int>& fds) {
@@ -763,6 +767,7 @@ xpc_object_t Decode(std::span<const uint8_t> bytes, std::vector<int>& fds, Envel
     envelope.kind = static_cast<Kind>(h.kind);
     envelope.id = h.id;
     envelope.replyTo = h.replyTo;
+    envelope.outsideBytes = decoder.OutsideBytes();
     return body;
 }
 

@@ -35,7 +35,8 @@ inline constexpr size_t kMaxConnections = 256;  // live peer connections a proce
 // ... of which one user (by peer user id) may hold at most this many: room for a busy user,
 // whose closed connections the service may not have seen close yet, and still for others.
 inline constexpr size_t kMaxConnectionsPerUser = 192;
-// What one connection may leave queued unsent (its peer not reading) before it is dropped.
+// What one connection may leave queued unsent (its peer not reading) before it is dropped,
+// and what it may hold received but not yet handled before its reader stops receiving.
 inline constexpr size_t kMaxQueuedPackets = 1024;
 inline constexpr size_t kMaxQueuedBytes = 16 * 1024 * 1024;
 inline constexpr size_t kMaxQueuedDescriptors = 256;
@@ -72,6 +73,9 @@ struct Envelope {
     Kind kind = Kind::message;
     uint64_t id = 0;
     uint64_t replyTo = 0;
+    // Set by Decode: the bytes of data the message holds outside the packet (sealed data and
+    // data copied out of the shared region), which the receiver holds as long as the message.
+    uint64_t outsideBytes = 0;
 };
 
 // An encoded packet and the descriptors it carries (owned: closed on destruction).
