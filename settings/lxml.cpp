@@ -20,7 +20,6 @@
 #include "debug/lmemory.h"
 #include "file/lfile.h"
 #include "file/lfile_text.h"
-#include "settings/lxml_platform.h"
 #include "thread/lprocess_interface.h"
 
 namespace {
@@ -61,23 +60,44 @@ constexpr std::array<unsigned char, 256> kRunEnds = [] {
     return table;
 }();
 
-unsigned char RunMask(char quote) {
-    return quote == 0 ? kRunBare : (quote == '"' ? kRunDouble : kRunSingle);
-}
-
 // Consumes the plain characters ahead for the quoting state; returns where they start and
 // sets their number. Nothing here tests for cancelling: name and value reading never did.
-const char* TakeRun(Loader& loader, unsigned char mask, unsigned long& count) {
+// Every stop set holds NUL, so a character is only looked at once the one before it was
+// plain, and the scan never passes the end of the text.
+template <unsigned char Mask>
+const char* TakeRunOf(Loader& loader, unsigned long& count) {
     const char* start = loader.m_pText + loader.m_nPosition;
     const auto* p = reinterpret_cast<const unsigned char*>(start);
     unsigned long n = 0;
-    while ((kRunEnds[p[n]] & mask) == 0) {
-        ++n;
+    for (;; n += 4) {
+        if ((kRunEnds[p[n]] & Mask) != 0) {
+            break;
+        }
+        if ((kRunEnds[p[n + 1]] & Mask) != 0) {
+            n += 1;
+            break;
+        }
+        if ((kRunEnds[p[n + 2]] & Mask) != 0) {
+            n += 2;
+            break;
+        }
+        if ((kRunEnds[p[n + 3]] & Mask) != 0) {
+            n += 3;
+            break;
+        }
     }
     loader.m_nPosition += n;
     loader.m_nColumn += static_cast<int>(n);
     count = n;
     return start;
+}
+
+const char* TakeRun(Loader& loader, char quote, unsigned long& count) {
+    if (quote == 0) {
+        return TakeRunOf<kRunBare>(loader, count);
+    }
+    return quote == '"' ? TakeRunOf<kRunDouble>(loader, count)
+                        : TakeRunOf<kRunSingle>(loader, count);
 }
 
 // Code point 0 and values beyond the Unicode range have no UTF-8 form and give nothing.
@@ -193,7 +213,7 @@ char XMLLoadTag(Loader& loader, char* out, unsigned long& length) {
         // 3rd and 8th characters of a name beginning with '!' are stored).
         if (n >= 8 || (n > 0 ? out[0] != '!' : loader.PeekChar() != '!')) {
             unsigned long count = 0;
-            const char* run = TakeRun(loader, RunMask(quote), count);
+            const char* run = TakeRun(loader, quote, count);
             const unsigned long keep = std::min(count, kNameSize - 1 - n);
             std::memcpy(out + n, run, keep);
             n += keep;
@@ -227,8 +247,10 @@ char XMLLoadTag(Loader& loader, char* out, unsigned long& length) {
     }
 }
 
-// Reads an attribute value (unbounded) with the name rules, after one optional blank.
-char XMLLoadAttribute(Loader& loader, std::string& out) {
+// Reads an attribute value (unbounded) with the name rules, after one optional blank, into
+// out (a std::string, or a text written in place in a load's arena).
+template <typename Text>
+char XMLLoadAttribute(Loader& loader, Text& out) {
     if (loader.PeekChar() == ' ') {
         loader.GetChar();
     }
@@ -236,7 +258,7 @@ char XMLLoadAttribute(Loader& loader, std::string& out) {
     auto store = [&](char c) { out.push_back(c); };
     for (;;) {
         unsigned long count = 0;
-        const char* run = TakeRun(loader, RunMask(quote), count);
+        const char* run = TakeRun(loader, quote, count);
         out.append(run, count);
         const char c = loader.GetChar();
         if (c == 0) {
@@ -248,6 +270,10 @@ char XMLLoadAttribute(Loader& loader, std::string& out) {
                 continue;
             }
         } else if (IsNameStop(c)) {
+            // "?>" closes a declaration: its '?' is not part of the last value.
+            if (c == '>' && !out.empty() && out.back() == '?') {
+                out.pop_back();
+            }
             return c;
         } else if (c == '"' || c == '\'') {
             quote = c;
@@ -278,12 +304,15 @@ void TrimFormattingRange(const char* data, unsigned long& begin, unsigned long& 
 
 // ---- Arena ----
 
-// Bump allocation in blocks that grow from 4 KB to 1 MB; once a load has taken 4 MB, in
-// large regions of huge pages instead (see lxml_platform.h). Nothing placed here is freed on
+// Bump allocation in heap blocks that grow from 4 KB to 1 MB. Nothing placed here is freed on
 // its own. Every element placed here holds one reference, and the reader that fills the arena
 // holds one while it reads; the arena frees its blocks and itself with the last reference.
 // References may go from any thread, so the count is atomic; it moves once per load and once
 // per freed run of elements, not once per element.
+//
+// The blocks come from the heap rather than from fresh mappings: memory the heap already holds
+// is reused as it is, while a fresh mapping costs a page fault and the zeroing of every page
+// the load then overwrites anyway.
 class LXMLArena {
 public:
     LXMLArena() = default;
@@ -307,6 +336,24 @@ public:
         return copy;
     }
 
+    // Text of a length not known in advance is written in place, at the free end of the
+    // current block: Open gives room for at least `room` bytes there without taking them,
+    // Reopen moves the `used` bytes written so far to a block with `room` more, and Close takes
+    // everything up to `end`.
+    char* Open(std::size_t room) {
+        if (m_pNext == nullptr || static_cast<std::size_t>(m_pEnd - m_pNext) < room) {
+            NewBlock(room);
+        }
+        return m_pNext;
+    }
+    char* Reopen(const char* start, std::size_t used, std::size_t room) {
+        NewBlock(std::max(2 * used, used + room));
+        std::memcpy(m_pNext, start, used);
+        return m_pNext;
+    }
+    char* OpenEnd() const { return m_pEnd; }
+    void Close(char* end) { m_pNext = end; }
+
     void AddReferences(unsigned long count) {
         m_nReferences.fetch_add(count, std::memory_order_relaxed);
     }
@@ -319,12 +366,9 @@ public:
 private:
     struct Block {
         Block* pNext;
-        std::size_t nMapped;  // the size of a large region; 0 for a heap block
     };
     static constexpr std::size_t kFirstBlock = 4096;
-    static constexpr std::size_t kLargestHeapBlock = 1 << 20;
-    static constexpr std::size_t kLargeAfter = 4 << 20;
-    static constexpr std::size_t kLargeBlock = 16 * kLXMLLargeBlockUnit;
+    static constexpr std::size_t kLargestBlock = 1 << 20;
 
     static std::uintptr_t Align(const char* p, std::size_t alignment) {
         return (reinterpret_cast<std::uintptr_t>(p) + alignment - 1) & ~(alignment - 1);
@@ -334,43 +378,23 @@ private:
         while (m_pBlocks != nullptr) {
             Block* block = m_pBlocks;
             m_pBlocks = block->pNext;
-            if (block->nMapped != 0) {
-                _LXMLUnmapLargeBlock(block, block->nMapped);
-            } else {
-                ::operator delete(block);
-            }
+            ::operator delete(block);
         }
     }
     void NewBlock(std::size_t needed) {
-        needed += sizeof(Block);
-        Block* block = nullptr;
-        std::size_t size = 0;
-        if (m_nTaken >= kLargeAfter) {
-            size = std::max(kLargeBlock,
-                            (needed + kLXMLLargeBlockUnit - 1) & ~(kLXMLLargeBlockUnit - 1));
-            block = static_cast<Block*>(_LXMLMapLargeBlock(size));
-            if (block != nullptr) {
-                block->nMapped = size;
-            }
-        }
-        if (block == nullptr) {
-            size = std::max(m_nBlockSize, needed);
-            block = static_cast<Block*>(::operator new(size));
-            block->nMapped = 0;
-            m_nBlockSize = std::min(2 * m_nBlockSize, kLargestHeapBlock);
-        }
+        const std::size_t size = std::max(m_nBlockSize, needed + sizeof(Block));
+        auto* block = static_cast<Block*>(::operator new(size));
+        m_nBlockSize = std::min(2 * m_nBlockSize, kLargestBlock);
         block->pNext = m_pBlocks;
         m_pBlocks = block;
         m_pNext = reinterpret_cast<char*>(block + 1);
         m_pEnd = reinterpret_cast<char*>(block) + size;
-        m_nTaken += size;
     }
 
     Block* m_pBlocks = nullptr;
     char* m_pNext = nullptr;
     char* m_pEnd = nullptr;
     std::size_t m_nBlockSize = kFirstBlock;
-    std::size_t m_nTaken = 0;
     std::atomic<unsigned long> m_nReferences{1};
 };
 
@@ -389,17 +413,21 @@ public:
         m_pArena->Release(1);
     }
 
-    // A named element, or a text node when name is null.
+    // Room at the free end of the arena for a name of up to 259 characters and its NUL, read
+    // in place; KeepName takes it, and a name not kept is written over by what comes next.
+    char* OpenName() { return m_pArena->Open(kNameSize); }
+    void KeepName(char* name, unsigned long length) { m_pArena->Close(name + length + 1); }
+
+    // A named element, or a text node when name is null. The name is one just kept: placed
+    // before the element, so that once placed the element counts as a reference to give back.
     LXMLElement* NewElement(const char* name, unsigned long length, bool preserve) {
-        // The name first: once placed, the element counts as a reference to be given back.
-        const char* copy = name != nullptr ? m_pArena->CopyText(name, length) : nullptr;
         auto* element =
             ::new (m_pArena->Allocate(sizeof(LXMLElement), alignof(LXMLElement))) LXMLElement();
         element->m_pArena = m_pArena;
         ++m_nElements;
         element->bPreserveSpace = preserve;
-        if (copy != nullptr) {
-            element->name.Borrow(copy, length);
+        if (name != nullptr) {
+            element->name.Borrow(name, length);
         }
         return element;
     }
@@ -409,21 +437,66 @@ public:
         node->text.Borrow(copy, length);
         return node;
     }
-    // The pair's node, value object and texts all go to the arena; the table only links them.
-    void SetAttribute(LHashTable& table, const char* key, unsigned long keyLength,
-                      const char* value, unsigned long valueLength) {
+    // The key and the value are texts already kept in the arena; the pair's node and value
+    // object go there too, and the table only links them.
+    void SetAttribute(LHashTable& table, char* key, unsigned long keyLength, char* value,
+                      unsigned long valueLength) {
         LStringLongTemplate<char> keyText;
-        keyText.Attach(m_pArena->CopyText(key, keyLength), keyLength, keyLength + 1);
+        keyText.Attach(key, keyLength, keyLength + 1);
         auto* valueText = ::new (m_pArena->Allocate(sizeof(LStringLongTemplate<char>),
                                                     alignof(LStringLongTemplate<char>)))
             LStringLongTemplate<char>();
-        valueText->Attach(m_pArena->CopyText(value, valueLength), valueLength, valueLength + 1);
+        valueText->Attach(value, valueLength, valueLength + 1);
         auto* node = ::new (m_pArena->Allocate(sizeof(LHashTable::Node), alignof(LHashTable::Node)))
             LHashTable::Node(LStringLongKey(std::move(keyText)), valueText);
         table.SetBorrowed(node);
     }
 
-    std::string m_value;  // the attribute value being read, reused
+    // An attribute value written in place at the free end of the arena as it is read, with
+    // the few members of std::string that XMLLoadAttribute uses.
+    class Value {
+    public:
+        explicit Value(LXMLReader& reader)
+            : m_rArena(*reader.m_pArena),
+              m_pStart(m_rArena.Open(kValueRoom)),
+              m_pEnd(m_pStart),
+              m_pLimit(m_rArena.OpenEnd()) {}
+        void append(const char* text, unsigned long count) {
+            Room(count);
+            std::memcpy(m_pEnd, text, count);
+            m_pEnd += count;
+        }
+        void push_back(char c) {
+            Room(1);
+            *m_pEnd++ = c;
+        }
+        bool empty() const { return m_pEnd == m_pStart; }
+        char back() const { return m_pEnd[-1]; }
+        void pop_back() { --m_pEnd; }
+        unsigned long size() const { return static_cast<unsigned long>(m_pEnd - m_pStart); }
+        // Terminates the text and takes it from the arena.
+        char* Keep() {
+            *m_pEnd = 0;  // Room always leaves one byte spare
+            m_rArena.Close(m_pEnd + 1);
+            return m_pStart;
+        }
+
+    private:
+        static constexpr std::size_t kValueRoom = 128;
+        void Room(unsigned long count) {
+            if (static_cast<unsigned long>(m_pLimit - m_pEnd) <= count) {
+                const std::size_t used = size();
+                m_pStart = m_rArena.Reopen(m_pStart, used, count + 1);
+                m_pEnd = m_pStart + used;
+                m_pLimit = m_rArena.OpenEnd();
+            }
+        }
+
+        LXMLArena& m_rArena;
+        char* m_pStart;
+        char* m_pEnd;
+        char* m_pLimit;
+    };
 
 private:
     LXMLArena* m_pArena;
@@ -749,9 +822,8 @@ bool LXMLElement::ParseStartTag(char stop, Loader& loader, LXMLReader* reader) {
         return false;
     }
     bool empty = false;
-    char attributeName[kNameSize];
+    char ownName[kNameSize];
     std::string ownValue;
-    std::string& value = reader != nullptr ? reader->m_value : ownValue;
     for (char c = stop;;) {
         if (c == '>') {
             return !empty && name[0] != '?';
@@ -763,27 +835,38 @@ bool LXMLElement::ParseStartTag(char stop, Loader& loader, LXMLReader* reader) {
         if (c == '/') {
             empty = true;
         }
+        // A load reads the name in place in its arena and keeps it there for a stored pair.
+        char* attributeName = reader != nullptr ? reader->OpenName() : ownName;
         unsigned long nameLength = 0;
         c = XMLLoadTag(loader, attributeName, nameLength);
-        value.clear();
         if (c == ' ' && loader.PeekChar() == '=') {
             c = loader.GetChar();
         }
-        if (c == '=') {
-            c = XMLLoadAttribute(loader, value);
-            if (c == '>' && !value.empty() && value.back() == '?') {
-                value.pop_back();
+        const bool space = nameLength == 9 && strcasecmp(attributeName, "xml:space") == 0;
+        const bool stored = nameLength != 0 && !space;
+        if (reader != nullptr) {
+            if (stored) {
+                reader->KeepName(attributeName, nameLength);
+            }
+            LXMLReader::Value value(*reader);
+            if (c == '=') {
+                c = XMLLoadAttribute(loader, value);
+            }
+            if (stored) {
+                const unsigned long length = value.size();
+                reader->SetAttribute(attributes, attributeName, nameLength, value.Keep(), length);
+            }
+        } else {
+            ownValue.clear();
+            if (c == '=') {
+                c = XMLLoadAttribute(loader, ownValue);
+            }
+            if (stored) {
+                attributes.SetString(attributeName, ownValue.c_str());
             }
         }
-        if (nameLength == 0) {
-            continue;
-        }
-        if (nameLength == 9 && strcasecmp(attributeName, "xml:space") == 0) {
+        if (space) {
             bPreserveSpace = true;
-        } else if (reader != nullptr) {
-            reader->SetAttribute(attributes, attributeName, nameLength, value.data(), value.size());
-        } else {
-            attributes.SetString(attributeName, value.c_str());
         }
     }
 }
@@ -855,7 +938,6 @@ void LXMLElement::LoadData(Loader& loader) {
     stack.push_back({this, nullptr});
     LXMLReader reader;
     TextBuffer pending;
-    char tag[kNameSize];
     while (!stack.empty()) {
         Frame& frame = stack.back();
         LXMLElement& element = *frame.element;
@@ -883,10 +965,13 @@ void LXMLElement::LoadData(Loader& loader) {
             pending.Put(text, run);
             continue;
         }
+        // The pending text goes first: the name is read in place at the free end of the arena.
+        pending.FlushInto(element, frame.tail, reader);
+        char* tag = reader.OpenName();
         unsigned long tagLength = 0;
         const char stop = XMLLoadTag(loader, tag, tagLength);
         if (tagLength != 0) {
-            pending.FlushInto(element, frame.tail, reader);
+            reader.KeepName(tag, tagLength);
             LXMLElement* child = reader.NewElement(tag, tagLength, element.bPreserveSpace);
             if (frame.tail == nullptr) {
                 element.children.PushFront(child);
@@ -917,7 +1002,6 @@ void LXMLElement::LoadData(Loader& loader) {
         } else {
             loader.SetError("Misplaced < without name. Use &lt; instead of < if appropriate.");
         }
-        pending.FlushInto(element, frame.tail, reader);
         stack.pop_back();
     }
 }
