@@ -533,19 +533,36 @@ public:
         node->text.Borrow(copy, length);
         return node;
     }
-    // The key and the value are texts already kept in the arena; the pair's node and value
-    // object go there too, and the table only links them.
-    void SetAttribute(LHashTable& table, char* key, unsigned long keyLength, char* value,
-                      unsigned long valueLength) {
-        LStringLongTemplate<char> keyText;
-        keyText.Attach(key, keyLength, keyLength + 1);
-        auto* valueText = ::new (m_pArena->Allocate(sizeof(LStringLongTemplate<char>),
-                                                    alignof(LStringLongTemplate<char>)))
-            LStringLongTemplate<char>();
-        valueText->Attach(value, valueLength, valueLength + 1);
-        auto* node = ::new (m_pArena->Allocate(sizeof(LHashTable::Node), alignof(LHashTable::Node)))
-            LHashTable::Node(LStringLongKey(std::move(keyText)), valueText);
-        table.SetBorrowed(node);
+    // The key and the value are texts already kept in the arena. The pairs of one start tag
+    // are gathered, then handed to the element's table as one array placed in the arena.
+    void AddAttribute(const char* key, const char* value) { m_pairs.push_back({key, value}); }
+    void SetAttributes(LHashTable& table) {
+        if (m_pairs.empty()) {
+            return;
+        }
+        // In key order; of a key given twice, the last value stays.
+        auto less = [](const LHashTable::BorrowedPair& a, const LHashTable::BorrowedPair& b) {
+            return std::strcmp(a.pKey, b.pKey) < 0;
+        };
+        std::size_t count = m_pairs.size();
+        if (count > 1) {
+            std::stable_sort(m_pairs.begin(), m_pairs.end(), less);
+            count = 0;
+            for (std::size_t i = 0; i < m_pairs.size(); ++i) {
+                if (i + 1 < m_pairs.size() && !less(m_pairs[i], m_pairs[i + 1])) {
+                    continue;  // the next one has the same key
+                }
+                m_pairs[count++] = m_pairs[i];
+            }
+        }
+        using Pairs = LHashTable::BorrowedPairs;
+        using Pair = LHashTable::BorrowedPair;
+        static_assert(sizeof(Pairs) % alignof(Pair) == 0);
+        void* memory = m_pArena->Allocate(sizeof(Pairs) + count * sizeof(Pair), alignof(Pairs));
+        auto* pairs = ::new (memory) Pairs{count};
+        std::uninitialized_copy_n(m_pairs.data(), count, reinterpret_cast<Pair*>(pairs + 1));
+        m_pairs.clear();
+        table.SetBorrowed(pairs);
     }
 
     // An attribute value written in place at the free end of the arena as it is read, with
@@ -597,6 +614,7 @@ public:
 private:
     LXMLArena* m_pArena;
     unsigned long m_nElements = 0;
+    std::vector<LHashTable::BorrowedPair> m_pairs;  // of the start tag being read
 };
 
 namespace {
@@ -921,10 +939,13 @@ bool LXMLElement::ParseStartTag(char stop, Loader& loader, LXMLReader* reader) {
     char ownName[kNameSize];
     std::string ownValue;
     for (char c = stop;;) {
-        if (c == '>') {
-            return !empty && name[0] != '?';
-        }
-        if (c == 0) {
+        if (c == '>' || c == 0) {
+            if (reader != nullptr) {
+                reader->SetAttributes(attributes);
+            }
+            if (c == '>') {
+                return !empty && name[0] != '?';
+            }
             loader.SetError("Tag <%s> does not have a closing '>'", name.GetText());
             return false;
         }
@@ -949,8 +970,7 @@ bool LXMLElement::ParseStartTag(char stop, Loader& loader, LXMLReader* reader) {
                 c = XMLLoadAttribute(loader, value);
             }
             if (stored) {
-                const unsigned long length = value.size();
-                reader->SetAttribute(attributes, attributeName, nameLength, value.Keep(), length);
+                reader->AddAttribute(attributeName, value.Keep());
             }
         } else {
             ownValue.clear();
