@@ -142,6 +142,8 @@ public:
         m_tree.Clear();
     }
     bool IsEmpty() const { return m_pBorrowed == nullptr && m_tree.IsEmpty(); }
+    // True when the table has nodes of its own to free (false for borrowed pairs alone).
+    bool HasOwnedPairs() const { return !m_tree.IsEmpty(); }
     // Number of pairs (duplicates from LoadHTTPString included), walking the tree for owned ones.
     unsigned long GetSize() const {
         return m_pBorrowed != nullptr ? m_pBorrowed->nCount : m_tree.GetCount();

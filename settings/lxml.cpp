@@ -134,7 +134,7 @@ __attribute__((no_sanitize("address"))) const char* TakeQuotedRun(Loader& loader
 }
 #endif
 
-const char* TakeRun(Loader& loader, char quote, unsigned long& count) {
+const char* TakeLongerRun(Loader& loader, char quote, unsigned long& count) {
     if (quote == 0) {
         return TakeRunOf<kRunBare>(loader, count);
     }
@@ -146,16 +146,31 @@ const char* TakeRun(Loader& loader, char quote, unsigned long& count) {
 #endif
 }
 
+// Many runs are empty (a value's opening quote, the end of a tag), so that case is decided
+// here without the scan.
+inline const char* TakeRun(Loader& loader, char quote, unsigned long& count) {
+    const char* start = loader.m_pText + loader.m_nPosition;
+    const unsigned char mask = quote == 0 ? kRunBare : (quote == '"' ? kRunDouble : kRunSingle);
+    if ((kRunEnds[static_cast<unsigned char>(*start)] & mask) != 0) {
+        count = 0;
+        return start;
+    }
+    return TakeLongerRun(loader, quote, count);
+}
+
 // Copies a run of characters; the short runs that make up most of a document are moved in
 // two overlapping fixed-size steps instead of a call to memcpy.
 inline void CopyRun(char* to, const char* from, unsigned long n) {
-    if (n >= 8 && n <= 32) {
+    if (n >= 8 && n <= 64) {
         if (n <= 16) {
             std::memcpy(to, from, 8);
             std::memcpy(to + n - 8, from + n - 8, 8);
-        } else {
+        } else if (n <= 32) {
             std::memcpy(to, from, 16);
             std::memcpy(to + n - 16, from + n - 16, 16);
+        } else {
+            std::memcpy(to, from, 32);
+            std::memcpy(to + n - 32, from + n - 32, 32);
         }
     } else if (n < 8) {
         if (n >= 4) {
@@ -904,14 +919,14 @@ LXMLElement::~LXMLElement() {
         }
         LXMLElement* node = next;
         next = node->pNext;
-        if (LXMLElement* kids = node->children.Detach()) {
+        if (LXMLElement* kids = node->children.Head()) {
             if (next != nullptr) {
                 later.push_back(next);
             }
             next = kids;
         }
-        node->pNext = nullptr;
         if (node->m_pArena == nullptr) {
+            node->children.Detach();
             delete node;
             continue;
         }
@@ -922,7 +937,13 @@ LXMLElement::~LXMLElement() {
             arena = node->m_pArena;
             released = 0;
         }
-        node->~LXMLElement();
+        // An arena element that holds nothing of its own on the heap needs no destructor: its
+        // memory goes with the arena. Leaving it untouched spares writing to every element of
+        // a large tree just before it is freed.
+        if (node->name.IsOwned() || node->text.IsOwned() || node->attributes.HasOwnedPairs()) {
+            node->children.Detach();
+            node->~LXMLElement();
+        }
         ++released;
     }
     if (released != 0) {
