@@ -110,19 +110,24 @@ __attribute__((no_sanitize("address"))) const char* TakeQuotedRun(Loader& loader
     const __m128i cr = _mm_set1_epi8('\r');
     const __m128i lf = _mm_set1_epi8('\n');
     const __m128i zero = _mm_setzero_si128();
-    auto stops = [&](const __m128i* at) {
-        const __m128i v = _mm_load_si128(at);
+    unsigned long n = 0;
+    unsigned mask = 0;
+    for (;; ++block) {
+        const __m128i v = *block;  // read here, in the function the checker leaves alone
         const __m128i hit =
             _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, quotes), _mm_cmpeq_epi8(v, amp)),
                          _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, cr), _mm_cmpeq_epi8(v, lf)),
                                       _mm_cmpeq_epi8(v, zero)));
-        return static_cast<unsigned>(_mm_movemask_epi8(hit));
-    };
-    unsigned mask = stops(block) >> offset;
-    unsigned long n = 0;
-    if (mask == 0) {
-        n = 16 - offset;
-        while ((mask = stops(++block)) == 0) {
+        mask = static_cast<unsigned>(_mm_movemask_epi8(hit));
+        if (n == 0) {
+            mask >>= offset;  // the bytes before the run
+            if (mask != 0) {
+                break;
+            }
+            n = 16 - offset;
+        } else if (mask != 0) {
+            break;
+        } else {
             n += 16;
         }
     }
