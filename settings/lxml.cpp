@@ -217,6 +217,30 @@ void PutUTF8(uint32_t cp, Sink&& put) {
 // Expands the entity after '&' through put, one character at a time.
 template <typename Sink>
 void XMLAmpChar(Loader& loader, Sink&& put) {
+    // The named entities, as they nearly always come, are matched where they stand. Each test
+    // stops at the first character that differs, so none looks past the end of the text.
+    const char* p = loader.m_pText + loader.m_nPosition;
+    char named = 0;
+    int length = 0;
+    if (p[0] == 'a' && p[1] == 'm' && p[2] == 'p' && p[3] == ';') {
+        named = '&';
+        length = 4;
+    } else if ((p[0] == 'l' || p[0] == 'g') && p[1] == 't' && p[2] == ';') {
+        named = p[0] == 'l' ? '<' : '>';
+        length = 3;
+    } else if (p[0] == 'q' && p[1] == 'u' && p[2] == 'o' && p[3] == 't' && p[4] == ';') {
+        named = '"';
+        length = 5;
+    } else if (p[0] == 'a' && p[1] == 'p' && p[2] == 'o' && p[3] == 's' && p[4] == ';') {
+        named = '\'';
+        length = 5;
+    }
+    if (length != 0) {
+        loader.m_nPosition += static_cast<unsigned long>(length);
+        loader.m_nColumn += length;
+        put(named);
+        return;
+    }
     char entity[kEntityLimit + 1];
     int n = 0;
     // The first characters also gather in a register, so that the named entities are matched
@@ -580,7 +604,10 @@ public:
         static_assert(sizeof(Pairs) % alignof(Pair) == 0);
         void* memory = m_pArena->Allocate(sizeof(Pairs) + count * sizeof(Pair), alignof(Pairs));
         auto* pairs = ::new (memory) Pairs{count};
-        std::uninitialized_copy_n(m_pairs.data(), count, reinterpret_cast<Pair*>(pairs + 1));
+        auto* to = reinterpret_cast<Pair*>(pairs + 1);
+        for (std::size_t i = 0; i < count; ++i) {
+            ::new (to + i) Pair(m_pairs[i]);
+        }
         m_pairs.clear();
         table.SetBorrowed(pairs);
     }
@@ -991,12 +1018,14 @@ bool LXMLElement::ParseStartTag(char stop, Loader& loader, LXMLReader* reader) {
             if (stored) {
                 reader->KeepName(attributeName, nameLength);
             }
-            LXMLReader::Value value(*reader);
-            if (c == '=') {
-                c = XMLLoadAttribute(loader, value);
-            }
-            if (stored) {
-                reader->AddAttribute(attributeName, value.Keep());
+            if (stored || c == '=') {
+                LXMLReader::Value value(*reader);
+                if (c == '=') {
+                    c = XMLLoadAttribute(loader, value);
+                }
+                if (stored) {
+                    reader->AddAttribute(attributeName, value.Keep());
+                }
             }
         } else {
             ownValue.clear();
