@@ -387,14 +387,10 @@ inline char XMLLoadTag(Loader& loader, char* out, unsigned long& length) {
     return XMLLoadTagSlowly(loader, out, length);
 }
 
-// Reads an attribute value (unbounded) with the name rules, after one optional blank, into
-// out (a std::string, or a text written in place in a load's arena).
+// The rest of an attribute value, from inside the quote given (0: outside quotes), by the
+// name rules. Every character goes through the cursor one by one, apart from plain runs.
 template <typename Text>
-char XMLLoadAttribute(Loader& loader, Text& out) {
-    if (loader.PeekChar() == ' ') {
-        loader.GetChar();
-    }
-    char quote = 0;
+char XMLLoadAttributeFrom(Loader& loader, Text& out, char quote) {
     auto store = [&](char c) { out.push_back(c); };
     for (;;) {
         unsigned long count = 0;
@@ -425,6 +421,52 @@ char XMLLoadAttribute(Loader& loader, Text& out) {
             out.push_back(c);
         }
     }
+}
+
+// Reads an attribute value (unbounded) with the name rules, after one optional blank, into
+// out (a std::string, or a text written in place in a load's arena). The usual value, one
+// quoted text of plain runs and entities followed by a stop other than a line end, is read
+// here with the cursor moved directly (none of its characters is a line end); anything else
+// carries on in the general loop from where this stopped, in the same quoting state.
+template <typename Text>
+char XMLLoadAttribute(Loader& loader, Text& out) {
+    if (loader.PeekChar() == ' ') {
+        loader.GetChar();
+    }
+    const char quote = loader.PeekChar();
+    if (quote != '"' && quote != '\'') {
+        return XMLLoadAttributeFrom(loader, out, 0);
+    }
+    auto step = [&loader] {
+        ++loader.m_nPosition;
+        ++loader.m_nColumn;
+    };
+    auto store = [&](char c) { out.push_back(c); };
+    step();  // the opening quote
+    for (;;) {
+        unsigned long count = 0;
+        const char* run = TakeRun(loader, quote, count);
+        out.append(run, count);
+        const char c = loader.PeekChar();
+        if (c == quote) {
+            step();
+            break;
+        }
+        if (c != '&') {
+            return XMLLoadAttributeFrom(loader, out, quote);  // a line end or the end
+        }
+        step();
+        XMLAmpChar(loader, store);
+    }
+    const char c = loader.PeekChar();
+    if (c == '/' || c == '=' || c == '>' || c == ' ' || c == '\t') {
+        step();
+        if (c == '>' && !out.empty() && out.back() == '?') {
+            out.pop_back();
+        }
+        return c;
+    }
+    return XMLLoadAttributeFrom(loader, out, 0);
 }
 
 // Leading characters 1..31 and trailing characters below 32 go; blanks stay, so that
