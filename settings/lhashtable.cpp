@@ -93,7 +93,20 @@ void LHashTable::Iterator::SetData(const char* value) {
 }
 
 const char* LHashTable::ConstIterator::GetData() const {
+    if (m_pPair != nullptr) {
+        return m_pPair->pValue;
+    }
     return m_pNode->m_pValue != nullptr ? m_pNode->m_pValue->GetText() : "";
+}
+
+const LHashTable::Node* LHashTable::ConstIterator::GetNode() const {
+    if (m_pPair != nullptr) {
+        const char* key = m_pPair->pKey;
+        m_pPair = nullptr;
+        m_rTable.Own();
+        m_pNode = m_rTable.FindNode(key);
+    }
+    return m_pNode;
 }
 
 // ---- Whole table ----
@@ -127,38 +140,30 @@ void LHashTableCopy(LHashTable& dest, const LHashTable& src) {
 
 // ---- Setting ----
 
-void LHashTable::SetBorrowed(Node* node) {
-    if (m_tree.IsEmpty()) {
-        m_tree.Insert(node);
-        m_bBorrowed = true;
+void LHashTable::SetBorrowed(const BorrowedPairs* pairs) {
+    if (pairs == nullptr || pairs->nCount == 0) {
         return;
     }
-    if (!m_bBorrowed) {
-        SetString(node->m_key.GetText(), ValueText(node, ""));
+    if (IsEmpty()) {
+        m_pBorrowed = pairs;
         return;
     }
-    if (Node* existing = FindNode(node->m_key.GetText())) {
-        existing->m_pValue = node->m_pValue;
-        return;
+    for (const BorrowedPair* pair = pairs->Begin(); pair != pairs->End(); ++pair) {
+        SetString(pair->pKey, pair->pValue);
     }
-    m_tree.Insert(node);
-    m_bBorrowed = true;
 }
 
-void LHashTable::Own() {
-    if (!m_bBorrowed) {
+void LHashTable::Own() const {
+    const BorrowedPairs* pairs = m_pBorrowed;
+    if (pairs == nullptr) {
         return;
     }
-    // The borrowed nodes stay linked to each other and in memory after Forget, so they can be
-    // walked while their pairs are copied.
-    m_bBorrowed = false;
-    Node* root = m_tree.Forget();
-    Node* x = root;
-    while (x != nullptr && x->m_pLeft != nullptr) {
-        x = x->m_pLeft;
-    }
-    for (; x != nullptr; x = Tree::Next(x)) {
-        SetString(x->m_key.GetText(), ValueText(x, ""));
+    m_pBorrowed = nullptr;
+    // In ascending order with no key twice: each pair goes in as SetString would enter it.
+    for (const BorrowedPair* pair = pairs->Begin(); pair != pairs->End(); ++pair) {
+        auto text = std::make_unique<LStringLongTemplate<char>>(pair->pValue);
+        m_tree.Insert(new Node(LStringLongKey(pair->pKey), text.get()));
+        text.release();  // owned by the node now
     }
 }
 
@@ -223,8 +228,36 @@ const char* LHashTable::ValueText(const Node* node, const char* defaultValue) co
     return node->m_pValue->GetText();
 }
 
+const LHashTable::BorrowedPair* LHashTable::FindBorrowed(const char* key) const {
+    const char* probe = key != nullptr ? key : "";
+    const BorrowedPair* low = m_pBorrowed->Begin();
+    const BorrowedPair* high = m_pBorrowed->End();
+    while (low < high) {
+        const BorrowedPair* middle = low + (high - low) / 2;
+        const int c = std::strcmp(middle->pKey, probe);
+        if (c == 0) {
+            return middle;
+        }
+        if (c < 0) {
+            low = middle + 1;
+        } else {
+            high = middle;
+        }
+    }
+    return nullptr;
+}
+
+const char* LHashTable::FindValue(const char* key) const {
+    if (m_pBorrowed != nullptr) {
+        const BorrowedPair* pair = FindBorrowed(key);
+        return pair != nullptr ? pair->pValue : nullptr;
+    }
+    return ValueText(FindNode(key), nullptr);
+}
+
 const char* LHashTable::GetParm(const char* key, const char* defaultValue) const {
-    return ValueText(FindNode(key), defaultValue);
+    const char* value = FindValue(key);
+    return value != nullptr ? value : defaultValue;
 }
 
 char* LHashTable::GetString(const char* key, const char* defaultValue, char* dest) const {
@@ -235,6 +268,11 @@ char* LHashTable::GetString(const char* key, const char* defaultValue, char* des
 
 void LHashTable::GetString(const char* key, const char* defaultValue,
                            LStringLongTemplate<char>& dest) const {
+    if (m_pBorrowed != nullptr) {
+        const BorrowedPair* pair = FindBorrowed(key);
+        dest.Assign(pair != nullptr ? pair->pValue : defaultValue);
+        return;
+    }
     const Node* node = FindNode(key);
     if (node == nullptr || node->m_pValue == nullptr) {
         dest.Assign(defaultValue);
@@ -305,8 +343,7 @@ bool LHashTable::GetBool(const char* key, bool defaultValue) const {
 }
 
 bool LHashTable::TestFieldExists(const char* key) const {
-    const Node* node = FindNode(key);
-    return node != nullptr && node->m_pValue != nullptr;
+    return FindValue(key) != nullptr;
 }
 
 // ---- Removing ----

@@ -13,10 +13,12 @@
 // A table is used by one thread at a time.
 //
 // Borrowed pairs: a builder that keeps many small tables in memory of its own (the XML reader
-// keeps every parsed element in one arena) enters pairs with SetBorrowed, so that filling and
-// freeing such a table costs no allocation. The table never frees or changes a borrowed node:
-// the first change through any other member copies every pair into owned nodes first. Texts
-// returned before that copy stay readable, because the borrowed memory outlives the table.
+// keeps every parsed element in one arena) hands a table its pairs with SetBorrowed, as one
+// array sorted by key, so that filling and freeing such a table costs no allocation and no
+// tree node. The table never frees or changes borrowed memory: reading works on the array as
+// it is, and the first change through any other member (or a look at the tree itself) makes
+// owned nodes of every pair first. Texts returned before that stay readable, because the
+// borrowed memory outlives the table.
 #pragma once
 
 #include <cstring>
@@ -76,25 +78,57 @@ public:
         Node* m_pNode;
     };
 
+    // One pair of a borrowed array: terminated texts that outlive the table.
+    struct BorrowedPair {
+        const char* pKey;
+        const char* pValue;
+    };
+    // The array handed to SetBorrowed: this header, then nCount pairs in ascending strcmp order
+    // of their keys, no key twice.
+    struct BorrowedPairs {
+        unsigned long nCount;
+        const BorrowedPair* Begin() const {
+            return reinterpret_cast<const BorrowedPair*>(this + 1);
+        }
+        const BorrowedPair* End() const { return Begin() + nCount; }
+    };
+
+    // Walks the pairs in ascending key order without changing the table; borrowed pairs are
+    // read where they are.
     class ConstIterator {
     public:
         explicit ConstIterator(const LHashTable& table)
-            : m_rTable(table), m_pNode(table.m_tree.First()) {}
-        bool IsValid() const { return m_pNode != nullptr; }
+            : m_rTable(table), m_pNode(table.m_tree.First()) {
+            if (table.m_pBorrowed != nullptr) {
+                m_pPair = table.m_pBorrowed->Begin();
+                m_pPairEnd = table.m_pBorrowed->End();
+            }
+        }
+        bool IsValid() const { return m_pNode != nullptr || m_pPair != nullptr; }
         explicit operator bool() const { return IsValid(); }
         ConstIterator& operator++() {
-            m_pNode = Tree::Next(m_pNode);
+            if (m_pPair != nullptr) {
+                m_pPair = m_pPair + 1 != m_pPairEnd ? m_pPair + 1 : nullptr;
+            } else {
+                m_pNode = Tree::Next(m_pNode);
+            }
             return *this;
         }
         void Next() { ++*this; }
-        const char* GetParm() const { return m_pNode->m_key.GetText(); }
+        const char* GetParm() const {
+            return m_pPair != nullptr ? m_pPair->pKey : m_pNode->m_key.GetText();
+        }
         const char* GetData() const;
-        const Node* GetNode() const { return m_pNode; }
+        // Over a borrowed pair, the table makes its nodes first (see GetTree) and the walk goes
+        // on over them.
+        const Node* GetNode() const;
         const LHashTable& GetTable() const { return m_rTable; }
 
     private:
         const LHashTable& m_rTable;
-        Node* m_pNode;
+        mutable Node* m_pNode;
+        mutable const BorrowedPair* m_pPair = nullptr;
+        const BorrowedPair* m_pPairEnd = nullptr;
     };
 
     LHashTable() = default;
@@ -104,15 +138,16 @@ public:
     ~LHashTable() { Clear(); }
 
     void Clear() {
-        if (m_bBorrowed) {
-            m_tree.Forget();
-            m_bBorrowed = false;
-        }
+        m_pBorrowed = nullptr;
         m_tree.Clear();
     }
-    bool IsEmpty() const { return m_tree.IsEmpty(); }
-    // Number of nodes (duplicates from LoadHTTPString included), by walking the tree.
-    unsigned long GetSize() const { return m_tree.GetCount(); }
+    bool IsEmpty() const { return m_pBorrowed == nullptr && m_tree.IsEmpty(); }
+    // True when the table has nodes of its own to free (false for borrowed pairs alone).
+    bool HasOwnedPairs() const { return !m_tree.IsEmpty(); }
+    // Number of pairs (duplicates from LoadHTTPString included), walking the tree for owned ones.
+    unsigned long GetSize() const {
+        return m_pBorrowed != nullptr ? m_pBorrowed->nCount : m_tree.GetCount();
+    }
 
     // ---- Setting ----
     // Overwrites the value of an existing key, else inserts a new pair.
@@ -150,10 +185,9 @@ public:
     bool TestFieldExists(const char* key) const;
     bool TestExists(const char* key) const { return TestFieldExists(key); }
 
-    // Enters a node whose key, value object and texts live in memory that outlives the table;
-    // the table only links it. An existing equal key takes the node's value instead. A table
-    // that already owns pairs copies the pair into an owned node instead.
-    void SetBorrowed(Node* node);
+    // Gives an empty table the pairs of an array that outlives it (see BorrowedPairs), without
+    // copying them. A table that already holds pairs enters each one with SetString instead.
+    void SetBorrowed(const BorrowedPairs* pairs);
 
     // ---- Removing ----
     void DeleteField(const char* key);
@@ -180,18 +214,26 @@ public:
     // so one save of the file, per pair).
     void SaveDatFile(LDatFile& file, const char* section) const;
 
-    // The tree itself, for inspection.
-    const Tree& GetTree() const { return m_tree; }
+    // The tree itself, for inspection. Borrowed pairs are made owned nodes first.
+    const Tree& GetTree() const {
+        Own();
+        return m_tree;
+    }
 
 private:
     Node* FindNode(const char* key) const { return m_tree.Find(key); }
+    // The borrowed pair with that key, or null; only while pairs are borrowed.
+    const BorrowedPair* FindBorrowed(const char* key) const;
+    // The value text of the key's pair, or null when it is absent or has no value object.
+    const char* FindValue(const char* key) const;
     const char* ValueText(const Node* node, const char* defaultValue) const;
     void CopyFrom(const LHashTable& other);
-    // Replaces borrowed nodes by owned copies, before any change.
-    void Own();
+    // Replaces borrowed pairs by owned nodes, before any change. The pairs are the same either
+    // way, so to the table's user this changes nothing; hence const, over mutable fields.
+    void Own() const;
 
-    Tree m_tree;
-    bool m_bBorrowed = false;  // every node is borrowed
+    mutable Tree m_tree;
+    mutable const BorrowedPairs* m_pBorrowed = nullptr;  // set: the tree is empty
 };
 
 // Enters every pair of src into dest with SetString: equal keys are overwritten, the other

@@ -12,6 +12,9 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -20,7 +23,6 @@
 #include "debug/lmemory.h"
 #include "file/lfile.h"
 #include "file/lfile_text.h"
-#include "settings/lxml_platform.h"
 #include "thread/lprocess_interface.h"
 
 namespace {
@@ -61,23 +63,132 @@ constexpr std::array<unsigned char, 256> kRunEnds = [] {
     return table;
 }();
 
-unsigned char RunMask(char quote) {
-    return quote == 0 ? kRunBare : (quote == '"' ? kRunDouble : kRunSingle);
-}
-
 // Consumes the plain characters ahead for the quoting state; returns where they start and
 // sets their number. Nothing here tests for cancelling: name and value reading never did.
-const char* TakeRun(Loader& loader, unsigned char mask, unsigned long& count) {
+// Every stop set holds NUL, so a character is only looked at once the one before it was
+// plain, and the scan never passes the end of the text.
+template <unsigned char Mask>
+const char* TakeRunOf(Loader& loader, unsigned long& count) {
     const char* start = loader.m_pText + loader.m_nPosition;
     const auto* p = reinterpret_cast<const unsigned char*>(start);
     unsigned long n = 0;
-    while ((kRunEnds[p[n]] & mask) == 0) {
-        ++n;
+    for (;; n += 4) {
+        if ((kRunEnds[p[n]] & Mask) != 0) {
+            break;
+        }
+        if ((kRunEnds[p[n + 1]] & Mask) != 0) {
+            n += 1;
+            break;
+        }
+        if ((kRunEnds[p[n + 2]] & Mask) != 0) {
+            n += 2;
+            break;
+        }
+        if ((kRunEnds[p[n + 3]] & Mask) != 0) {
+            n += 3;
+            break;
+        }
     }
     loader.m_nPosition += n;
     loader.m_nColumn += static_cast<int>(n);
     count = n;
     return start;
+}
+
+#if defined(__SSE2__)
+// Quoted runs (attribute values, the longest runs in a settings file) are scanned sixteen
+// characters at a time for the five characters that end them. The loads are aligned, so none
+// reaches into another page: bytes before the run or past the text's NUL may be read but never
+// count, which is why the address checker is told to leave this function alone.
+__attribute__((no_sanitize("address"))) const char* TakeQuotedRun(Loader& loader, char quote,
+                                                                  unsigned long& count) {
+    const char* start = loader.m_pText + loader.m_nPosition;
+    const auto offset = reinterpret_cast<std::uintptr_t>(start) & 15;
+    const auto* block = reinterpret_cast<const __m128i*>(start - offset);
+    const __m128i quotes = _mm_set1_epi8(quote);
+    const __m128i amp = _mm_set1_epi8('&');
+    const __m128i cr = _mm_set1_epi8('\r');
+    const __m128i lf = _mm_set1_epi8('\n');
+    const __m128i zero = _mm_setzero_si128();
+    unsigned long n = 0;
+    unsigned mask = 0;
+    for (;; ++block) {
+        const __m128i v = *block;  // read here, in the function the checker leaves alone
+        const __m128i hit =
+            _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, quotes), _mm_cmpeq_epi8(v, amp)),
+                         _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, cr), _mm_cmpeq_epi8(v, lf)),
+                                      _mm_cmpeq_epi8(v, zero)));
+        mask = static_cast<unsigned>(_mm_movemask_epi8(hit));
+        if (n == 0) {
+            mask >>= offset;  // the bytes before the run
+            if (mask != 0) {
+                break;
+            }
+            n = 16 - offset;
+        } else if (mask != 0) {
+            break;
+        } else {
+            n += 16;
+        }
+    }
+    n += static_cast<unsigned long>(__builtin_ctz(mask));
+    loader.m_nPosition += n;
+    loader.m_nColumn += static_cast<int>(n);
+    count = n;
+    return start;
+}
+#endif
+
+const char* TakeLongerRun(Loader& loader, char quote, unsigned long& count) {
+    if (quote == 0) {
+        return TakeRunOf<kRunBare>(loader, count);
+    }
+#if defined(__SSE2__)
+    return TakeQuotedRun(loader, quote, count);
+#else
+    return quote == '"' ? TakeRunOf<kRunDouble>(loader, count)
+                        : TakeRunOf<kRunSingle>(loader, count);
+#endif
+}
+
+// Many runs are empty (a value's opening quote, the end of a tag), so that case is decided
+// here without the scan.
+inline const char* TakeRun(Loader& loader, char quote, unsigned long& count) {
+    const char* start = loader.m_pText + loader.m_nPosition;
+    const unsigned char mask = quote == 0 ? kRunBare : (quote == '"' ? kRunDouble : kRunSingle);
+    if ((kRunEnds[static_cast<unsigned char>(*start)] & mask) != 0) {
+        count = 0;
+        return start;
+    }
+    return TakeLongerRun(loader, quote, count);
+}
+
+// Copies a run of characters; the short runs that make up most of a document are moved in
+// two overlapping fixed-size steps instead of a call to memcpy.
+inline void CopyRun(char* to, const char* from, unsigned long n) {
+    if (n >= 8 && n <= 64) {
+        if (n <= 16) {
+            std::memcpy(to, from, 8);
+            std::memcpy(to + n - 8, from + n - 8, 8);
+        } else if (n <= 32) {
+            std::memcpy(to, from, 16);
+            std::memcpy(to + n - 16, from + n - 16, 16);
+        } else {
+            std::memcpy(to, from, 32);
+            std::memcpy(to + n - 32, from + n - 32, 32);
+        }
+    } else if (n < 8) {
+        if (n >= 4) {
+            std::memcpy(to, from, 4);
+            std::memcpy(to + n - 4, from + n - 4, 4);
+        } else {
+            for (unsigned long i = 0; i < n; ++i) {
+                to[i] = from[i];
+            }
+        }
+    } else {
+        std::memcpy(to, from, n);
+    }
 }
 
 // Code point 0 and values beyond the Unicode range have no UTF-8 form and give nothing.
@@ -106,6 +217,30 @@ void PutUTF8(uint32_t cp, Sink&& put) {
 // Expands the entity after '&' through put, one character at a time.
 template <typename Sink>
 void XMLAmpChar(Loader& loader, Sink&& put) {
+    // The named entities, as they nearly always come, are matched where they stand. Each test
+    // stops at the first character that differs, so none looks past the end of the text.
+    const char* p = loader.m_pText + loader.m_nPosition;
+    char named = 0;
+    int length = 0;
+    if (p[0] == 'a' && p[1] == 'm' && p[2] == 'p' && p[3] == ';') {
+        named = '&';
+        length = 4;
+    } else if ((p[0] == 'l' || p[0] == 'g') && p[1] == 't' && p[2] == ';') {
+        named = p[0] == 'l' ? '<' : '>';
+        length = 3;
+    } else if (p[0] == 'q' && p[1] == 'u' && p[2] == 'o' && p[3] == 't' && p[4] == ';') {
+        named = '"';
+        length = 5;
+    } else if (p[0] == 'a' && p[1] == 'p' && p[2] == 'o' && p[3] == 's' && p[4] == ';') {
+        named = '\'';
+        length = 5;
+    }
+    if (length != 0) {
+        loader.m_nPosition += static_cast<unsigned long>(length);
+        loader.m_nColumn += length;
+        put(named);
+        return;
+    }
     char entity[kEntityLimit + 1];
     int n = 0;
     // The first characters also gather in a register, so that the named entities are matched
@@ -173,7 +308,7 @@ void XMLAmpChar(Loader& loader, Sink&& put) {
 // Reads a tag or attribute name into a 260-byte buffer (259 characters kept) and returns
 // the character that ended it. The three special openings stop as soon as they are
 // complete, leaving the next character unread so that it becomes part of the node's text.
-char XMLLoadTag(Loader& loader, char* out, unsigned long& length) {
+char XMLLoadTagSlowly(Loader& loader, char* out, unsigned long& length) {
     unsigned long& n = length;
     n = 0;
     char quote = 0;
@@ -193,9 +328,9 @@ char XMLLoadTag(Loader& loader, char* out, unsigned long& length) {
         // 3rd and 8th characters of a name beginning with '!' are stored).
         if (n >= 8 || (n > 0 ? out[0] != '!' : loader.PeekChar() != '!')) {
             unsigned long count = 0;
-            const char* run = TakeRun(loader, RunMask(quote), count);
+            const char* run = TakeRun(loader, quote, count);
             const unsigned long keep = std::min(count, kNameSize - 1 - n);
-            std::memcpy(out + n, run, keep);
+            CopyRun(out + n, run, keep);
             n += keep;
         }
         const char c = loader.GetChar();
@@ -227,16 +362,39 @@ char XMLLoadTag(Loader& loader, char* out, unsigned long& length) {
     }
 }
 
-// Reads an attribute value (unbounded) with the name rules, after one optional blank.
-char XMLLoadAttribute(Loader& loader, std::string& out) {
-    if (loader.PeekChar() == ' ') {
-        loader.GetChar();
+// Most names are a run of plain characters ended by a stop that is not a line end; they are
+// taken here in one step, with the cursor moved as reading them one by one would move it.
+// Anything else (a name starting with '!', quotes, entities, a line end, a name cut at 259
+// characters) goes the long way.
+inline char XMLLoadTag(Loader& loader, char* out, unsigned long& length) {
+    const char* text = loader.m_pText + loader.m_nPosition;
+    if (*text != '!') {
+        const auto* p = reinterpret_cast<const unsigned char*>(text);
+        unsigned long n = 0;
+        while ((kRunEnds[p[n]] & kRunBare) == 0) {
+            ++n;
+        }
+        const char c = text[n];
+        if (n < kNameSize && (c == '/' || c == '=' || c == '>' || c == ' ' || c == '\t')) {
+            CopyRun(out, text, n);
+            out[n] = 0;
+            length = n;
+            loader.m_nPosition += n + 1;
+            loader.m_nColumn += static_cast<int>(n + 1);
+            return c;
+        }
     }
-    char quote = 0;
+    return XMLLoadTagSlowly(loader, out, length);
+}
+
+// The rest of an attribute value, from inside the quote given (0: outside quotes), by the
+// name rules. Every character goes through the cursor one by one, apart from plain runs.
+template <typename Text>
+char XMLLoadAttributeFrom(Loader& loader, Text& out, char quote) {
     auto store = [&](char c) { out.push_back(c); };
     for (;;) {
         unsigned long count = 0;
-        const char* run = TakeRun(loader, RunMask(quote), count);
+        const char* run = TakeRun(loader, quote, count);
         out.append(run, count);
         const char c = loader.GetChar();
         if (c == 0) {
@@ -248,6 +406,10 @@ char XMLLoadAttribute(Loader& loader, std::string& out) {
                 continue;
             }
         } else if (IsNameStop(c)) {
+            // "?>" closes a declaration: its '?' is not part of the last value.
+            if (c == '>' && !out.empty() && out.back() == '?') {
+                out.pop_back();
+            }
             return c;
         } else if (c == '"' || c == '\'') {
             quote = c;
@@ -259,6 +421,52 @@ char XMLLoadAttribute(Loader& loader, std::string& out) {
             out.push_back(c);
         }
     }
+}
+
+// Reads an attribute value (unbounded) with the name rules, after one optional blank, into
+// out (a std::string, or a text written in place in a load's arena). The usual value, one
+// quoted text of plain runs and entities followed by a stop other than a line end, is read
+// here with the cursor moved directly (none of its characters is a line end); anything else
+// carries on in the general loop from where this stopped, in the same quoting state.
+template <typename Text>
+char XMLLoadAttribute(Loader& loader, Text& out) {
+    if (loader.PeekChar() == ' ') {
+        loader.GetChar();
+    }
+    const char quote = loader.PeekChar();
+    if (quote != '"' && quote != '\'') {
+        return XMLLoadAttributeFrom(loader, out, 0);
+    }
+    auto step = [&loader] {
+        ++loader.m_nPosition;
+        ++loader.m_nColumn;
+    };
+    auto store = [&](char c) { out.push_back(c); };
+    step();  // the opening quote
+    for (;;) {
+        unsigned long count = 0;
+        const char* run = TakeRun(loader, quote, count);
+        out.append(run, count);
+        const char c = loader.PeekChar();
+        if (c == quote) {
+            step();
+            break;
+        }
+        if (c != '&') {
+            return XMLLoadAttributeFrom(loader, out, quote);  // a line end or the end
+        }
+        step();
+        XMLAmpChar(loader, store);
+    }
+    const char c = loader.PeekChar();
+    if (c == '/' || c == '=' || c == '>' || c == ' ' || c == '\t') {
+        step();
+        if (c == '>' && !out.empty() && out.back() == '?') {
+            out.pop_back();
+        }
+        return c;
+    }
+    return XMLLoadAttributeFrom(loader, out, 0);
 }
 
 // Leading characters 1..31 and trailing characters below 32 go; blanks stay, so that
@@ -278,12 +486,15 @@ void TrimFormattingRange(const char* data, unsigned long& begin, unsigned long& 
 
 // ---- Arena ----
 
-// Bump allocation in blocks that grow from 4 KB to 1 MB; once a load has taken 4 MB, in
-// large regions of huge pages instead (see lxml_platform.h). Nothing placed here is freed on
+// Bump allocation in heap blocks that grow from 4 KB to 1 MB. Nothing placed here is freed on
 // its own. Every element placed here holds one reference, and the reader that fills the arena
 // holds one while it reads; the arena frees its blocks and itself with the last reference.
 // References may go from any thread, so the count is atomic; it moves once per load and once
 // per freed run of elements, not once per element.
+//
+// The blocks come from the heap rather than from fresh mappings: memory the heap already holds
+// is reused as it is, while a fresh mapping costs a page fault and the zeroing of every page
+// the load then overwrites anyway.
 class LXMLArena {
 public:
     LXMLArena() = default;
@@ -302,10 +513,28 @@ public:
     // A terminated copy of the text.
     char* CopyText(const char* text, unsigned long length) {
         char* copy = static_cast<char*>(Allocate(length + 1, 1));
-        std::memcpy(copy, text, length);
+        CopyRun(copy, text, length);
         copy[length] = 0;
         return copy;
     }
+
+    // Text of a length not known in advance is written in place, at the free end of the
+    // current block: Open gives room for at least `room` bytes there without taking them,
+    // Reopen moves the `used` bytes written so far to a block with `room` more, and Close takes
+    // everything up to `end`.
+    char* Open(std::size_t room) {
+        if (m_pNext == nullptr || static_cast<std::size_t>(m_pEnd - m_pNext) < room) {
+            NewBlock(room);
+        }
+        return m_pNext;
+    }
+    char* Reopen(const char* start, std::size_t used, std::size_t room) {
+        NewBlock(std::max(2 * used, used + room));
+        std::memcpy(m_pNext, start, used);
+        return m_pNext;
+    }
+    char* OpenEnd() const { return m_pEnd; }
+    void Close(char* end) { m_pNext = end; }
 
     void AddReferences(unsigned long count) {
         m_nReferences.fetch_add(count, std::memory_order_relaxed);
@@ -319,12 +548,9 @@ public:
 private:
     struct Block {
         Block* pNext;
-        std::size_t nMapped;  // the size of a large region; 0 for a heap block
     };
     static constexpr std::size_t kFirstBlock = 4096;
-    static constexpr std::size_t kLargestHeapBlock = 1 << 20;
-    static constexpr std::size_t kLargeAfter = 4 << 20;
-    static constexpr std::size_t kLargeBlock = 16 * kLXMLLargeBlockUnit;
+    static constexpr std::size_t kLargestBlock = 1 << 20;
 
     static std::uintptr_t Align(const char* p, std::size_t alignment) {
         return (reinterpret_cast<std::uintptr_t>(p) + alignment - 1) & ~(alignment - 1);
@@ -334,43 +560,23 @@ private:
         while (m_pBlocks != nullptr) {
             Block* block = m_pBlocks;
             m_pBlocks = block->pNext;
-            if (block->nMapped != 0) {
-                _LXMLUnmapLargeBlock(block, block->nMapped);
-            } else {
-                ::operator delete(block);
-            }
+            ::operator delete(block);
         }
     }
     void NewBlock(std::size_t needed) {
-        needed += sizeof(Block);
-        Block* block = nullptr;
-        std::size_t size = 0;
-        if (m_nTaken >= kLargeAfter) {
-            size = std::max(kLargeBlock,
-                            (needed + kLXMLLargeBlockUnit - 1) & ~(kLXMLLargeBlockUnit - 1));
-            block = static_cast<Block*>(_LXMLMapLargeBlock(size));
-            if (block != nullptr) {
-                block->nMapped = size;
-            }
-        }
-        if (block == nullptr) {
-            size = std::max(m_nBlockSize, needed);
-            block = static_cast<Block*>(::operator new(size));
-            block->nMapped = 0;
-            m_nBlockSize = std::min(2 * m_nBlockSize, kLargestHeapBlock);
-        }
+        const std::size_t size = std::max(m_nBlockSize, needed + sizeof(Block));
+        auto* block = static_cast<Block*>(::operator new(size));
+        m_nBlockSize = std::min(2 * m_nBlockSize, kLargestBlock);
         block->pNext = m_pBlocks;
         m_pBlocks = block;
         m_pNext = reinterpret_cast<char*>(block + 1);
         m_pEnd = reinterpret_cast<char*>(block) + size;
-        m_nTaken += size;
     }
 
     Block* m_pBlocks = nullptr;
     char* m_pNext = nullptr;
     char* m_pEnd = nullptr;
     std::size_t m_nBlockSize = kFirstBlock;
-    std::size_t m_nTaken = 0;
     std::atomic<unsigned long> m_nReferences{1};
 };
 
@@ -389,17 +595,21 @@ public:
         m_pArena->Release(1);
     }
 
-    // A named element, or a text node when name is null.
+    // Room at the free end of the arena for a name of up to 259 characters and its NUL, read
+    // in place; KeepName takes it, and a name not kept is written over by what comes next.
+    char* OpenName() { return m_pArena->Open(kNameSize); }
+    void KeepName(char* name, unsigned long length) { m_pArena->Close(name + length + 1); }
+
+    // A named element, or a text node when name is null. The name is one just kept: placed
+    // before the element, so that once placed the element counts as a reference to give back.
     LXMLElement* NewElement(const char* name, unsigned long length, bool preserve) {
-        // The name first: once placed, the element counts as a reference to be given back.
-        const char* copy = name != nullptr ? m_pArena->CopyText(name, length) : nullptr;
         auto* element =
             ::new (m_pArena->Allocate(sizeof(LXMLElement), alignof(LXMLElement))) LXMLElement();
         element->m_pArena = m_pArena;
         ++m_nElements;
         element->bPreserveSpace = preserve;
-        if (copy != nullptr) {
-            element->name.Borrow(copy, length);
+        if (name != nullptr) {
+            element->name.Borrow(name, length);
         }
         return element;
     }
@@ -409,25 +619,91 @@ public:
         node->text.Borrow(copy, length);
         return node;
     }
-    // The pair's node, value object and texts all go to the arena; the table only links them.
-    void SetAttribute(LHashTable& table, const char* key, unsigned long keyLength,
-                      const char* value, unsigned long valueLength) {
-        LStringLongTemplate<char> keyText;
-        keyText.Attach(m_pArena->CopyText(key, keyLength), keyLength, keyLength + 1);
-        auto* valueText = ::new (m_pArena->Allocate(sizeof(LStringLongTemplate<char>),
-                                                    alignof(LStringLongTemplate<char>)))
-            LStringLongTemplate<char>();
-        valueText->Attach(m_pArena->CopyText(value, valueLength), valueLength, valueLength + 1);
-        auto* node = ::new (m_pArena->Allocate(sizeof(LHashTable::Node), alignof(LHashTable::Node)))
-            LHashTable::Node(LStringLongKey(std::move(keyText)), valueText);
-        table.SetBorrowed(node);
+    // The key and the value are texts already kept in the arena. The pairs of one start tag
+    // are gathered, then handed to the element's table as one array placed in the arena.
+    void AddAttribute(const char* key, const char* value) { m_pairs.push_back({key, value}); }
+    void SetAttributes(LHashTable& table) {
+        if (m_pairs.empty()) {
+            return;
+        }
+        // In key order; of a key given twice, the last value stays.
+        auto less = [](const LHashTable::BorrowedPair& a, const LHashTable::BorrowedPair& b) {
+            return std::strcmp(a.pKey, b.pKey) < 0;
+        };
+        std::size_t count = m_pairs.size();
+        if (count > 1) {
+            std::stable_sort(m_pairs.begin(), m_pairs.end(), less);
+            count = 0;
+            for (std::size_t i = 0; i < m_pairs.size(); ++i) {
+                if (i + 1 < m_pairs.size() && !less(m_pairs[i], m_pairs[i + 1])) {
+                    continue;  // the next one has the same key
+                }
+                m_pairs[count++] = m_pairs[i];
+            }
+        }
+        using Pairs = LHashTable::BorrowedPairs;
+        using Pair = LHashTable::BorrowedPair;
+        static_assert(sizeof(Pairs) % alignof(Pair) == 0);
+        void* memory = m_pArena->Allocate(sizeof(Pairs) + count * sizeof(Pair), alignof(Pairs));
+        auto* pairs = ::new (memory) Pairs{count};
+        auto* to = reinterpret_cast<Pair*>(pairs + 1);
+        for (std::size_t i = 0; i < count; ++i) {
+            ::new (to + i) Pair(m_pairs[i]);
+        }
+        m_pairs.clear();
+        table.SetBorrowed(pairs);
     }
 
-    std::string m_value;  // the attribute value being read, reused
+    // An attribute value written in place at the free end of the arena as it is read, with
+    // the few members of std::string that XMLLoadAttribute uses.
+    class Value {
+    public:
+        explicit Value(LXMLReader& reader)
+            : m_rArena(*reader.m_pArena),
+              m_pStart(m_rArena.Open(kValueRoom)),
+              m_pEnd(m_pStart),
+              m_pLimit(m_rArena.OpenEnd()) {}
+        void append(const char* text, unsigned long count) {
+            Room(count);
+            CopyRun(m_pEnd, text, count);
+            m_pEnd += count;
+        }
+        void push_back(char c) {
+            Room(1);
+            *m_pEnd++ = c;
+        }
+        bool empty() const { return m_pEnd == m_pStart; }
+        char back() const { return m_pEnd[-1]; }
+        void pop_back() { --m_pEnd; }
+        unsigned long size() const { return static_cast<unsigned long>(m_pEnd - m_pStart); }
+        // Terminates the text and takes it from the arena.
+        char* Keep() {
+            *m_pEnd = 0;  // Room always leaves one byte spare
+            m_rArena.Close(m_pEnd + 1);
+            return m_pStart;
+        }
+
+    private:
+        static constexpr std::size_t kValueRoom = 128;
+        void Room(unsigned long count) {
+            if (static_cast<unsigned long>(m_pLimit - m_pEnd) <= count) {
+                const std::size_t used = size();
+                m_pStart = m_rArena.Reopen(m_pStart, used, count + 1);
+                m_pEnd = m_pStart + used;
+                m_pLimit = m_rArena.OpenEnd();
+            }
+        }
+
+        LXMLArena& m_rArena;
+        char* m_pStart;
+        char* m_pEnd;
+        char* m_pLimit;
+    };
 
 private:
     LXMLArena* m_pArena;
     unsigned long m_nElements = 0;
+    std::vector<LHashTable::BorrowedPair> m_pairs;  // of the start tag being read
 };
 
 namespace {
@@ -445,7 +721,7 @@ public:
         if (m_length + count + 1 > m_capacity) {
             Grow(m_length + count + 1);
         }
-        std::memcpy(m_data.get() + m_length, text, count);
+        CopyRun(m_data.get() + m_length, text, count);
         m_length += count;
     }
     // Appends the text (trimmed unless preserve) to parent as a text node when not empty.
@@ -717,14 +993,14 @@ LXMLElement::~LXMLElement() {
         }
         LXMLElement* node = next;
         next = node->pNext;
-        if (LXMLElement* kids = node->children.Detach()) {
+        if (LXMLElement* kids = node->children.Head()) {
             if (next != nullptr) {
                 later.push_back(next);
             }
             next = kids;
         }
-        node->pNext = nullptr;
         if (node->m_pArena == nullptr) {
+            node->children.Detach();
             delete node;
             continue;
         }
@@ -735,7 +1011,13 @@ LXMLElement::~LXMLElement() {
             arena = node->m_pArena;
             released = 0;
         }
-        node->~LXMLElement();
+        // An arena element that holds nothing of its own on the heap needs no destructor: its
+        // memory goes with the arena. Leaving it untouched spares writing to every element of
+        // a large tree just before it is freed.
+        if (node->name.IsOwned() || node->text.IsOwned() || node->attributes.HasOwnedPairs()) {
+            node->children.Detach();
+            node->~LXMLElement();
+        }
         ++released;
     }
     if (released != 0) {
@@ -749,41 +1031,55 @@ bool LXMLElement::ParseStartTag(char stop, Loader& loader, LXMLReader* reader) {
         return false;
     }
     bool empty = false;
-    char attributeName[kNameSize];
+    char ownName[kNameSize];
     std::string ownValue;
-    std::string& value = reader != nullptr ? reader->m_value : ownValue;
     for (char c = stop;;) {
-        if (c == '>') {
-            return !empty && name[0] != '?';
-        }
-        if (c == 0) {
+        if (c == '>' || c == 0) {
+            if (reader != nullptr) {
+                reader->SetAttributes(attributes);
+            }
+            if (c == '>') {
+                return !empty && name[0] != '?';
+            }
             loader.SetError("Tag <%s> does not have a closing '>'", name.GetText());
             return false;
         }
         if (c == '/') {
             empty = true;
         }
+        // A load reads the name in place in its arena and keeps it there for a stored pair.
+        char* attributeName = reader != nullptr ? reader->OpenName() : ownName;
         unsigned long nameLength = 0;
         c = XMLLoadTag(loader, attributeName, nameLength);
-        value.clear();
         if (c == ' ' && loader.PeekChar() == '=') {
             c = loader.GetChar();
         }
-        if (c == '=') {
-            c = XMLLoadAttribute(loader, value);
-            if (c == '>' && !value.empty() && value.back() == '?') {
-                value.pop_back();
+        const bool space = nameLength == 9 && strcasecmp(attributeName, "xml:space") == 0;
+        const bool stored = nameLength != 0 && !space;
+        if (reader != nullptr) {
+            if (stored) {
+                reader->KeepName(attributeName, nameLength);
+            }
+            if (stored || c == '=') {
+                LXMLReader::Value value(*reader);
+                if (c == '=') {
+                    c = XMLLoadAttribute(loader, value);
+                }
+                if (stored) {
+                    reader->AddAttribute(attributeName, value.Keep());
+                }
+            }
+        } else {
+            ownValue.clear();
+            if (c == '=') {
+                c = XMLLoadAttribute(loader, ownValue);
+            }
+            if (stored) {
+                attributes.SetString(attributeName, ownValue.c_str());
             }
         }
-        if (nameLength == 0) {
-            continue;
-        }
-        if (nameLength == 9 && strcasecmp(attributeName, "xml:space") == 0) {
+        if (space) {
             bPreserveSpace = true;
-        } else if (reader != nullptr) {
-            reader->SetAttribute(attributes, attributeName, nameLength, value.data(), value.size());
-        } else {
-            attributes.SetString(attributeName, value.c_str());
         }
     }
 }
@@ -855,7 +1151,6 @@ void LXMLElement::LoadData(Loader& loader) {
     stack.push_back({this, nullptr});
     LXMLReader reader;
     TextBuffer pending;
-    char tag[kNameSize];
     while (!stack.empty()) {
         Frame& frame = stack.back();
         LXMLElement& element = *frame.element;
@@ -883,10 +1178,13 @@ void LXMLElement::LoadData(Loader& loader) {
             pending.Put(text, run);
             continue;
         }
+        // The pending text goes first: the name is read in place at the free end of the arena.
+        pending.FlushInto(element, frame.tail, reader);
+        char* tag = reader.OpenName();
         unsigned long tagLength = 0;
         const char stop = XMLLoadTag(loader, tag, tagLength);
         if (tagLength != 0) {
-            pending.FlushInto(element, frame.tail, reader);
+            reader.KeepName(tag, tagLength);
             LXMLElement* child = reader.NewElement(tag, tagLength, element.bPreserveSpace);
             if (frame.tail == nullptr) {
                 element.children.PushFront(child);
@@ -917,7 +1215,6 @@ void LXMLElement::LoadData(Loader& loader) {
         } else {
             loader.SetError("Misplaced < without name. Use &lt; instead of < if appropriate.");
         }
-        pending.FlushInto(element, frame.tail, reader);
         stack.pop_back();
     }
 }

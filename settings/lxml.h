@@ -122,6 +122,8 @@ public:
     unsigned long GetLength() const { return m_nLength & ~kOwned; }
     bool IsNull() const { return m_pData == nullptr; }
     bool IsEmpty() const { return GetLength() == 0; }
+    // True for a heap copy of this string's own, false for null or borrowed text.
+    bool IsOwned() const { return (m_nLength & kOwned) != 0; }
     char operator[](unsigned long index) const { return GetText()[index]; }
     bool operator==(const char* other) const;
 

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <random>
@@ -239,6 +240,93 @@ TEST(LHashTable, CopiesMergesAndIteratorWrites) {
     dup.LoadHTTPString("a=1&a=2&b=3");
     const LHashTable dupCopy(dup);
     EXPECT_EQ(Contents(dupCopy), (Pairs{{"a", "2"}, {"b", "3"}}));
+}
+
+// Borrowed pairs are read where they are, by every reader; whatever changes the table, or
+// asks for its nodes, makes owned nodes of the same pairs first and leaves the array as it was.
+TEST(LHashTableBorrowed, ReadInPlaceAndMadeOwnedOnDemand) {
+    struct {
+        LHashTable::BorrowedPairs header{4};
+        LHashTable::BorrowedPair pairs[4] = {{"B", "2"}, {"a", ""}, {"ab", "x y"}, {"k", "17"}};
+    } borrowed;
+    const Pairs all{{"B", "2"}, {"a", ""}, {"ab", "x y"}, {"k", "17"}};
+    const struct {
+        const char* what;
+        std::function<std::string(LHashTable&)> step;
+        std::string expected;
+    } cases[] = {
+        {"looked up, present and absent on either side of each key",
+         [](LHashTable& t) {
+             std::string out;
+             for (const char* key : {"", "A", "B", "C", "a", "aa", "ab", "abc", "k", "z"}) {
+                 out += std::string(t.GetParm(key, "-")) + (t.TestFieldExists(key) ? "+" : ".");
+             }
+             return out + t.GetParm(nullptr, "null");
+         },
+         "-.-.2+-.+-.x y+-.17+-.null"},
+        {"typed and copied out",
+         [](LHashTable& t) {
+             char buffer[260];
+             LStringLongTemplate<char> text;
+             t.GetString("ab", "", text);
+             return std::to_string(t.GetInt("k", 0) + t.GetInt("a", 5)) +
+                    t.GetString("B", "", buffer) + text.GetText() + std::to_string(t.GetSize()) +
+                    std::to_string(t.IsEmpty());
+         },
+         "222x y40"},
+        {"expanded and saved",
+         [](LHashTable& t) {
+             char out[64];
+             t.ParseString("%ab%/%k%/%a%", out, sizeof(out));
+             LStringLongTemplate<char> query;
+             t.SaveHTTPString(query);
+             return std::string(out) + " " + query.GetText();
+         },
+         "x y/17/ B=2&a=&ab=x%20y&k=17"},
+        {"asked for a node halfway",
+         [](LHashTable& t) {
+             LHashTable::ConstIterator it(t);
+             ++it;
+             std::string out = it.GetNode()->m_key.GetText();
+             for (++it; it; ++it) {
+                 out += it.GetParm();
+             }
+             return out + (Validator::Check(t.GetTree()).empty() ? " valid" : " invalid");
+         },
+         "aabk valid"},
+        {"tree asked", [](LHashTable& t) { return std::to_string(t.GetTree().GetCount()); }, "4"},
+        {"set",
+         [](LHashTable& t) {
+             t.SetString("ab", "new");
+             return std::string();
+         },
+         ""},
+        {"copied, then cleared",
+         [](LHashTable& t) {
+             LHashTable copy(t);
+             t.Clear();
+             return std::to_string(Contents(copy).size()) + std::to_string(t.IsEmpty());
+         },
+         "41"},
+    };
+    for (const auto& c : cases) {
+        LHashTable table;
+        table.SetBorrowed(&borrowed.header);
+        EXPECT_EQ(c.step(table), c.expected) << c.what;
+        if (!table.IsEmpty()) {
+            Pairs expected = all;
+            if (std::string(c.what) == "set") {
+                expected[2].second = "new";
+            }
+            EXPECT_EQ(Contents(table), expected) << c.what;
+        }
+        EXPECT_STREQ(borrowed.pairs[2].pValue, "x y") << c.what;
+    }
+    // Into a table that already holds pairs they go as SetString would put them.
+    LHashTable filled = Table({{"a", "old"}, {"c", "3"}});
+    filled.SetBorrowed(&borrowed.header);
+    EXPECT_EQ(Contents(filled),
+              (Pairs{{"B", "2"}, {"a", ""}, {"ab", "x y"}, {"c", "3"}, {"k", "17"}}));
 }
 
 TEST(LHashTableParse, FixedBufferFormExpandsAndTreatsDoublePercentAsPercent) {

@@ -383,6 +383,8 @@ TEST(XMLArena, LoadedAttributesChangedThroughTheirTable) {
          "j=2&k= 1 &n=y"},
         {"query string", [](LHashTable& t) { t.LoadHTTPString("j=5"); }, "j=2&j=5&k= 1 &n=x"},
         {"assigned", [](LHashTable& t) { t = LHashTable(t); }, "j=2&k= 1 &n=x"},
+        {"tree looked at", [](LHashTable& t) { EXPECT_EQ(t.GetTree().GetCount(), 3u); },
+         "j=2&k= 1 &n=x"},
         {"cleared", [](LHashTable& t) { t.Clear(); }, ""},
     };
     for (const auto& c : cases) {
@@ -398,7 +400,7 @@ TEST(XMLArena, LoadedAttributesChangedThroughTheirTable) {
     }
 }
 
-// A load large enough for the huge-page regions: an element taken from its middle outlives it.
+// A load spread over many arena blocks: an element taken from its middle outlives it.
 TEST(XMLArena, LargeLoadElementOutlivesItsDocument) {
     std::string text = "<r>";
     for (int i = 0; i < 60000; ++i) {
