@@ -180,6 +180,35 @@ sockaddr_un Address(const std::string& path) {
     return address;
 }
 
+TEST_F(XpcConnection, ManyRequestsInFlightGetTheirOwnReplies) {
+    // The service holds the requests (on its peer's serial queue) and answers them only once
+    // all are in, in reverse order.
+    constexpr size_t kCount = 64;
+    auto held = std::make_shared<std::vector<xpc_object_t>>();
+    Service service("t.routing", [held](xpc_connection_t peer, xpc_object_t m) {
+        held->push_back(xpc_retain(m));
+        if (held->size() == kCount) {
+            for (auto it = held->rbegin(); it != held->rend(); ++it) {
+                Reply(peer, *it, xpc_dictionary_get_int64(*it, "v") + 1000);
+                xpc_release(*it);
+            }
+        }
+    });
+    service.Start();
+    xpc_connection_t c = Client("t.routing", nullptr);
+    auto replies = std::make_shared<Inbox>();
+    for (size_t i = 0; i < kCount; ++i) {
+        xpc_object_t m = Message(static_cast<int64_t>(i));
+        xpc_connection_send_message_with_reply(c, m, nullptr, [replies, i](xpc_object_t r) {
+            EXPECT_EQ(xpc_dictionary_get_int64(r, "v"), static_cast<int64_t>(i) + 1000);
+            replies->Push(r);
+        });
+        xpc_release(m);
+    }
+    ASSERT_TRUE(replies->WaitFor(kCount));
+    Close(c);
+}
+
 // Two requests warm a connection up: from then on a synchronous caller reads its socket.
 void WarmUp(xpc_connection_t c) {
     ASSERT_EQ(Ask(c, 1), 1);
@@ -289,6 +318,15 @@ TEST_F(XpcConnection, ASynchronousCallerReadingTheSocketLearnsOfItsEnd) {
                                         [flushed] { flushed->Push(XPC_ERROR_CONNECTION_INVALID); });
             ASSERT_TRUE(flushed->WaitFor(1));
             EXPECT_EQ(events->Count(), 1u);
+            // Nor is one cancelled before it ever ran, though its service is there.
+            xpc_connection_t early = xpc_connection_create_mach_service(k.service, nullptr, 0);
+            xpc_connection_cancel(early);
+            auto refused = std::make_shared<Inbox>();
+            xpc_connection_send_message_with_reply(early, m, nullptr,
+                                                   [refused](xpc_object_t r) { refused->Push(r); });
+            ASSERT_TRUE(refused->WaitFor(1));
+            EXPECT_EQ(refused->At(0), XPC_ERROR_CONNECTION_INVALID);
+            xpc_release(early);
         }
         xpc_release(m);
         Close(c);
@@ -349,6 +387,22 @@ TEST_F(XpcConnection, SuspendHoldsEventsUntilResume) {
     xpc_connection_resume(c);
     ASSERT_TRUE(events->WaitFor(1));
     EXPECT_EQ(xpc_dictionary_get_int64(events->At(0), "v"), 5);
+    Close(c);
+}
+
+TEST_F(XpcConnection, ConnectingToNoServiceIsInvalid) {
+    auto events = std::make_shared<Inbox>();
+    auto replies = std::make_shared<Inbox>();
+    xpc_connection_t c = Client("t.nobody", events);
+    xpc_object_t m = Message(1);
+    xpc_connection_send_message_with_reply(c, m, nullptr,
+                                           [replies](xpc_object_t r) { replies->Push(r); });
+    ASSERT_TRUE(events->WaitFor(1));
+    EXPECT_EQ(events->At(0), XPC_ERROR_CONNECTION_INVALID);
+    ASSERT_TRUE(replies->WaitFor(1));
+    EXPECT_EQ(replies->At(0), XPC_ERROR_CONNECTION_INVALID);
+    EXPECT_EQ(xpc_connection_send_message_with_reply_sync(c, m), XPC_ERROR_CONNECTION_INVALID);
+    xpc_release(m);
     Close(c);
 }
 

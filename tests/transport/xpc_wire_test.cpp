@@ -316,7 +316,7 @@ TEST(XpcWire, DescriptorRulesAreEnforcedAndRefusedDescriptorsClosed) {
     xpc_object_t m = xpc_dictionary_create(nullptr, nullptr, 0);
     xpc_dictionary_set_value(m, "d", d);
     Packet ok;
-    ASSERT_TRUE(Encode({Kind::message, 1, 0}, m, ok));
+    ASSERT_TRUE(Encode({Kind::message, 1, 0}, m, ok) && Finish(ok, nullptr));
     EXPECT_TRUE(ok.fds.empty());  // 64 KiB and less stays inline
     xpc_release(m);
     xpc_release(d);
