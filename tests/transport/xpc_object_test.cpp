@@ -84,6 +84,8 @@ TEST(XpcObject, ContainersHoldOneReferencePerValueAndArraysApplyInOrder) {
     }));
     EXPECT_EQ(seen, (std::vector<int64_t>{0, 1, 2}));
     EXPECT_EQ(xpc_array_get_value(numbers, 5), nullptr);
+    EXPECT_EQ(xpc_array_get_value(XPC_ERROR_CONNECTION_INVALID, 0), nullptr);  // not an array
+    EXPECT_EQ(xpc_int64_get_value(nullptr), 0);
     xpc_release(numbers);
 }
 

@@ -352,12 +352,16 @@ TEST_F(LXPCNamedService, ServesRequestsUntilStopped) {
     EXPECT_EQ(Find(clientEvents_.replies[0].values, "REP").data.nValue, 16);
     EXPECT_EQ(server.ConnectionCount(), 1u);  // our own pid is in range
 
-    // Once Start returns, the service no longer accepts anyone.
+    // Once Start returns, the service no longer accepts anyone: the late client's connection
+    // and its request each hear an error (which one depends on how far the closing got).
     LMainQueueStop();
     serving_.join();
     LXPCConnection& late = Connect();
     clients_.back()->SendMessage(late.hConnection, Request(9, "late"), true);
-    ASSERT_TRUE(clientEvents_.WaitUntil([&] { return !clientEvents_.errors.empty(); }));
+    ASSERT_TRUE(clientEvents_.WaitUntil([&] { return clientEvents_.errors.size() >= 2; }));
+    for (const auto& error : clientEvents_.errors) {
+        EXPECT_EQ(error.first, late.hConnection);
+    }
     EXPECT_EQ(clientEvents_.replies.size(), 1u);
     EXPECT_EQ(server.ConnectionCount(), 1u);
 }
