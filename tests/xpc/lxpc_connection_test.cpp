@@ -358,8 +358,12 @@ TEST_F(LXPCNamedService, ServesRequestsUntilStopped) {
     serving_.join();
     LXPCConnection& late = Connect();
     clients_.back()->SendMessage(late.hConnection, Request(9, "late"), true);
-    ASSERT_TRUE(clientEvents_.WaitUntil([&] { return clientEvents_.errors.size() >= 2; }));
-    for (const auto& error : clientEvents_.errors) {
+    std::vector<std::pair<long, LXPCErrorType>> errors;  // copied under the recorder's lock
+    ASSERT_TRUE(clientEvents_.WaitUntil([&] {
+        errors = clientEvents_.errors;
+        return errors.size() >= 2;
+    }));
+    for (const auto& error : errors) {
         EXPECT_EQ(error.first, late.hConnection);
     }
     EXPECT_EQ(clientEvents_.replies.size(), 1u);
