@@ -311,12 +311,12 @@ TEST(XpcWire, DescriptorRulesAreEnforcedAndRefusedDescriptorsClosed) {
     EXPECT_STREQ(Refusal(Built(sealed, 1), {unsealed}),
                  "sealed data descriptor is not a sealed memfd of that size");
     EXPECT_FALSE(IsOpen(unsealed));
-    std::vector<uint8_t> bytes(65535, 1);
+    std::vector<uint8_t> bytes(kInlineDataMax, 1);
     xpc_object_t d = xpc_data_create(bytes.data(), bytes.size());
     xpc_object_t m = xpc_dictionary_create(nullptr, nullptr, 0);
     xpc_dictionary_set_value(m, "d", d);
     Packet ok;
-    ASSERT_TRUE(Encode({Kind::message, 1, 0}, m, ok));
+    ASSERT_TRUE(Encode({Kind::message, 1, 0}, m, ok) && Finish(ok, nullptr));
     EXPECT_TRUE(ok.fds.empty());  // 64 KiB and less stays inline
     xpc_release(m);
     xpc_release(d);

@@ -26,7 +26,7 @@ void SetUpSide(LXPCBase& base, bool server) {
 LList<LXPCDataListable> Request(long value, const char* tag) {
     LList<LXPCDataListable> values;
     Push(values, "REQ", LXPCDataTypeInt64, value);
-    Push(values, "TAG", LXPCDataTypeString, Ptr(tag));
+    Push(values, "TAG", LXPCDataTypeString, LXPCPointerAsValue(tag));
     return values;
 }
 
@@ -114,7 +114,7 @@ TEST(LXPCConnectionObject, ReferencesAndStateFollowTheCounts) {
     xpc_connection_t raw = xpc_connection_create(nullptr, nullptr);
     ASSERT_NE(raw, nullptr);
     {
-        LXPCConnection connection(Handle(raw));
+        LXPCConnection connection(LXPCPointerAsValue(raw));
         EXPECT_TRUE(connection.bSuspended);
         connection.Release();  // nothing held: nothing released, handle kept
         EXPECT_TRUE(connection.IsValid());
@@ -269,7 +269,7 @@ TEST_F(LXPCLink, DestroyingTheServerWithABarrierQueuedDeliversNothing) {
     std::promise<void> release;
     std::shared_future<void> released = release.get_future().share();
     std::atomic<bool> blocking{false};
-    xpc_connection_send_barrier(Object(serverConnection), [released, &blocking] {
+    xpc_connection_send_barrier(LXPCValueAsPointer(serverConnection), [released, &blocking] {
         blocking = true;
         released.wait();
     });
@@ -332,7 +332,7 @@ protected:
     }
 
     ServiceDir dir_;
-    std::string name_ = UniqueServiceName("named");
+    std::string name_ = "com.test.lxpc.named";
     std::thread serving_;
     Recorder serverEvents_;
     Recorder clientEvents_;  // outlives the bases that feed it
@@ -352,12 +352,20 @@ TEST_F(LXPCNamedService, ServesRequestsUntilStopped) {
     EXPECT_EQ(Find(clientEvents_.replies[0].values, "REP").data.nValue, 16);
     EXPECT_EQ(server.ConnectionCount(), 1u);  // our own pid is in range
 
-    // Once Start returns, the service no longer accepts anyone.
+    // Once Start returns, the service no longer accepts anyone: the late client's connection
+    // and its request each hear an error (which one depends on how far the closing got).
     LMainQueueStop();
     serving_.join();
     LXPCConnection& late = Connect();
     clients_.back()->SendMessage(late.hConnection, Request(9, "late"), true);
-    ASSERT_TRUE(clientEvents_.WaitUntil([&] { return !clientEvents_.errors.empty(); }));
+    std::vector<std::pair<long, LXPCErrorType>> errors;  // copied under the recorder's lock
+    ASSERT_TRUE(clientEvents_.WaitUntil([&] {
+        errors = clientEvents_.errors;
+        return errors.size() >= 2;
+    }));
+    for (const auto& error : errors) {
+        EXPECT_EQ(error.first, late.hConnection);
+    }
     EXPECT_EQ(clientEvents_.replies.size(), 1u);
     EXPECT_EQ(server.ConnectionCount(), 1u);
 }

@@ -104,11 +104,11 @@ TEST_F(LXPCEncoding, EveryValueTypeRoundTrips) {
     doubleKey.type = LXPCDataTypeDouble;
     values.PushFront(CreateXPCDataDouble(doubleKey, -0.125));
     Push(values, "T", LXPCDataTypeDate, 1700000000123456789L);
-    Push(values, "DATA", LXPCDataTypeData, Ptr(bytes), sizeof bytes);
-    Push(values, "UUID", LXPCDataTypeUUID, Ptr(kUuid));
-    Push(values, "S", LXPCDataTypeString, Ptr("text"));
+    Push(values, "DATA", LXPCDataTypeData, LXPCPointerAsValue(bytes), sizeof bytes);
+    Push(values, "UUID", LXPCDataTypeUUID, LXPCPointerAsValue(kUuid));
+    Push(values, "S", LXPCDataTypeString, LXPCPointerAsValue("text"));
     Push(values, "FD", LXPCDataTypeFD, fd | (0x7fL << 32));  // only the low 32 bits count
-    Push(values, "OBJ", LXPCDataTypeObject, Ptr(array));
+    Push(values, "OBJ", LXPCDataTypeObject, LXPCPointerAsValue(array));
     EXPECT_EQ(Sent(base_, values), 10u);
 
     LList<LXPCDataListable> decoded;
@@ -130,7 +130,8 @@ TEST_F(LXPCEncoding, EveryValueTypeRoundTrips) {
     EXPECT_NE(received, fd);  // a new descriptor of the same file (shown across processes)
     close(received);
     // The object is the dictionary's own entry, not a copy.
-    EXPECT_EQ(FindValue(decoded, "OBJ")->nValue, Ptr(xpc_dictionary_get_value(dictionary_, "OBJ")));
+    EXPECT_EQ(FindValue(decoded, "OBJ")->nValue,
+              LXPCPointerAsValue(xpc_dictionary_get_value(dictionary_, "OBJ")));
     xpc_release(array);
     close(fd);
 }

@@ -14,6 +14,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -29,30 +30,10 @@ inline constexpr int kWaitMs = 10000;
 using ScopedEnv = ltest::EnvOverride;
 
 // A private service folder for the test, with LXPC_SERVICE_DIR pointing at it.
-class ServiceDir {
-public:
-    ServiceDir() {
-        char pattern[] = "/tmp/lxpc_test_XXXXXX";
-        const char* made = mkdtemp(pattern);
-        path_ = made != nullptr ? made : "";
-        env_ = std::make_unique<ScopedEnv>("LXPC_SERVICE_DIR", path_.c_str());
-    }
-    ~ServiceDir() {
-        env_.reset();
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-
-private:
-    std::string path_;
-    std::unique_ptr<ScopedEnv> env_;
+struct ServiceDir {
+    ltest::TempTree tree;
+    ScopedEnv env{"LXPC_SERVICE_DIR", tree.root()};
 };
-
-inline std::string UniqueServiceName(const char* stem) {
-    static std::atomic<int> counter{0};
-    return std::string("com.test.lxpc.") + stem + "." + std::to_string(getpid()) + "." +
-           std::to_string(counter++);
-}
 
 struct RecordedValue {
     LXPCData data;
@@ -61,19 +42,17 @@ struct RecordedValue {
 
 inline std::vector<RecordedValue> Record(const LXPCData* values, unsigned long count) {
     std::vector<RecordedValue> out;
-    for (unsigned long i = 0; i < count; ++i) {
-        RecordedValue recorded{values[i], {}};
-        const auto* pointer =
-            reinterpret_cast<const char*>(static_cast<intptr_t>(values[i].nValue));
-        const bool valid = values[i].nValue != 0 && values[i].nValue != -1;
-        if (valid && values[i].type == LXPCDataTypeString) {
-            recorded.bytes = pointer;
-        } else if (valid && values[i].type == LXPCDataTypeData) {
-            recorded.bytes.assign(pointer, values[i].nLength);
-        } else if (valid && values[i].type == LXPCDataTypeUUID) {
-            recorded.bytes.assign(pointer, 16);
+    for (const LXPCData& value : std::span(values, count)) {
+        const auto* pointer = LXPCValueAsPointer<const char>(value.nValue);
+        std::string bytes;
+        if (value.nValue != 0 && value.nValue != -1) {
+            if (value.type == LXPCDataTypeString) {
+                bytes = pointer;
+            } else if (value.type == LXPCDataTypeData || value.type == LXPCDataTypeUUID) {
+                bytes.assign(pointer, value.type == LXPCDataTypeData ? value.nLength : 16);
+            }
         }
-        out.push_back(std::move(recorded));
+        out.push_back({value, std::move(bytes)});
     }
     return out;
 }
@@ -166,18 +145,6 @@ private:
     }
 };
 
-inline long Handle(lxpc::xpc_object_t object) {
-    return static_cast<long>(reinterpret_cast<intptr_t>(object));
-}
-
-inline lxpc::xpc_object_t Object(long handle) {
-    return reinterpret_cast<lxpc::xpc_object_t>(static_cast<intptr_t>(handle));
-}
-
-inline long Ptr(const void* pointer) {
-    return static_cast<long>(reinterpret_cast<intptr_t>(pointer));
-}
-
 // Adds a value to a list, against a throwaway key.
 inline void Push(LList<LXPCDataListable>& list, const char* name, LXPCDataType type, long value,
                  unsigned long length = 0) {
@@ -189,7 +156,7 @@ inline void Push(LList<LXPCDataListable>& list, const char* name, LXPCDataType t
 
 // Hands a new client connection to an LXPCConnection, which then holds its only reference.
 inline std::unique_ptr<LXPCConnection> Adopt(LXPCBase& base, lxpc::xpc_connection_t connection) {
-    auto held = std::make_unique<LXPCConnection>(Handle(connection));
+    auto held = std::make_unique<LXPCConnection>(LXPCPointerAsValue(connection));
     base.SetupConnectionHandlerAndResume(*held);
     held->Retain();
     lxpc::xpc_release(connection);
