@@ -69,11 +69,16 @@ owner() {
         fail "no package holds $lib"
 }
 # Only the libraries an executable names itself: ldd also lists what those load in turn.
-needed=$(for exe in "$work/root/usr/bin/kavelpl-vadctl" "$work/root$exec_start"; do
-    ldd "$exe" | awk -v names="$(objdump -p "$exe" | awk '$1 == "NEEDED" { print $2 }')" \
-        'BEGIN { split(names, n, "\n"); for (i in n) want[n[i]] = 1 }
-         $1 in want && $3 ~ /^\// { print $3 }'
-done | sort -u | while read -r lib; do owner "$lib"; done | cut -d: -f1 | sort -u)
+# The service also opens a library of its own when it needs it, named in it by soname.
+needed=$({
+    for exe in "$work/root/usr/bin/kavelpl-vadctl" "$work/root$exec_start"; do
+        ldd "$exe" | awk -v names="$(objdump -p "$exe" | awk '$1 == "NEEDED" { print $2 }')" \
+            'BEGIN { split(names, n, "\n"); for (i in n) want[n[i]] = 1 }
+             $1 in want && $3 ~ /^\// { print $3 }'
+    done
+    strings "$work/root$exec_start" | grep -xE 'lib[[:alnum:]_.+-]+\.so\.[0-9]+' |
+        while read -r so; do ldconfig -p | awk -v so="$so" '$1 == so { print $NF; exit }'; done
+} | sort -u | while read -r lib; do owner "$lib"; done | cut -d: -f1 | sort -u)
 declared=$(dpkg-deb -f "$deb" Depends | tr ',' '\n' | sed 's/^ *//; s/[ (].*//' | sort -u)
 [ -n "$declared" ] || fail "no dependencies declared"
 [ "$declared" = "$needed" ] || fail "Depends differs from the loaded libraries' packages:
