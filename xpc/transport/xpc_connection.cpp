@@ -295,7 +295,7 @@ struct Connection : _xpc_object {
     // still come in while any are awaited on the connection, so that a handler waiting for
     // one never waits on itself (mutex held).
     bool ReaderMayReceive() const {
-        return cancelled || !pending.empty() ||
+        return !pending.empty() ||
                (inEvents < wire::kMaxQueuedPackets && inBytes < wire::kMaxQueuedBytes &&
                 inDescriptors < wire::kMaxQueuedDescriptors);
     }
@@ -465,10 +465,6 @@ enum class Received { packet, none, end };
 // `none` when a non-blocking receive found it empty.
 Received ReceiveOne(Connection* c, const SocketRef& sock, std::span<uint8_t> buffer,
                     bool inlineAllowed, bool block = true) {
-    if (t_reading == c) {
-        std::unique_lock lock(c->mutex);
-        c->resumed_cv.wait(lock, [c] { return c->ReaderMayReceive(); });
-    }
     size_t length = 0;
     std::vector<int> fds;
     switch (os::ReceivePacket(sock->fd, buffer, length, fds, block)) {
@@ -481,7 +477,12 @@ Received ReceiveOne(Connection* c, const SocketRef& sock, std::span<uint8_t> buf
     }
     {
         std::unique_lock lock(c->mutex);
-        c->resumed_cv.wait(lock, [c] { return c->suspendCount == 0 || c->cancelled; });
+        // The reader also holds the packet back while the backlog is full (a caller reading
+        // its own reply never waits for it): at most one packet over the limits is taken in.
+        const bool reader = t_reading == c;
+        c->resumed_cv.wait(lock, [c, reader] {
+            return c->cancelled || (c->suspendCount == 0 && (!reader || c->ReaderMayReceive()));
+        });
         if (c->cancelled) {
             for (int fd : fds) {
                 os::Close(fd);
