@@ -1,7 +1,6 @@
 // Connections over real sockets: request and reply, replies reaching their owners whoever reads
 // the socket, barriers, suspend and resume, cancel, the error each side sees when the other
-// goes away, hostile packets, large data, and services in other processes (an activated
-// service run by xpc_main, a client of another user).
+// goes away, hostile packets, large data, and a client of another user.
 #include <fcntl.h>
 #include <grp.h>
 #include <poll.h>
@@ -604,37 +603,6 @@ void Stop(pid_t child) {
     waitpid(child, nullptr, 0);
 }
 
-// A service run by xpc_main and started the way systemd starts it, its listening socket being
-// descriptor 3 (binding the path itself would fail: a live socket is already there). Its
-// peers' events arrive on the main thread.
-TEST(XpcChild, Activated) {
-    CHILD_ONLY();
-    // Keep the ready pipe away from descriptor 3 first.
-    const int readyFd = fcntl(std::atoi(std::getenv("LXPC_TEST_READY_FD")), F_DUPFD, 10);
-    const int s = socket(AF_UNIX, SOCK_SEQPACKET, 0);
-    sockaddr_un address = Address(std::string(std::getenv("LXPC_SERVICE_DIR")) + "/t.main.sock");
-    if (bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(s, 8) != 0 ||
-        dup2(s, 3) != 3) {
-        _exit(2);
-    }
-    if (s != 3) {
-        close(s);
-    }
-    setenv("LISTEN_FDS", "1", 1);
-    setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
-    setenv("LXPC_SERVICE_NAME", "t.main", 1);
-    (void)!write(readyFd, "R", 1);  // clients wait in the socket's backlog until it is taken
-    close(readyFd);
-    xpc_main([](xpc_connection_t peer) {
-        xpc_connection_set_event_handler(peer, [peer](xpc_object_t m) {
-            if (xpc_get_type(m) == XPC_TYPE_DICTIONARY) {
-                Reply(peer, m, gettid() == getpid() ? 1 : 0);
-            }
-        });
-        xpc_connection_resume(peer);
-    });
-}
-
 // Another user asks the service in the parent, and says "R" only when answered.
 TEST(XpcChild, AsNobody) {
     CHILD_ONLY();
@@ -678,16 +646,6 @@ TEST_F(XpcConnection, ConnectionsAreCountedWhileOpenAndSharedAmongUsers) {
     }
 }
 
-TEST_F(XpcConnection, XpcMainServesAnActivatedServiceOnTheMainThread) {
-    const pid_t child = SpawnChild("Activated");
-    ASSERT_GT(child, 0);
-    xpc_connection_t c = Client("t.main", nullptr);
-    EXPECT_EQ(Ask(c), 1);
-    EXPECT_EQ(xpc_connection_get_pid(c), child);
-    Close(c);
-    Stop(child);
-}
-
 TEST_F(XpcConnection, AStaleSocketIsReplacedAndALiveOneKept) {
     {
         const int s = socket(AF_UNIX, SOCK_SEQPACKET, 0);
@@ -720,28 +678,6 @@ TEST_F(XpcConnection, AStaleSocketIsReplacedAndALiveOneKept) {
     // A clean stop takes the path away with it.
     service.reset();
     EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(path)));
-}
-
-TEST_F(XpcConnection, QueuesRunTheirItemsSeriallyInOrder) {
-    xpc_queue_t q = xpc_queue_create("t.serial");
-    std::atomic<int> running{0};
-    std::vector<int> order;
-    auto done = std::make_shared<Inbox>();
-    for (int i = 0; i < 200; ++i) {
-        xpc_queue_async(q, [&, i] {
-            EXPECT_EQ(running.fetch_add(1), 0);
-            order.push_back(i);
-            running.fetch_sub(1);
-            if (i == 199) {
-                done->Push(XPC_ERROR_CONNECTION_INVALID);
-            }
-        });
-    }
-    ASSERT_TRUE(done->WaitFor(1));
-    for (int i = 0; i < 200; ++i) {
-        EXPECT_EQ(order[i], i);
-    }
-    xpc_queue_release(q);
 }
 
 }  // namespace
