@@ -202,13 +202,16 @@ TEST(XpcWire, NestingIsBoundedBothWays) {
     xpc_object_t deep = nested(kMaxDepth + 1);
     EXPECT_FALSE(Encode({Kind::message, 1, 0}, deep, packet));
     xpc_release(deep);
-    // A hand-made packet nesting arrays too deep is refused by the decoder.
-    std::vector<uint8_t> body = {kTagDictionary, 1, 0, 0, 0, 1, 0, 0, 0, 'k'};
-    for (size_t i = 0; i < kMaxDepth; ++i) {
-        body.insert(body.end(), {kTagArray, 1, 0, 0, 0});
+    // Hand-made packets nesting arrays or dictionaries one level too deep are refused.
+    const std::vector<uint8_t> entry = {kTagDictionary, 1, 0, 0, 0, 1, 0, 0, 0, 'k'};
+    for (const std::vector<uint8_t>& level : {std::vector<uint8_t>{kTagArray, 1, 0, 0, 0}, entry}) {
+        std::vector<uint8_t> body = entry;
+        for (size_t i = 0; i < kMaxDepth; ++i) {
+            body.insert(body.end(), level.begin(), level.end());
+        }
+        body.push_back(kTagNull);
+        EXPECT_STREQ(Refusal(Built(body)), "nesting too deep");
     }
-    body.push_back(kTagNull);
-    EXPECT_STREQ(Refusal(Built(body)), "nesting too deep");
 }
 
 TEST(XpcWire, MalformedPacketsAreRefusedWithTheirReason) {
