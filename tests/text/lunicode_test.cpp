@@ -5,8 +5,10 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <iterator>
 #include <random>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -60,30 +62,17 @@ public:
     // A well-formed text with one or more faults put in: stray continuation bytes, cut
     // sequences, overlong forms, encoded surrogates, values above U+10FFFF, bytes F5 to FF.
     std::string IllFormed(size_t maxLength) {
-        static const char* const kFaults[] = {"\x80",
-                                              "\xBF",
-                                              "\xC0\x80",
-                                              "\xC1\xBF",
-                                              "\xC2",
-                                              "\xE0\x80\x80",
-                                              "\xE0\x9F\xBF",
-                                              "\xED\xA0\x80",
-                                              "\xED\xBF\xBF",
-                                              "\xE1\x80",
-                                              "\xF0\x80\x80\x80",
-                                              "\xF0\x8F\xBF\xBF",
-                                              "\xF4\x90\x80\x80",
-                                              "\xF5\x80\x80\x80",
-                                              "\xF8\x88\x80\x80\x80",
-                                              "\xFE",
-                                              "\xFF",
-                                              "\xF1\x80\x80",
-                                              "\xE2\x82",
-                                              "\xC3\x28"};
+        static const std::vector<std::string> kFaults = [] {
+            std::istringstream in(
+                "\x80 \xBF \xC0\x80 \xC1\xBF \xC2 \xE0\x80\x80 \xE0\x9F\xBF \xED\xA0\x80 "
+                "\xED\xBF\xBF \xE1\x80 \xF0\x80\x80\x80 \xF0\x8F\xBF\xBF \xF4\x90\x80\x80 "
+                "\xF5\x80\x80\x80 \xF8\x88\x80\x80\x80 \xFE \xFF \xF1\x80\x80 \xE2\x82 \xC3\x28");
+            return std::vector<std::string>(std::istream_iterator<std::string>(in), {});
+        }();
         std::string text = Utf8Of(Valid(maxLength));
         for (size_t faults = 1 + Pick(3); faults > 0; --faults) {
             const std::string fault = Pick(4) == 0 ? std::string(1, char(0x80 + Pick(0x80)))
-                                                   : kFaults[Pick(std::size(kFaults))];
+                                                   : kFaults[Pick(kFaults.size())];
             text.insert(Pick(text.size() + 1), fault);
         }
         return text;
