@@ -240,17 +240,31 @@ TEST_F(QueuedNotify, TeardownOrDestructionStopsWorkerReports) {
     EXPECT_TRUE(target.calls.empty());
 }
 
-TEST(ProcessInterface, EndlessFormsUseTheTimedFormsAndFormattedReportsAreCut) {
+// The endless waits use the timed ones; a nested interface forwards stop, waits and errors.
+TEST(ProcessInterface, EndlessFormsFormattedReportsAndNesting) {
     Recorder r;
-    std::vector<int> results;
+    std::vector<int> results, forwarded;
     CallEveryWait(r, results, 0);
-    EXPECT_EQ(results, (std::vector<int>{1, 1, 0}));
     r.SetErrorF("%s", std::string(9000, 'a').c_str());
     r.SetStatusF(3, "%d of %s", 7, "ten");
-    EXPECT_EQ(r.calls, (std::vector<std::string>{
-                           "ProcessWait" + kForever, "ProcessWaitSignal" + kForever,
-                           "ProcessWaitSignalObjectGroup" + kForever,
-                           "SetError " + std::string(8191, 'a'), "SetStatus 3 7 of ten"}));
+    LProcessInterfaceNested nested(&r);
+    CallEveryWait(nested, forwarded, 5);
+    nested.SetError("bad");
+    nested.SetStatus("status", 0);
+    nested.SetProgress(0.5);
+    nested.SetProgressIndeterminateOn();
+    EXPECT_EQ(results, (std::vector<int>{1, 1, 0}));
+    EXPECT_EQ(forwarded, (std::vector<int>{1, 1, 0, 1, 1, 1, 0}));
+    const std::vector<std::string> endless = {"ProcessWait" + kForever,
+                                              "ProcessWaitSignal" + kForever,
+                                              "ProcessWaitSignalObjectGroup" + kForever};
+    std::vector<std::string> expected = endless;
+    expected.insert(expected.end(), {"SetError " + std::string(8191, 'a'), "SetStatus 3 7 of ten"});
+    expected.insert(expected.end(), endless.begin(), endless.end());
+    expected.insert(expected.end(), {"IsToStop", "ProcessWait 5", "ProcessWaitSignal 6",
+                                     "ProcessWaitSignalObjectGroup 7", "SetError bad"});
+    EXPECT_EQ(r.calls, expected);
+    EXPECT_TRUE(r.progress.empty());
 }
 
 TEST(ProcessInterfaceVoid, NeverStopsReallyWaitsAndReportsNowhere) {
@@ -271,24 +285,6 @@ TEST(ProcessInterfaceVoid, NeverStopsReallyWaitsAndReportsNowhere) {
     group.Add(event);
     EXPECT_EQ(v.ProcessWaitSignalObjectGroup(group, 0), 0);
     EXPECT_EQ(v.ProcessWaitSignalObjectGroupForever(group), 0);
-}
-
-TEST(ProcessInterfaceNested, ForwardsStopWaitsAndErrorsButNotStatusOrProgress) {
-    Recorder parent;
-    LProcessInterfaceNested nested(&parent);
-    std::vector<int> results;
-    CallEveryWait(nested, results, 5);
-    nested.SetError("bad");
-    nested.SetStatus("status", 0);
-    nested.SetProgress(0.5);
-    nested.SetProgressIndeterminateOn();
-    EXPECT_EQ(results, (std::vector<int>{1, 1, 0, 1, 1, 1, 0}));
-    EXPECT_EQ(parent.calls,
-              (std::vector<std::string>{"ProcessWait" + kForever, "ProcessWaitSignal" + kForever,
-                                        "ProcessWaitSignalObjectGroup" + kForever, "IsToStop",
-                                        "ProcessWait 5", "ProcessWaitSignal 6",
-                                        "ProcessWaitSignalObjectGroup 7", "SetError bad"}));
-    EXPECT_TRUE(parent.progress.empty());
 }
 
 TEST(ProcessInterfaceSubProcess, MapsProgressAndIndentsStatus) {
