@@ -126,7 +126,7 @@ public:
     std::vector<unsigned int> received;
 };
 
-TEST_F(QueuedNotify, DispatcherDropsPostsWhileDrainingAreDroppedAndQueuedOnesStillRun) {
+TEST_F(QueuedNotify, DispatcherDropsPostsWhileDrainingAndRunsQueuedOnes) {
     auto receiver = std::make_shared<Receiver>();
     auto dispatcher = std::make_shared<LNotifyMessageDispatcher>(receiver);
     auto dispatch = [&](unsigned int code) {
