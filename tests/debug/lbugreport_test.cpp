@@ -122,14 +122,14 @@ TEST(BugReport, AddressForFixedInputs) {
     EXPECT_EQ(Encode("AZaz09!-._~&m=1 (2)\xC3\xA9/\x01"),
               "AZaz09!-._~%26m%3D1%20%282%29%C3%A9%2F%01");
     EXPECT_EQ(Encode(std::string(3000, '&')).substr(8187), "%26%2");
-    std::string const data = Encode("memfrhp=1&memfrlg=2&&memphys=8 GB!");
     auto address = std::make_unique<char[]>(kLBugReportAddressSize);
-    _LDebugBugReportAddress(address.get(), "ab cd", data.c_str(), 12, 3);
+    _LDebugBugReportAddress(address.get(), "ab cd", Encode("memfrhp=1&&memphys=8 GB!").c_str(), 12,
+                            3);
     EXPECT_EQ(std::string(address.get()),
               std::string("https://") + kLBugReportHost +
                   "/software/bug.html?software=KavelPLVadHelper&version=1.0&"
                   "xi=AbTermOrHang-Mac1203&iid=ab cd&data="
-                  "memfrhp%3D1%26memfrlg%3D2%26%26memphys%3D8%20GB!");
+                  "memfrhp%3D1%26%26memphys%3D8%20GB!");
 }
 
 // The address reaches the opener as one argument, shell characters and all.
@@ -156,10 +156,9 @@ TEST(OpenWebPage, HandsTheAddressToTheOpenerWithoutAShell) {
     LDebugHangDetectorBugReport(true);
     std::ifstream report(log);
     std::string const opened(std::istreambuf_iterator<char>(report), {});
-    EXPECT_EQ(opened.rfind(std::string("1|https://") + kLBugReportHost + "/software/bug.html?", 0),
-              0u)
+    EXPECT_TRUE(opened.starts_with(std::string("1|https://") + kLBugReportHost) &&
+                opened.find("&iid=ID-7&data=memfrhp%3D") != std::string::npos)
         << opened;
-    EXPECT_NE(opened.find("&iid=ID-7&data=memfrhp%3D"), std::string::npos) << opened;
 }
 
 // This machine's description against the system's PCI listing, meminfo and cpuinfo.

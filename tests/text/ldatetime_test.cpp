@@ -32,22 +32,16 @@ void Join(void (*form)(long, char*, char*), long value, char* text) {
 class DateTimeTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        if (const char* tz = std::getenv("TZ"))
-            savedTZ_ = tz;
-        ::setenv("TZ", kCentralEurope, 1);
-        ::tzset();
-        savedLocale_ = std::setlocale(LC_ALL, nullptr);
+        SetZone(kCentralEurope);
         UseLocale("en_US.UTF-8");
     }
     void TearDown() override {
-        if (savedTZ_) {
-            ::setenv("TZ", savedTZ_->c_str(), 1);
-        } else {
-            ::unsetenv("TZ");
-        }
+        SetZone(savedTZ_ ? savedTZ_->c_str() : nullptr);
+        UseLocale(savedLocale_.c_str());
+    }
+    static void SetZone(const char* zone) {
+        zone ? ::setenv("TZ", zone, 1) : ::unsetenv("TZ");
         ::tzset();
-        std::setlocale(LC_ALL, savedLocale_.c_str());
-        _LResetLocaleDateFormatOrder();
     }
     static void UseLocale(const char* name) {
         ASSERT_NE(std::setlocale(LC_ALL, name), nullptr) << name << " (made by scripts/bootstrap)";
@@ -65,8 +59,9 @@ protected:
     }
 
 private:
-    std::optional<std::string> savedTZ_;
-    std::string savedLocale_;
+    std::optional<std::string> savedTZ_ =
+        std::getenv("TZ") ? std::optional<std::string>(std::getenv("TZ")) : std::nullopt;
+    std::string savedLocale_ = std::setlocale(LC_ALL, nullptr);
 };
 
 // Every text form of 2021-03-05 14:07:09, and of no date ("" in every form).
@@ -96,8 +91,7 @@ TEST_F(DateTimeTest, TextForms) {
     }
     // Daylight saving comes from the zone rule, and another zone shifts the text.
     EXPECT_EQ(Text(LDateTime(kJuly1Noon)), "2021-07-01 12:00:00");
-    ::setenv("TZ", "EST5EDT,M3.2.0,M11.1.0", 1);
-    ::tzset();
+    SetZone("EST5EDT,M3.2.0,M11.1.0");
     EXPECT_EQ(Text(LDateTime(kMarch5)), "2021-03-05 08:07:09");
     EXPECT_EQ(Text(LDateTime(kJuly1Noon)), "2021-07-01 06:00:00");
 }
