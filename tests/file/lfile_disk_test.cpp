@@ -74,18 +74,18 @@ TEST(UniqueOrderedFilePath, CountsFromZero) {
 
 TEST(ErrorPredicates, ClassifyErrno) {
     // Not found, exists, denied, sharing violation.
-    std::pair<int, char const*> const cases[] = {{ENOENT, "1000"},
-                                                 {EEXIST, "0100"},
-                                                 {EACCES, "0011"},
-                                                 {EWOULDBLOCK, "0001"},
-                                                 {EPERM, "0000"}};
-    for (auto [error, expected] : cases) {
+    for (auto [error, expected] : {std::pair{ENOENT, "1000"},
+                                   {EEXIST, "0100"},
+                                   {EACCES, "0011"},
+                                   {EWOULDBLOCK, "0001"},
+                                   {EPERM, "0000"}}) {
         errno = error;
-        std::string got = {char('0' + LFile::IsErrorFileNotFound()),
-                           char('0' + LFile::IsErrorAlreadyExists()),
-                           char('0' + LFile::IsErrorPermissionDenied()),
-                           char('0' + LFile::IsErrorSharingViolation())};
-        EXPECT_EQ(got, expected) << error;
+        EXPECT_EQ(std::string({char('0' + LFile::IsErrorFileNotFound()),
+                               char('0' + LFile::IsErrorAlreadyExists()),
+                               char('0' + LFile::IsErrorPermissionDenied()),
+                               char('0' + LFile::IsErrorSharingViolation())}),
+                  expected)
+            << error;
     }
 }
 
