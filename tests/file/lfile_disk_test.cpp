@@ -153,7 +153,7 @@ TEST(SizeFormattedBytes, LargestUnitTruncated) {
     }
 }
 
-TEST(VolumeFileSizeLimit, TypeNameClassesAndKernelNames) {
+TEST(VolumeFileSizeLimit, TypeNameClassesKernelNamesAndRealPaths) {
     // "msdos" is unlimited by name alone; only the mapping below makes it FAT32.
     std::pair<char const*, int> const limits[] = {{"FAT32", 1}, {"fat16b", 1}, {"FAT16", 0},
                                                   {"Fat", 0},   {"msdos", 2},  {"FAT32X", 2},
@@ -171,9 +171,6 @@ TEST(VolumeFileSizeLimit, TypeNameClassesAndKernelNames) {
         EXPECT_STREQ(_LMapFileSystemTypeName(kernel), name);
     }
     EXPECT_EQ(LFile::_GetVolumeFileSizeLimitFromTypeName(_LMapFileSystemTypeName("msdos")), 1);
-}
-
-TEST(VolumeFileSizeLimit, RealPaths) {
     TempTree tree;
     LMountInfo mount;
     ASSERT_TRUE(_LFindMountForPath(tree.root().c_str(), mount));
@@ -246,7 +243,7 @@ TEST(BlockDeviceFlags, FromSysfsTree) {
     EXPECT_FALSE(_LReadBlockDeviceFlags(sys.root().c_str(), 8, 48, &removable, &internal));
 }
 
-TEST(VolumeTests, LocalTreeAndUnreadablePaths) {
+TEST(VolumeTests, LocalTreeUnreadablePathsNetworkTypesAndWritableDrives) {
     TempTree tree;
     char const* root = tree.root().c_str();
     bool local = false;
@@ -264,9 +261,6 @@ TEST(VolumeTests, LocalTreeAndUnreadablePaths) {
     std::string missing = tree.Path("missing");
     EXPECT_FALSE(LFile::IsNetworkPath(missing.c_str()));
     EXPECT_TRUE(LFile::IsOnLocalDrive(missing.c_str()));
-}
-
-TEST(VolumeTests, NetworkTypesAndWritableDrives) {
     EXPECT_TRUE(_LIsNetworkFileSystemType("nfs4"));
     EXPECT_TRUE(_LIsNetworkFileSystemType("fuse.sshfs"));
     EXPECT_FALSE(_LIsNetworkFileSystemType("fuse"));

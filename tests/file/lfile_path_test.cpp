@@ -305,16 +305,13 @@ TEST(IsFolderValid, WholePathAndComponentMessages) {
     EXPECT_EQ(message(42, "x"), "Invalid folder");
 }
 
-TEST(MimeType, TableIgnoringCase) {
+TEST(SmallPredicates, MimeTypesLettersExtensionListsAndEndings) {
     auto mime = [](char const* ext) { return LFile::GetMimeTypeFromFileExtension(ext); };
     ExpectEach(mime, {{".PDF", "application/pdf"},
                       {".JPG", "image/jpg"},
                       {".WAV", "audio/vnd.wav"},
                       {"txt", "application/octet-stream"}});
     EXPECT_STREQ(mime(nullptr), "application/octet-stream");
-}
-
-TEST(SmallPredicates, LettersExtensionListsAndEndings) {
     EXPECT_TRUE(LFileIsLetterOrNumber('Z'));
     EXPECT_FALSE(LFileIsLetterOrNumber('\xe9'));
     char const* const list[] = {".wav", ".AIFF", ".mp3", nullptr, ".flac"};

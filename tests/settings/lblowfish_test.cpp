@@ -115,7 +115,7 @@ TEST(LBlowFish, EmptyKeyKeepsThePreviousScheduleAndAShortTailIsAWholeBlock) {
 }
 
 // Blocks hold the text and its NUL, zero-padded; the Base64 text breaks after 76 characters.
-TEST(LSettingEncrypt, BlocksOfTheTextAndItsNulBreakingAfterOneLine) {
+TEST(LSettingEncrypt, BlocksOfTheTextAndItsNulBreakAfterOneLineAndGarbageNeverGrows) {
     LStringLongTemplate<char> out;
     LSettingEncrypt(out, "abc");
     ASSERT_EQ(std::string(out.GetText()).size(), 12u);
@@ -143,9 +143,6 @@ TEST(LSettingEncrypt, BlocksOfTheTextAndItsNulBreakingAfterOneLine) {
         LSettingDecrypt(buffer.data());
         EXPECT_EQ(std::string(buffer.data()), text);
     }
-}
-
-TEST(LSettingDecrypt, GarbageNeverGrowsPastItsBuffer) {
     // A short tail deciphers to a whole block that may hold no NUL; the result is cut to fit.
     std::mt19937 rng(8);
     for (int round = 0; round < 200; ++round) {

@@ -145,7 +145,7 @@ TEST(LHashTableModel, AgreesWithAMultimapOverRandomOperations) {
     ASSERT_EQ(Contents(table), Contents(model));
 }
 
-TEST(LHashTable, AccessorsUseThePrintfFormsAndFallBackOnlyWhenEmptyOrAbsent) {
+TEST(LHashTable, AccessorsUsePrintfFormsFallBackOnlyWhenEmptyOrAbsentAndCutFixedForms) {
     LHashTable t = Table({{"int", "12abc"},
                           {"word", "abc"},
                           {"empty", ""},
@@ -180,10 +180,6 @@ TEST(LHashTable, AccessorsUseThePrintfFormsAndFallBackOnlyWhenEmptyOrAbsent) {
     order.SetParm("a", "1");
     order.SetParmBottom("A", "2");
     EXPECT_EQ(Contents(order), (Pairs{{"A", "2"}, {"a", "1"}}));
-}
-
-TEST(LHashTable, LongValuesAreCutOnlyWhereTheFormIsFixed) {
-    LHashTable t;
     // Numbers are read from the first 259 characters.
     t.SetString("n", (std::string(259, '0') + "9").c_str());
     EXPECT_EQ(t.GetInt("n", 5), 0);

@@ -48,7 +48,7 @@ TEST_F(SettingsStore, FullKeyNamesJoinOnceAndCut) {
     EXPECT_TRUE(LUserSettingTestKeyFullPathExists("A/b"));
 }
 
-TEST_F(SettingsStore, ValuesRoundTripThroughAFileOtherToolsRead) {
+TEST_F(SettingsStore, ValuesAndPasswordsRoundTripThroughAFileOtherToolsRead) {
     std::string longValue(300, 'v');
     ASSERT_TRUE(LUserSettingSetString("General", "Name", "caf\xc3\xa9"));
     ASSERT_TRUE(LUserSettingSetString("General", "Long", longValue.c_str()));
@@ -60,10 +60,10 @@ TEST_F(SettingsStore, ValuesRoundTripThroughAFileOtherToolsRead) {
     EXPECT_EQ(std::wstring(LSettingGetUnicodeString("Wide", "W", L"d", wide)), L"\u00e9\U0001F600");
     EXPECT_EQ(std::wstring(LSettingGetUnicodeString("Wide", "X", L"d", wide)), L"d");
     // The host's file is an ordinary property list.
-    std::string out = home_.tree().Path("dump.xml");
-    std::string command = "plistutil -i '" + HostFile() + "' -o '" + out + "' -f xml";
+    std::string dump = home_.tree().Path("dump.xml");
+    std::string command = "plistutil -i '" + HostFile() + "' -o '" + dump + "' -f xml";
     ASSERT_EQ(system(command.c_str()), 0);
-    std::string text = Read(out);
+    std::string text = Read(dump);
     EXPECT_NE(text.find("<key>General/Name</key>"), std::string::npos);
     EXPECT_NE(text.find("<string>caf\xc3\xa9</string>"), std::string::npos);
     ASSERT_TRUE(LUserSettingDeleteItem("General", "Name"));
@@ -72,9 +72,6 @@ TEST_F(SettingsStore, ValuesRoundTripThroughAFileOtherToolsRead) {
     ASSERT_TRUE(LUserSettingDeleteSection("GENERAL/"));
     EXPECT_FALSE(LUserSettingTestKeyExists("General"));
     EXPECT_TRUE(LUserSettingTestExists("Wide", "W"));
-}
-
-TEST_F(SettingsStore, PasswordsAreStoredEncipheredUnderTheirHiddenKey) {
     ASSERT_TRUE(LUserSettingSetPassword("Account", "name", "s3cret"));
     std::string stored = Get("Account", "__name");
     LStringLongTemplate<char> expected;
