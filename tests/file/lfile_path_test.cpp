@@ -78,7 +78,7 @@ std::string JoinWav(char const* folder, char const* name) {
     return Into(LFile::_MakeFilePath, folder, name, ".wav");
 }
 
-TEST(MakeFilePath, JoinsWithOneSlashAndCuts) {
+TEST(MakeFilePath, JoinsWithOneSlashAndCutsEvenInPlace) {
     ExpectEach2(JoinWav, {{"/a", "b", "/a/b.wav"}, {"/a/", "b", "/a/b.wav"}, {"", "b", "b.wav"}});
     EXPECT_EQ(Into(LFile::_MakeFilePath, "C:\\x\\", "b", ""), "C:\\x\\b");  // "\" separates
     EXPECT_EQ(Into(LFile::_MakeFilePath, "/a", nullptr, nullptr), "/a/");
@@ -89,9 +89,7 @@ TEST(MakeFilePath, JoinsWithOneSlashAndCuts) {
     std::string joined = Into(LFile::_MakeFilePath, "/a", Repeat('n', 250).c_str(), ".wav.longer");
     EXPECT_EQ(joined.size(), 259u);
     EXPECT_EQ(joined.substr(253), ".wav.l");
-}
-
-TEST(MakeFilePath, FolderMayBeTheDestination) {
+    // The folder may be the destination.
     PathBuf dst;
     strcpy(dst, "/srv/data");
     LFile::_MakeFilePath(dst, dst, "x", ".txt");
@@ -250,24 +248,6 @@ TEST(PreprocessName, CleansUserText) {
                        {"Gr\xc3\xbc\xc3\x9f", "1:Gr\xc3\xbc\xc3\x9f"}});  // UTF-8 passes
 }
 
-TEST(NameValidate, CodesInOrder) {
-    auto code = [](char const* name) { return std::to_string(LFileOrFolderNameValidate(name)); };
-    ExpectEach(code, {{"", "1"},
-                      {Repeat('a', 259), "0"},
-                      {Repeat('a', 260), "2"},
-                      {".x", "4"},
-                      {".x\t:", "4"},  // the period is decided first
-                      {"a\\b", "6"},
-                      {"a\t:", "5"},
-                      {"a:\t", "6"},
-                      {"a\x7f", "0"}});
-    // A trailing space or period (3) and reserved names (7) are accepted on this platform.
-    for (char const* name : {"name.", "name ", "CON", "LPT9"}) {
-        EXPECT_FALSE(LFileNameIsReserved(name)) << name;
-        EXPECT_EQ(LFileOrFolderNameValidate(name), 0) << name;
-    }
-}
-
 // The message a validator leaves, checked against its result (valid exactly when empty).
 template <bool (*validate)(char const*, char*)>
 std::string Message(char const* name) {
@@ -284,8 +264,18 @@ TEST(IsFileValid, EveryMessage) {
                 {"", "File name is blank. Please provide a file name."},
                 {Repeat('a', 300), "File name may not be more than 260 characters long"},
                 {".hidden", "File name may not start with a period"},
+                {".x\t:", "File name may not start with a period"},  // decided first
                 {"a\x1f", "File name may not contain control characters"},
-                {"a:b", "File name may not contain characters : / \\"}});
+                {"a\t:", "File name may not contain control characters"},
+                {"a:b", "File name may not contain characters : / \\"},
+                {"a:\t", "File name may not contain characters : / \\"},
+                {"a\\b", "File name may not contain characters : / \\"},
+                // A trailing space or period and reserved names are accepted here.
+                {"name. ", ""},
+                {"LPT9", ""},
+                {"a\x7f", ""}});
+    EXPECT_FALSE(LFileNameIsReserved("CON"));
+    EXPECT_EQ(LFileOrFolderNameValidate(std::string(259, 'a').c_str()), 0);
     EXPECT_STREQ(LFile::_GetFileNameMessage(8), "Invalid file name");
     EXPECT_FALSE(LFile::IsFileValid("a/b", nullptr));
 }
@@ -315,16 +305,13 @@ TEST(IsFolderValid, WholePathAndComponentMessages) {
     EXPECT_EQ(message(42, "x"), "Invalid folder");
 }
 
-TEST(MimeType, TableIgnoringCase) {
+TEST(SmallPredicates, MimeTypesLettersExtensionListsAndEndings) {
     auto mime = [](char const* ext) { return LFile::GetMimeTypeFromFileExtension(ext); };
     ExpectEach(mime, {{".PDF", "application/pdf"},
                       {".JPG", "image/jpg"},
                       {".WAV", "audio/vnd.wav"},
                       {"txt", "application/octet-stream"}});
     EXPECT_STREQ(mime(nullptr), "application/octet-stream");
-}
-
-TEST(SmallPredicates, LettersExtensionListsAndEndings) {
     EXPECT_TRUE(LFileIsLetterOrNumber('Z'));
     EXPECT_FALSE(LFileIsLetterOrNumber('\xe9'));
     char const* const list[] = {".wav", ".AIFF", ".mp3", nullptr, ".flac"};

@@ -9,8 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -21,14 +19,8 @@
 
 namespace {
 
+using ltest::Slurp;
 using ltest::TempTree;
-
-std::string Slurp(std::string const& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
 
 // A file with the given bytes, opened for reading.
 class OpenFile {
@@ -114,7 +106,7 @@ TEST(ReadLine, LongLinesAndBlockBoundaries) {
     EXPECT_FALSE(buffered.ReadLine(line.data(), line.size()));
 }
 
-TEST(LengthPrefixed, ShortLongAndOverLongStrings) {
+TEST(Writers, LengthPrefixedStringsLinesAndFormattedText) {
     TempTree tree;
     std::string path = tree.Path("s.bin");
     std::string s254(254, 'a'), s255(255, 'b'), s300(300, 'c');
@@ -123,14 +115,20 @@ TEST(LengthPrefixed, ShortLongAndOverLongStrings) {
         for (std::string const& s : {std::string(), s254, s255, s300, std::string("end")}) {
             out.WriteStringLenUTF8(s.c_str());
         }
+        out.WriteLineCRLF("[S]");
+        out.WriteLineLF("k=v");
+        out.WriteString(LStringLongTemplate<char>("s"));
+        fprintf(out, "%s=%d;", "n", 42ll);
+        LWriteFileRef().WriteString("nowhere");
     }
     std::string bytes = Slurp(path);
-    ASSERT_EQ(bytes.size(), 1 + 255 + 260 + 305 + 4u);
+    ASSERT_EQ(bytes.size(), 1 + 255 + 260 + 305 + 4u + 15u);
+    EXPECT_EQ(bytes.substr(825), "[S]\r\nk=v\nsn=42;");
     EXPECT_EQ(bytes[0], 0);
     EXPECT_EQ(static_cast<unsigned char>(bytes[1]), 254);
     EXPECT_EQ(bytes.substr(256, 5), std::string("\xFF\xFF\x00\x00\x00", 5));
     EXPECT_EQ(bytes.substr(516, 5), std::string("\xFF\x2C\x01\x00\x00", 5));
-    OpenFile f(bytes);
+    OpenFile f(bytes.substr(0, 825));
     LReadFileRef in(f.fd());
     char buffer[kLPathSize];
     // The rest of the 300 bytes is skipped; at the end the text is empty.
@@ -176,20 +174,6 @@ TEST(Buffered, ReadPeekSeekKeepTheLogicalPosition) {
     EXPECT_EQ(r.Read(out.data(), 100), 10u);
     EXPECT_EQ(std::string(out.data(), 10), bytes.substr(29990));
     EXPECT_EQ(LReadFileBuffered().Read(out.data(), 10), 0u);
-}
-
-TEST(Writers, LinesStringsAndFormattedText) {
-    TempTree tree;
-    std::string path = tree.Path("w.txt");
-    {
-        LWriteFile out(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644));
-        out.WriteLineCRLF("[Section]");
-        out.WriteLineLF("k=v");
-        out.WriteString(LStringLongTemplate<char>("s"));
-        fprintf(out, "%s=%d;", "n", 42ll);
-        LWriteFileRef().WriteString("nowhere");
-    }
-    EXPECT_EQ(Slurp(path), "[Section]\r\nk=v\nsn=42;");
 }
 
 // The loaders on each mark; every file holds "hé" and, for UTF-16, a character above U+FFFF.

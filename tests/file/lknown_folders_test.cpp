@@ -124,7 +124,7 @@ TEST(NonSandboxed, FromTheUserDatabaseNotHome) {
     EXPECT_EQ(Get(LFile::GetUserFolder), account);
 }
 
-TEST(ProgramFolders, DataFoldersAndTheSharedSubFolderOpenedToEverybody) {
+TEST(ProgramFolders, DataFoldersAndSharedSubFoldersOpenedToEverybody) {
     IsolatedHome h;
     std::string support = h.home() + "/Library/Application Support";
     std::string app = support + "/KavelPLVadHelper";
@@ -150,16 +150,12 @@ TEST(ProgramFolders, DataFoldersAndTheSharedSubFolderOpenedToEverybody) {
     chmod(dst, 0700);
     LFile::GetSharedDataFolderAppSubFolder("Presets", dst);
     EXPECT_EQ(ModeOf(dst), 0700u);
-}
-
-TEST(ProgramFolders, NoWarnFolderCreatesEachLevel) {
-    IsolatedHome h;
-    std::string support = h.tree().MakeFolder("data");
-    EnvOverride d("XDG_DATA_HOME", support);
-    char dst[kLPathSize];
+    // The variant that warns nobody creates each level, opened to everybody too.
+    std::string data = h.tree().MakeFolder("data");
+    EnvOverride d("XDG_DATA_HOME", data);
     LFile::GetSharedDataFolderAppNoWarn(dst);
-    EXPECT_EQ(std::string(dst), support + "/Tessaly Software/KavelPLVadHelper");
-    EXPECT_EQ(ModeOf(support + "/Tessaly Software"), 0777u);
+    EXPECT_EQ(std::string(dst), data + "/Tessaly Software/KavelPLVadHelper");
+    EXPECT_EQ(ModeOf(data + "/Tessaly Software"), 0777u);
     EXPECT_EQ(ModeOf(dst), 0777u);
 }
 

@@ -1,6 +1,6 @@
 // Test fixtures shared by the test suites: a temporary folder removed with everything in it,
-// and environment overrides restored on scope exit (HOME and the XDG_* variables are read by the
-// code under test, so every test that points them elsewhere must put them back).
+// a file reader, and environment overrides restored on scope exit (HOME and the XDG_* variables are
+// read by the code under test, so every test that points them elsewhere must put them back).
 #pragma once
 
 #include <fcntl.h>
@@ -11,6 +11,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <vector>
@@ -20,12 +21,8 @@ namespace ltest {
 class TempTree {
 public:
     TempTree() {
-        std::string pattern =
-            (std::filesystem::temp_directory_path() / "lfile_test_XXXXXX").string();
-        std::vector<char> buffer(pattern.begin(), pattern.end());
-        buffer.push_back(0);
-        char* made = mkdtemp(buffer.data());
-        root_ = made != nullptr ? made : "";
+        std::string pattern = (std::filesystem::temp_directory_path() / "lfile_test_XXXXXX");
+        root_ = mkdtemp(pattern.data()) != nullptr ? pattern : "";
     }
     ~TempTree() {
         std::error_code ec;
@@ -40,15 +37,20 @@ public:
         return Path(relative);
     }
     std::string MakeFile(std::string const& relative, std::string const& content = "x") const {
-        std::filesystem::path p = Path(relative);
-        std::filesystem::create_directories(p.parent_path());
-        std::ofstream(p) << content;
-        return p.string();
+        std::filesystem::create_directories(std::filesystem::path(Path(relative)).parent_path());
+        std::ofstream(Path(relative)) << content;
+        return Path(relative);
     }
 
 private:
     std::string root_;
 };
+
+// A file's bytes as they are ("" when it cannot be read).
+inline std::string Slurp(std::string const& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
 
 // Sets (or, with nullptr, unsets) one environment variable for the scope; Set changes it
 // again within the scope. The value found at construction is what comes back at the end.
@@ -63,11 +65,7 @@ public:
     EnvOverride(char const* name, std::string const& value) : EnvOverride(name, value.c_str()) {}
     ~EnvOverride() { Set(old_ ? old_->c_str() : nullptr); }
     void Set(char const* value) {
-        if (value != nullptr) {
-            setenv(name_.c_str(), value, 1);
-        } else {
-            unsetenv(name_.c_str());
-        }
+        value != nullptr ? setenv(name_.c_str(), value, 1) : unsetenv(name_.c_str());
     }
     EnvOverride(EnvOverride const&) = delete;
     EnvOverride& operator=(EnvOverride const&) = delete;
@@ -85,9 +83,7 @@ inline bool SetImmutable(std::string const& path, bool on) {
     bool done = fd >= 0 && ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
     flags = on ? flags | FS_IMMUTABLE_FL : flags & ~FS_IMMUTABLE_FL;
     done = done && ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
-    if (fd >= 0) {
-        close(fd);
-    }
+    close(fd);  // harmless on -1
     return done;
 }
 

@@ -59,29 +59,23 @@ std::vector<unsigned char> RandomBytes(std::mt19937& rng, size_t n) {
 
 }  // namespace
 
-TEST(LBase64, EveryFlagCombinationMatchesOpenSSLOnRandomInput) {
+// Every length up to five lines, each flag combination: the text, the size announced for it,
+// and the decoder giving the bytes back (so every alphabet character is decoded too).
+TEST(LBase64, EveryFlagCombinationMatchesOpenSSLAndDecodesBack) {
     std::mt19937 rng(1234);
     for (unsigned flags = 0; flags < 4; ++flags) {
         for (size_t n = 0; n < 400; ++n) {
             const auto data = RandomBytes(rng, n);
-            ASSERT_EQ(Encode(data, flags), Expected(data, flags))
-                << "length " << n << " flags " << flags;
-        }
-    }
-}
-
-TEST(LBase64, RequiredLengthCoversTheOutputForEveryFlagCombination) {
-    std::mt19937 rng(11);
-    for (unsigned flags = 0; flags < 4; ++flags) {
-        for (int n = 0; n < 240; ++n) {
-            const auto data = RandomBytes(rng, static_cast<size_t>(n));
-            const int need = Base64EncodeGetRequiredLength(n, flags);
-            ASSERT_GE(need, static_cast<int>(Encode(data, flags).size()))
-                << "length " << n << " flags " << flags;
+            const std::string text = Encode(data, flags);
+            ASSERT_EQ(text, Expected(data, flags)) << "length " << n << " flags " << flags;
+            ASSERT_GE(Base64EncodeGetRequiredLength(static_cast<int>(n), flags),
+                      static_cast<int>(text.size()));
+            ASSERT_EQ(Decode(text), data) << "length " << n << " flags " << flags;
         }
     }
     EXPECT_EQ(Base64EncodeGetRequiredLength(57, 0), 80);  // breaks counted from 76 characters
     EXPECT_EQ(Base64EncodeGetRequiredLength(1, kLBase64NoPadding), 6);  // rounded up to 4
+    EXPECT_EQ(Base64EncodeGetRequiredLength(-1, 0), 0);
 }
 
 TEST(LBase64, FixedBufferFormCutsAt259CharactersAndNullDataWritesNothing) {
@@ -90,7 +84,6 @@ TEST(LBase64, FixedBufferFormCutsAt259CharactersAndNullDataWritesNothing) {
     char out[260];
     std::memset(out, 'x', sizeof(out));
     LBase64Encode(data.data(), data.size(), out, kLBase64NoLineBreaks);
-    EXPECT_EQ(std::strlen(out), 259u);
     EXPECT_EQ(std::string(out), OpenSSLEncode(data).substr(0, 259));
     LBase64Encode(data.data(), 57, out, 0);
     EXPECT_EQ(std::string(out), Encode({data.begin(), data.begin() + 57}, 0));
@@ -101,33 +94,21 @@ TEST(LBase64, FixedBufferFormCutsAt259CharactersAndNullDataWritesNothing) {
     EXPECT_STREQ(text.GetText(), "");
 }
 
-TEST(LBase64, DecodeSkipsEverythingOutsideTheAlphabet) {
-    EXPECT_EQ(Decode(std::string("QU\r\nJD")), (std::vector<unsigned char>{'A', 'B', 'C'}));
-    EXPECT_EQ(Decode("Q U=J\tD=="), (std::vector<unsigned char>{'A', 'B', 'C'}));
+TEST(LBase64, DecodeSkipsWhatIsOutsideTheAlphabetAndStopsAtTheLengthOrANul) {
+    const std::vector<unsigned char> abc{'A', 'B', 'C'};
+    EXPECT_EQ(Decode("Q U=J\tD=="), abc);
     EXPECT_EQ(Decode("QUI"), (std::vector<unsigned char>{'A', 'B'}));  // 3 characters: 2 bytes
-    EXPECT_EQ(Decode("QUJDQ"), (std::vector<unsigned char>{'A', 'B', 'C'}));  // 1 left: none
+    EXPECT_EQ(Decode("QUJDQ"), abc);                                   // 1 left over: no byte
     EXPECT_TRUE(Decode("!!==\r\n").empty());
-}
-
-TEST(LBase64, DecodeStopsAtTheLengthOrTheFirstNul) {
+    EXPECT_EQ(Decode(std::string("QUJD\0REVG", 9)), abc);
     LSizedArray<unsigned char> out;
     LBase64Decode("QUJDREVG", 4, out);
-    ASSERT_EQ(out.GetSize(), 3u);
-    EXPECT_EQ(std::memcmp(out.GetData(), "ABC", 3), 0);
-    const char withNul[] = "QUJD\0REVG";
-    LBase64Decode(withNul, sizeof(withNul) - 1, out);
-    EXPECT_EQ(out.GetSize(), 3u);
+    EXPECT_EQ(std::vector<unsigned char>(out.GetData(), out.GetData() + out.GetSize()), abc);
     LBase64Decode(nullptr, 4, out);
     EXPECT_EQ(out.GetSize(), 0u);
-}
-
-TEST(LBase64, DecodeCharGivesAlphabetIndexOrMinusOne) {
-    const std::string alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    for (unsigned c = 0; c < 256; ++c) {
-        const auto pos = alphabet.find(static_cast<char>(c));
-        const int expected = c != 0 && pos != std::string::npos ? static_cast<int>(pos) : -1;
-        ASSERT_EQ(DecodeBase64Char(c), expected) << c;
-    }
+    EXPECT_EQ(DecodeBase64Char('/'), 63);
+    EXPECT_EQ(DecodeBase64Char(0), -1);
+    EXPECT_EQ(DecodeBase64Char('='), -1);
     EXPECT_EQ(DecodeBase64Char(0x141), -1);  // 'A' + 256 is not 'A'
     EXPECT_EQ(DecodeBase64Char(~0u), -1);
 }

@@ -8,8 +8,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -20,12 +18,7 @@
 
 namespace {
 
-std::string Slurp(std::string const& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
+using ltest::Slurp;
 
 class DatFileTest : public ::testing::Test {
 protected:
@@ -124,7 +117,7 @@ TEST_F(DatFileTest, TypedAccessorsWriteAndReadTheirTextForms) {
     EXPECT_FALSE(file.GetBool("S", "absent", false));
 }
 
-TEST_F(DatFileTest, ListItemsMoveWithoutRenumbering) {
+TEST_F(DatFileTest, ListItemsMoveWithoutRenumberingAndTablesSaveInKeyOrder) {
     EXPECT_EQ(file.AddList("L", "item"), 0);
     EXPECT_EQ(file.AddList("L", "item"), 1);
     EXPECT_EQ(file.AddList("L", "item"), 2);
@@ -134,15 +127,13 @@ TEST_F(DatFileTest, ListItemsMoveWithoutRenumbering) {
     EXPECT_EQ(Get("L", "item0name"), "-");
     EXPECT_EQ(Get("L", "item2name"), "zero");
     EXPECT_EQ(file.GetListCount("L", "item"), 3);
-}
-
-TEST_F(DatFileTest, TableIsSavedPairByPairInKeyOrder) {
+    // A table is saved pair by pair, in key order.
     LHashTable table;
     table.SetString("b", "2");
     table.SetString("a", "1");
     table.SetString("C", "3");
     table.SaveDatFile(file, "T");
-    EXPECT_EQ(Slurp(path), "[T]\r\nC=3\r\na=1\r\nb=2\r\n\r\n");
+    EXPECT_NE(Slurp(path).find("[T]\r\nC=3\r\na=1\r\nb=2\r\n\r\n"), std::string::npos);
 }
 
 TEST_F(DatFileTest, ChangesOfAnotherProcessAreMergedByTimeOrSize) {
