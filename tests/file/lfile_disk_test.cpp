@@ -303,4 +303,41 @@ TEST(FileLocked, AnsweredWithoutReadPermission) {
     EXPECT_EQ(result, 0);
 }
 
+// Where "/" is not a mount point (a chroot into a plain folder) the mount table lists no
+// mount above most paths; the lookup still finds the mount holding them. Run in a child with
+// a private mount namespace, so nothing mounted here reaches the machine.
+TEST(MountTable, FoundWhereRootIsNotAMountPoint) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root to chroot and mount";
+    }
+    TempTree tree;
+    LMountInfo outside;
+    ASSERT_TRUE(_LFindMountForPath(tree.root().c_str(), outside));
+    tree.MakeFolder("proc");
+    tree.MakeFolder("sub/deeper");
+    pid_t child = ltest::ForkChild([&] {
+        if (!ltest::UnshareMountsPrivately() ||
+            mount("proc", tree.Path("proc").c_str(), "proc", 0, nullptr) != 0 ||
+            chroot(tree.root().c_str()) != 0 || chdir("/") != 0) {
+            return 2;
+        }
+        const struct {
+            char const* path;
+            char const* mountPoint;
+            std::string fsType;
+        } cases[] = {{"/", "/", outside.fsType},
+                     {"/sub/deeper", "/", outside.fsType},
+                     {"/proc/self", "/proc", "proc"}};
+        for (auto const& c : cases) {
+            LMountInfo m;
+            if (!_LFindMountForPath(c.path, m) || m.mountPoint != c.mountPoint ||
+                m.fsType != c.fsType) {
+                return 1;
+            }
+        }
+        return 0;
+    });
+    EXPECT_EQ(ltest::WaitChild(child), 0);
+}
+
 }  // namespace
