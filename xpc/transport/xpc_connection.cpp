@@ -131,6 +131,12 @@ struct Socket {
     bool shared = false;        // the reader waits on readerSet, not in recvmsg
     bool draining = false;      // a thread (the reader, or a caller) is receiving
     bool receiveEnded = false;  // a caller met the socket's end; the reader ends it
+    // Between synchronous requests the socket stays with the callers for a short while
+    // (`lent`, until `lentUntil`): the next caller takes it without changing the reader's
+    // wait set, and the reader takes it back only once the callers leave it alone.
+    bool lent = false;
+    bool readerTimed = false;  // the reader looks again within kLendTime
+    std::chrono::steady_clock::time_point lentUntil;
 };
 using SocketRef = std::shared_ptr<Socket>;
 
@@ -530,6 +536,11 @@ Received ReceiveOne(Connection* c, const SocketRef& sock, std::span<uint8_t> buf
     return Received::packet;
 }
 
+// How long a socket stays with synchronous callers after a reply (see ReaderWaitAndDrain):
+// back-to-back requests then cost no change of the reader's wait set, and a packet that is
+// no caller's waits at most this long for the reader.
+constexpr auto kLendTime = std::chrono::milliseconds(2);
+
 // The receive buffer of the calling thread (a reader's, or a caller's reading its reply).
 // Left uninitialised: only the pages that packets reach become resident.
 std::span<uint8_t> ThreadBuffer() {
@@ -608,11 +619,32 @@ bool ReaderShares(Connection* c, Socket& sock) {
 }
 
 // One wait of a reader on its wait set and the draining it is woken for; false once the
-// socket has ended.
+// socket has ended. While callers hold the socket, the reader waits at most kLendTime at a
+// time, and takes the socket back once they left it alone that long: packets that are no
+// caller's reply wait at most that long for it.
 bool ReaderWaitAndDrain(Connection* c, const SocketRef& sock) {
+    int timeoutMs = -1;
+    {
+        std::lock_guard lock(c->mutex);
+        const auto now = std::chrono::steady_clock::now();
+        if (sock->lent && !sock->draining && now >= sock->lentUntil &&
+            os::WatchSocket(sock->readerSet, sock->fd, true)) {
+            sock->lent = false;  // what arrived meanwhile raises an event at once
+        }
+        sock->readerTimed = sock->lent || sock->draining;
+        if (sock->readerTimed) {
+            const auto left = sock->lent ? sock->lentUntil - now : kLendTime;
+            timeoutMs =
+                1 + static_cast<int>(
+                        std::chrono::duration_cast<std::chrono::milliseconds>(left).count());
+        }
+    }
     bool readable = false;
     bool woken = false;
-    return os::WaitOn(sock->readerSet, sock->wakeup, readable, woken) && Drain(c, sock);
+    if (!os::WaitOn(sock->readerSet, sock->wakeup, readable, woken, timeoutMs)) {
+        return false;
+    }
+    return (!readable && !woken) || Drain(c, sock);  // neither: the time ran out
 }
 
 void ReaderMain(Connection* c, SocketRef sock) {
@@ -995,9 +1027,18 @@ SocketRef ClaimSocket(Connection* c) {
         sock->wantShared = true;
         return nullptr;
     }
-    if (sock->draining || !os::WatchSocket(sock->readerSet, sock->fd, false)) {
+    if (sock->draining) {
         return nullptr;  // the reader (or another caller) receives; it hands the reply over
     }
+    if (!sock->lent) {
+        if (!os::WatchSocket(sock->readerSet, sock->fd, false)) {
+            return nullptr;
+        }
+        if (!sock->readerTimed) {
+            os::Wake(sock->wakeup);  // from now on the reader looks again now and then
+        }
+    }
+    sock->lent = false;
     sock->draining = true;
     return sock;
 }
@@ -1015,13 +1056,20 @@ void ReceiveOwnReply(Connection* c, const SocketRef& sock, const SyncWait& wait)
     }
     {
         // Together, under the lock: the next caller's claim must not find the socket free
-        // before the watch is back, or this hand-back could rearm the reader's set in the
-        // middle of that caller's request. The watch handed back wakes the reader for
-        // anything still unread, so a reader that stepped aside meanwhile is owed nothing.
+        // before it is lent or watched again, or this hand-back could rearm the reader's set
+        // in the middle of that caller's request. Lent, the socket goes back to the reader
+        // within kLendTime (the reader waits that long at most while a caller holds it); the
+        // watch handed back wakes the reader for anything still unread, so a reader that
+        // stepped aside meanwhile is owed nothing.
         std::lock_guard lock(c->mutex);
-        os::WatchSocket(sock->readerSet, sock->fd, true);
+        if (ended) {
+            os::WatchSocket(sock->readerSet, sock->fd, true);
+            sock->receiveEnded = true;
+        } else {
+            sock->lent = true;
+            sock->lentUntil = std::chrono::steady_clock::now() + kLendTime;
+        }
         sock->draining = false;
-        sock->receiveEnded = sock->receiveEnded || ended;
     }
     if (ended) {
         os::Wake(sock->wakeup);  // the reader ends the socket

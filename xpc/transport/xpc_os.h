@@ -80,9 +80,10 @@ int MakeWaitSet(int socket, int wakeup);
 // Stops (or resumes) a set's watch of its socket; resuming wakes the set when the socket
 // is readable already.
 bool WatchSocket(int waitSet, int socket, bool watch);
-// Blocks until the wait set signals; `readable` and `woken` tell whether the socket and
-// `wakeup` did. False when it cannot wait.
-bool WaitOn(int waitSet, int wakeup, bool& readable, bool& woken);
+// Blocks until the wait set signals, or for `timeoutMs` at most (-1: no limit); `readable`
+// and `woken` tell whether the socket and `wakeup` did (neither: the time ran out). False
+// when it cannot wait.
+bool WaitOn(int waitSet, int wakeup, bool& readable, bool& woken, int timeoutMs = -1);
 
 enum class IoStatus { ok, wouldBlock, closed, failed };
 // Sends one packet with its descriptors; without `block` a full socket gives wouldBlock.

@@ -396,11 +396,11 @@ bool WatchSocket(int waitSet, int socket, bool watch) {
     return ::epoll_ctl(waitSet, EPOLL_CTL_MOD, socket, &event) == 0;
 }
 
-bool WaitOn(int waitSet, int wakeup, bool& readable, bool& woken) {
+bool WaitOn(int waitSet, int wakeup, bool& readable, bool& woken, int timeoutMs) {
     epoll_event events[2];
     for (;;) {
-        const int rc = ::epoll_wait(waitSet, events, 2, -1);
-        if (rc > 0) {
+        const int rc = ::epoll_wait(waitSet, events, 2, timeoutMs);
+        if (rc >= 0) {
             readable = woken = false;
             for (int i = 0; i < rc; ++i) {
                 (events[i].data.fd == wakeup ? woken : readable) = true;
