@@ -137,6 +137,7 @@ struct Socket {
     bool lent = false;
     bool readerTimed = false;  // the reader looks again within kLendTime
     std::chrono::steady_clock::time_point lentUntil;
+    std::chrono::steady_clock::time_point claimedAt;  // when the receiving caller took it
 };
 using SocketRef = std::shared_ptr<Socket>;
 
@@ -540,6 +541,9 @@ Received ReceiveOne(Connection* c, const SocketRef& sock, std::span<uint8_t> buf
 // back-to-back requests then cost no change of the reader's wait set, and a packet that is
 // no caller's waits at most this long for the reader.
 constexpr auto kLendTime = std::chrono::milliseconds(2);
+// How long the reader looks again every kLendTime while a caller receives; past that it
+// waits until the caller hands the socket back.
+constexpr auto kLendLookout = std::chrono::milliseconds(50);
 
 // The receive buffer of the calling thread (a reader's, or a caller's reading its reply).
 // Left uninitialised: only the pages that packets reach become resident.
@@ -631,7 +635,9 @@ bool ReaderWaitAndDrain(Connection* c, const SocketRef& sock) {
             os::WatchSocket(sock->readerSet, sock->fd, true)) {
             sock->lent = false;  // what arrived meanwhile raises an event at once
         }
-        sock->readerTimed = sock->lent || sock->draining;
+        // A caller waiting long for its reply is not looked after: it wakes the reader when
+        // it hands the socket back.
+        sock->readerTimed = sock->lent || (sock->draining && now - sock->claimedAt < kLendLookout);
         if (sock->readerTimed) {
             const auto left = sock->lent ? sock->lentUntil - now : kLendTime;
             timeoutMs =
@@ -1040,6 +1046,7 @@ SocketRef ClaimSocket(Connection* c) {
     }
     sock->lent = false;
     sock->draining = true;
+    sock->claimedAt = std::chrono::steady_clock::now();
     return sock;
 }
 
@@ -1068,6 +1075,9 @@ void ReceiveOwnReply(Connection* c, const SocketRef& sock, const SyncWait& wait)
         } else {
             sock->lent = true;
             sock->lentUntil = std::chrono::steady_clock::now() + kLendTime;
+            if (!sock->readerTimed) {
+                os::Wake(sock->wakeup);  // the reader is to take it back in time
+            }
         }
         sock->draining = false;
     }
