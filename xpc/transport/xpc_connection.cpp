@@ -639,10 +639,12 @@ bool ReaderWaitAndDrain(Connection* c, const SocketRef& sock) {
         // it hands the socket back.
         sock->readerTimed = sock->lent || (sock->draining && now - sock->claimedAt < kLendLookout);
         if (sock->readerTimed) {
+            // Past the lease (the wait set refused the socket back) the reader tries again
+            // in a millisecond rather than waiting without a limit.
             const auto left = sock->lent ? sock->lentUntil - now : kLendTime;
             timeoutMs =
-                1 + static_cast<int>(
-                        std::chrono::duration_cast<std::chrono::milliseconds>(left).count());
+                1 + static_cast<int>(std::max<std::chrono::milliseconds::rep>(
+                        0, std::chrono::duration_cast<std::chrono::milliseconds>(left).count()));
         }
     }
     bool readable = false;
