@@ -14,8 +14,6 @@
 #include <string>
 #include <string_view>
 
-#include "service_process.h"
-
 namespace {
 
 using PlistPtr = std::unique_ptr<void, decltype(&plist_free)>;
@@ -25,7 +23,7 @@ PlistPtr Section(char const* name, std::string& bytes) {
     char tmpl[] = "/tmp/embedded_plists_test.XXXXXX";
     std::string const out = std::string(mkdtemp(tmpl)) + "/section";
     std::string const command = std::string("objcopy -O binary --only-section=") + name + " '" +
-                                helper_test::ServiceExecutable() + "' '" + out + "'";
+                                VADHELPER_EXE + "' '" + out + "'";
     if (std::system(command.c_str()) == 0) {
         std::ifstream in(out, std::ios::binary);
         bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());

@@ -20,11 +20,6 @@ extern char** environ;
 
 namespace helper_test {
 
-// The executables of this build.
-inline std::string ServiceExecutable() {
-    return VADHELPER_EXE;
-}
-
 // Spawns argv with environ plus `extra` ("NAME=value") entries.
 inline pid_t Spawn(std::vector<std::string> const& argv, std::vector<std::string> extra) {
     for (char** e = environ; *e; ++e)
@@ -45,7 +40,7 @@ public:
     // `extra`: further environment entries of the service ("NAME=value").
     explicit ServiceProcess(std::vector<std::string> extra = {}) {
         extra.push_back("LXPC_SERVICE_DIR=" + dir_.root());
-        pid_ = Spawn({ServiceExecutable()}, extra);
+        pid_ = Spawn({VADHELPER_EXE}, extra);
         auto const socket = dir_.Path("com.tessalysoftware.KavelPL.VadHelper.sock");
         for (int i = 0; i < 400 && pid_ > 0 && !ready_; ++i) {
             ready_ = std::filesystem::is_socket(socket);
