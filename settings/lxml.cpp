@@ -217,8 +217,8 @@ void PutUTF8(uint32_t cp, Sink&& put) {
 // Expands the entity after '&' through put, one character at a time.
 template <typename Sink>
 void XMLAmpChar(Loader& loader, Sink&& put) {
-    // The named entities, as they nearly always come, are matched where they stand. Each test
-    // stops at the first character that differs, so none looks past the end of the text.
+    // The named entities are matched where they stand (the text is one terminated buffer).
+    // Each test stops at the first character that differs, so none looks past its end.
     const char* p = loader.m_pText + loader.m_nPosition;
     char named = 0;
     int length = 0;
@@ -241,11 +241,9 @@ void XMLAmpChar(Loader& loader, Sink&& put) {
         put(named);
         return;
     }
+    // Anything else is a character reference, or an entity this reader does not know.
     char entity[kEntityLimit + 1];
     int n = 0;
-    // The first characters also gather in a register, so that the named entities are matched
-    // without reading back what was just stored byte by byte.
-    uint64_t word = 0;
     for (;;) {
         const char c = loader.GetChar();
         if (c == ';') {
@@ -255,35 +253,9 @@ void XMLAmpChar(Loader& loader, Sink&& put) {
             loader.SetError("%s", kSemicolonMessage);
             return;
         }
-        if (n < 8) {
-            word |= uint64_t{static_cast<unsigned char>(c)} << (8 * n);
-        }
         entity[n++] = c;
     }
     entity[n] = 0;
-    static constexpr auto kWord = [](const char* name) {
-        uint64_t w = 0;
-        for (int i = 0; name[i] != 0; ++i) {
-            w |= uint64_t{static_cast<unsigned char>(name[i])} << (8 * i);
-        }
-        return w;
-    };
-    static constexpr struct {
-        uint64_t word;
-        char c;
-    } kNamed[] = {{kWord("amp"), '&'},
-                  {kWord("lt"), '<'},
-                  {kWord("gt"), '>'},
-                  {kWord("quot"), '"'},
-                  {kWord("apos"), '\''}};
-    if (n <= 4) {
-        for (const auto& named : kNamed) {
-            if (word == named.word) {
-                put(named.c);
-                return;
-            }
-        }
-    }
     if (entity[0] == '#') {
         uint32_t cp = 0;
         if (entity[1] == 'x') {
