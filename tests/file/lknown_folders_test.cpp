@@ -9,10 +9,10 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
 
 #include "file/lfile.h"
 #include "file/lfile_platform.h"
@@ -42,23 +42,20 @@ std::string Get(Getter getter) {
 TEST(StandardFolders, FallbacksUnderHomeAreCreated) {
     IsolatedHome h;
     EnvOverride relative("XDG_DATA_HOME", "relative/data");  // not usable: ignored
-    struct Case {
-        void (*getter)(char*);
-        char const* fallback;
-    } const cases[] = {{LFile::GetUserLibraryFolder, "Library"},
-                       {LFile::GetTempFolder, "Library/Caches"},
-                       {LFile::GetUserDataFolder, "Library/Application Support"},
-                       {LFile::GetSharedDataFolder, "Library/Application Support"},
-                       {LFile::GetUserMusicFolder, "Music"},
-                       {LFile::GetUserVideoFolder, "Movies"},
-                       {LFile::GetUserPicturesFolder, "Pictures"},
-                       {LFile::GetUserApplicationsFolder, "Applications"},
-                       {LFile::GetUserDocumentsFolder, "Documents"},
-                       {LFile::GetUserDesktopFolder, "Desktop"},
-                       {LFile::GetUserDownloadFolder, "Downloads"}};
-    for (Case const& c : cases) {
-        std::string expected = h.home() + "/" + c.fallback;
-        EXPECT_EQ(Get(c.getter), expected);
+    using Case = std::pair<void (*)(char*), char const*>;
+    for (auto [getter, fallback] : {Case{LFile::GetUserLibraryFolder, "Library"},
+                                    {LFile::GetTempFolder, "Library/Caches"},
+                                    {LFile::GetUserDataFolder, "Library/Application Support"},
+                                    {LFile::GetSharedDataFolder, "Library/Application Support"},
+                                    {LFile::GetUserMusicFolder, "Music"},
+                                    {LFile::GetUserVideoFolder, "Movies"},
+                                    {LFile::GetUserPicturesFolder, "Pictures"},
+                                    {LFile::GetUserApplicationsFolder, "Applications"},
+                                    {LFile::GetUserDocumentsFolder, "Documents"},
+                                    {LFile::GetUserDesktopFolder, "Desktop"},
+                                    {LFile::GetUserDownloadFolder, "Downloads"}}) {
+        std::string expected = h.home() + "/" + fallback;
+        EXPECT_EQ(Get(getter), expected);
         EXPECT_TRUE(fs::is_directory(expected)) << expected;
     }
     EXPECT_EQ(Get(LFile::GetUserFolder), h.home());
@@ -107,7 +104,7 @@ TEST(UserDirsLine, Forms) {
     }
     std::string longLine = "XDG_MUSIC_DIR=\"/" + std::string(400, 'm') + "\"";
     EXPECT_TRUE(_LParseUserDirsLine(longLine, "XDG_MUSIC_DIR", "/h", dst));
-    EXPECT_EQ(strlen(dst), 259u);
+    EXPECT_EQ(std::string(dst), "/" + std::string(258, 'm'));
 }
 
 TEST(NonSandboxed, FromTheUserDatabaseNotHome) {
@@ -173,21 +170,7 @@ TEST(Permissions, WholeTreeButNotThroughLinks) {
     EXPECT_EQ(ModeOf(outside), 0600u);
 }
 
-TEST(Bundle, ExecutableAndFolder) {
-    char exe[kLPathSize];
-    LGetBundleExeFile(exe, sizeof(exe));
-    char resolved[PATH_MAX];
-    ASSERT_NE(realpath("/proc/self/exe", resolved), nullptr);
-    EXPECT_STREQ(exe, resolved);
-    std::string folder = fs::path(resolved).parent_path().string();
-    EXPECT_EQ(Get(LFile::GetProgramFolderApp), folder);
-    EXPECT_EQ(Get(LFile::GetHelpFolder), folder + "/Contents/Resources/help");
-    char small[6];
-    LGetBundleExeFile(small, sizeof(small));
-    EXPECT_EQ(std::string(small), std::string(resolved).substr(0, 5));
-}
-
-TEST(Bundle, ExecutableInsideABundle) {
+TEST(Bundle, ExecutableFolderAndTheBundleAroundACopy) {
     // A copy of this test program inside Name.app/Contents/MacOS answers for the bundle: run
     // there, this test only prints what it finds.
     char folder[kLPathSize];
@@ -196,6 +179,17 @@ TEST(Bundle, ExecutableInsideABundle) {
         std::printf("bundle=%s\n", folder);
         return;
     }
+    char exe[kLPathSize];
+    LGetBundleExeFile(exe, sizeof(exe));
+    char resolved[PATH_MAX];
+    ASSERT_NE(realpath("/proc/self/exe", resolved), nullptr);
+    EXPECT_STREQ(exe, resolved);
+    std::string program = fs::path(resolved).parent_path().string();
+    EXPECT_EQ(Get(LFile::GetProgramFolderApp), program);
+    EXPECT_EQ(Get(LFile::GetHelpFolder), program + "/Contents/Resources/help");
+    char small[6];
+    LGetBundleExeFile(small, sizeof(small));
+    EXPECT_EQ(std::string(small), std::string(resolved).substr(0, 5));
     TempTree tree;
     std::string copy = tree.MakeFolder("Name.app/Contents/MacOS") + "/tests_file";
     std::error_code linked;
@@ -203,18 +197,13 @@ TEST(Bundle, ExecutableInsideABundle) {
     if (linked) {
         fs::copy_file("/proc/self/exe", copy);
     }
-    FILE* out = popen(("L_TEST_PRINT_BUNDLE=1 '" + copy +
-                       "' --gtest_filter=Bundle.ExecutableInsideABundle 2>/dev/null")
-                          .c_str(),
-                      "r");
-    ASSERT_NE(out, nullptr);
-    char line[kLPathSize + 16];
-    std::string found;
-    while (std::fgets(line, sizeof line, out) != nullptr) {
-        found = std::strncmp(line, "bundle=", 7) == 0 ? line + 7 : found;
-    }
-    EXPECT_EQ(pclose(out), 0);
-    EXPECT_EQ(found, tree.Path("Name.app") + "\n");
+    std::string out = tree.Path("out.txt");
+    ASSERT_EQ(std::system(("L_TEST_PRINT_BUNDLE=1 '" + copy +
+                           "' --gtest_filter=Bundle.ExecutableFolderAndTheBundleAroundACopy >'" +
+                           out + "' 2>/dev/null")
+                              .c_str()),
+              0);
+    EXPECT_NE(ltest::Slurp(out).find("bundle=" + tree.Path("Name.app") + "\n"), std::string::npos);
 }
 
 TEST(RecycleBin, XdgTrash) {
