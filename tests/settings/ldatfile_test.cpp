@@ -59,10 +59,8 @@ TEST_F(DatFileTest, NamesIgnoreCaseAndKeepTheirFirstSpellingAndTextsAreCut) {
     Set("AUDIO", "volume", "2");
     Set("audio", "VOLUME", "3");
     EXPECT_EQ(Slurp(path), "[Audio]\r\nVolume=3\r\n\r\n");
-    std::string upper = path;
-    upper.replace(upper.size() - 12, 12, "SETTINGS.DAT");
     char out[kLDatFileTextSize];
-    LDatFileGetValue(upper.c_str(), "aUdIo", "vOlUmE", "", out);
+    LDatFileGetValue(tree.Path("SETTINGS.DAT").c_str(), "aUdIo", "vOlUmE", "", out);
     EXPECT_STREQ(out, "3");
     const std::string longKey(300, 'k');
     const std::string longValue = std::string(259, 'v') + "tail";
