@@ -158,12 +158,11 @@ TEST(Volumes, SizeLimitsLocalAndNetworkTypesDeviceValuesAndWritableDrives) {
         EXPECT_EQ(LFile::_GetVolumeFileSizeLimitFromTypeName(name), limit)
             << (name ? name : "null");
     }
-    char const* const mapped[][2] = {{"vfat", "FAT32"},
-                                     {"exfat", "exFAT"},
-                                     {"ntfs3", "NTFS"},
-                                     {"ntfs", "NTFS"},
-                                     {"ext4", "ext4"}};
-    for (auto const& [kernel, name] : mapped) {
+    for (auto [kernel, name] : {std::pair{"vfat", "FAT32"},
+                                {"exfat", "exFAT"},
+                                {"ntfs3", "NTFS"},
+                                {"ntfs", "NTFS"},
+                                {"ext4", "ext4"}}) {
         EXPECT_STREQ(_LMapFileSystemTypeName(kernel), name);
     }
     EXPECT_EQ(LFile::_GetVolumeFileSizeLimitFromTypeName(_LMapFileSystemTypeName("msdos")), 1);

@@ -39,7 +39,7 @@ std::string Get(Getter getter) {
     return dst;
 }
 
-TEST(StandardFolders, FallbacksUnderHomeAreCreated) {
+TEST(StandardFolders, FallbacksUnderHomeAreCreatedNonSandboxedOnesFromTheUserDatabase) {
     IsolatedHome h;
     EnvOverride relative("XDG_DATA_HOME", "relative/data");  // not usable: ignored
     using Case = std::pair<void (*)(char*), char const*>;
@@ -61,9 +61,19 @@ TEST(StandardFolders, FallbacksUnderHomeAreCreated) {
     EXPECT_EQ(Get(LFile::GetUserFolder), h.home());
     EXPECT_EQ(Get(LFile::GetApplicationsFolder), "/Applications");
     EXPECT_EQ(Get(LFile::GetMountedDrivesFolder), "/Volumes");
+    struct passwd* pw = getpwuid(getuid());
+    ASSERT_NE(pw, nullptr);
+    std::string account = pw->pw_dir;
+    ASSERT_NE(account, h.home());
+    EXPECT_EQ(Get(LFile::GetUserFolderNonSandboxed), account);
+    EXPECT_EQ(Get(LFile::GetUserDownloadFolderNonSandboxed), account + "/Downloads");
+    EXPECT_EQ(Get(LFile::GetUserVideoFolderNonSandboxed), account + "/Movies");
+    // Without HOME the process's home is the account's as well.
+    EnvOverride noHome("HOME", nullptr);
+    EXPECT_EQ(Get(LFile::GetUserFolder), account);
 }
 
-TEST(StandardFolders, XdgUserDirectories) {
+TEST(StandardFolders, XdgUserDirectoriesAndTheirLineForms) {
     IsolatedHome h;
     // Without XDG_CONFIG_HOME the file is looked for under home.
     std::ofstream(h.tree().MakeFolder(".config") + "/user-dirs.dirs")
@@ -89,9 +99,6 @@ TEST(StandardFolders, XdgUserDirectories) {
     EXPECT_EQ(Get(LFile::GetUserVideoFolder), h.home() + "/Movies");
     EXPECT_EQ(Get(LFile::GetUserDocumentsFolder), h.home() + "/Documents");
     EXPECT_TRUE(fs::is_directory(h.home() + "/Documents"));
-}
-
-TEST(UserDirsLine, Forms) {
     char dst[kLPathSize];
     EXPECT_TRUE(_LParseUserDirsLine("XDG_MUSIC_DIR=\"$HOME/a\\\"b\"", "XDG_MUSIC_DIR", "/h", dst));
     EXPECT_STREQ(dst, "/h/a\"b");
@@ -107,24 +114,9 @@ TEST(UserDirsLine, Forms) {
     EXPECT_EQ(std::string(dst), "/" + std::string(258, 'm'));
 }
 
-TEST(NonSandboxed, FromTheUserDatabaseNotHome) {
-    IsolatedHome h;
-    struct passwd* pw = getpwuid(getuid());
-    ASSERT_NE(pw, nullptr);
-    std::string account = pw->pw_dir;
-    ASSERT_NE(account, h.home());
-    EXPECT_EQ(Get(LFile::GetUserFolderNonSandboxed), account);
-    EXPECT_EQ(Get(LFile::GetUserDownloadFolderNonSandboxed), account + "/Downloads");
-    EXPECT_EQ(Get(LFile::GetUserVideoFolderNonSandboxed), account + "/Movies");
-    // Without HOME the process's home is the account's as well.
-    EnvOverride noHome("HOME", nullptr);
-    EXPECT_EQ(Get(LFile::GetUserFolder), account);
-}
-
 TEST(ProgramFolders, DataFoldersAndSharedSubFoldersOpenedToEverybody) {
     IsolatedHome h;
-    std::string support = h.home() + "/Library/Application Support";
-    std::string app = support + "/KavelPLVadHelper";
+    std::string app = h.home() + "/Library/Application Support/KavelPLVadHelper";
     EXPECT_EQ(Get(static_cast<void (*)(char*)>(LFile::GetUserDataFolderApp)), app);
     EXPECT_TRUE(fs::is_directory(app));
     char dst[kLPathSize];

@@ -5,7 +5,6 @@
 #include <sys/file.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <filesystem>
 #include <string>
 
