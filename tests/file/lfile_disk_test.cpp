@@ -23,7 +23,7 @@ namespace {
 using ltest::TempTree;
 namespace fs = std::filesystem;
 
-TEST(Exists, AnyKindOfEntryDanglingLinksIncluded) {
+TEST(FileTests, ExistsForAnyKindOfEntryShareBlockedOnlyByAnotherHolder) {
     TempTree tree;
     std::string link = tree.Path("dangling");
     ASSERT_EQ(symlink(tree.Path("nowhere").c_str(), link.c_str()), 0);
@@ -35,10 +35,6 @@ TEST(Exists, AnyKindOfEntryDanglingLinksIncluded) {
     EXPECT_FALSE(LFile::TestFileExists(tree.Path("a/missing").c_str()));
     EXPECT_FALSE(LFile::TestFolderExists(tree.Path("missing/x").c_str()));
     EXPECT_FALSE(LFile::TestFileExists(nullptr));
-}
-
-TEST(ShareBlocked, OnlyWhenAnotherHolderHasALock) {
-    TempTree tree;
     std::string file = tree.MakeFile("locked.dat");
     EXPECT_FALSE(LFile::TestFileShareWriteBlocked(file.c_str()));
     EXPECT_FALSE(LFile::TestFileShareReadBlocked(file.c_str()));
