@@ -85,7 +85,7 @@ TEST_F(DatFileTest, ReadingMergesLinesOfEveryEndingAndCutsLongLines) {
     EXPECT_EQ(Get("main", "long"), std::string(259, 'x'));  // 551 characters read, 259 kept
 }
 
-TEST_F(DatFileTest, TypedAccessorsWriteAndReadTheirTextForms) {
+TEST_F(DatFileTest, TypedAccessorsListItemsAndTablesWriteAndReadTheirTextForms) {
     file.SetString("S", "seed", "x");  // makes the section, so each later set is saved
     file.SetLong("S", "long", 4294967297L);
     file.SetInt64("S", "big", 4294967297LL);
@@ -113,9 +113,6 @@ TEST_F(DatFileTest, TypedAccessorsWriteAndReadTheirTextForms) {
     }
     EXPECT_TRUE(file.GetBool("S", "absent", true));
     EXPECT_FALSE(file.GetBool("S", "absent", false));
-}
-
-TEST_F(DatFileTest, ListItemsMoveWithoutRenumberingAndTablesSaveInKeyOrder) {
     EXPECT_EQ(file.AddList("L", "item"), 0);
     EXPECT_EQ(file.AddList("L", "item"), 1);
     EXPECT_EQ(file.AddList("L", "item"), 2);

@@ -304,7 +304,7 @@ TEST(LHashTableBorrowed, ReadInPlaceAndMadeOwnedOnDemand) {
               (Pairs{{"B", "2"}, {"a", ""}, {"ab", "x y"}, {"c", "3"}, {"k", "17"}}));
 }
 
-TEST(LHashTableParse, FixedBufferTreatsDoublePercentAsPercentAllocatingAsTheEmptyKey) {
+TEST(LHashTableText, TemplatesExpandedQueryStringsLoadedAndSaved) {
     LHashTable t = Table({{"name", "World"}, {"", "EMPTYKEY"}});
     char out[64];
     EXPECT_TRUE(t.ParseString("Hello %name%!", out, sizeof(out)));
@@ -337,12 +337,9 @@ TEST(LHashTableParse, FixedBufferTreatsDoublePercentAsPercentAllocatingAsTheEmpt
     t.SetString("big", big.c_str());
     EXPECT_EQ(Owned(t.ParseString("[%big%][%big%]")), "[" + big + "][" + big + "]");
     EXPECT_EQ(Owned(t.ParseString(nullptr)), "");
-}
-
-TEST(LHashTableHTTP, LoadKeepsDuplicatesSkipsEmptyNamesAndDecodesSaveEncodesInKeyOrder) {
-    LHashTable t;
-    t.LoadHTTPString(LStringLongTemplate<char>("a=1&a=2"));
-    EXPECT_EQ(Contents(t), (Pairs{{"a", "1"}, {"a", "2"}}));
+    LHashTable duplicates;
+    duplicates.LoadHTTPString(LStringLongTemplate<char>("a=1&a=2"));
+    EXPECT_EQ(Contents(duplicates), (Pairs{{"a", "1"}, {"a", "2"}}));
     EXPECT_EQ(Contents(Loaded("=5&b")), (Pairs{{"b", ""}}));
     LHashTable v = Loaded("&&x=1&&=&y=a=b");
     EXPECT_EQ(Contents(v), (Pairs{{"x", "1"}, {"y", "a=b"}}));
@@ -359,13 +356,13 @@ TEST(LHashTableHTTP, LoadKeepsDuplicatesSkipsEmptyNamesAndDecodesSaveEncodesInKe
     // Bytes pass through unconverted.
     EXPECT_STREQ(Loaded("caf\xC3\xA9=na%C3%AFve").GetParm("caf\xC3\xA9", nullptr), "na\xC3\xAFve");
     const LHashTable saved = Table({{"b", "x y"}, {"a", "1&2"}});
-    LStringLongTemplate<char> out("stale text");
-    EXPECT_EQ(saved.SaveHTTPString(out), 15u);
-    EXPECT_STREQ(out.GetText(), "a=1%262&b=x%20y");
+    LStringLongTemplate<char> query("stale text");
+    EXPECT_EQ(saved.SaveHTTPString(query), 15u);
+    EXPECT_STREQ(query.GetText(), "a=1%262&b=x%20y");
     LStringLongTemplate<char> raw("prefix:");
     saved.SaveString(raw);  // appends, unencoded
     EXPECT_STREQ(raw.GetText(), "prefix:a=1&2&b=x y");
-    EXPECT_GE(out.GetCapacity(), 260u);
-    Table({{"m", "~!*-._\xC3\xA9+"}}).SaveHTTPString(out);
-    EXPECT_STREQ(out.GetText(), "m=~!%2A-._%C3%A9%2B");
+    EXPECT_GE(query.GetCapacity(), 260u);
+    Table({{"m", "~!*-._\xC3\xA9+"}}).SaveHTTPString(query);
+    EXPECT_STREQ(query.GetText(), "m=~!%2A-._%C3%A9%2B");
 }

@@ -142,7 +142,7 @@ TEST_F(SettingsStore, RecordsKeepPrimaryKeysAndEnumerateInOrder) {
     EXPECT_TRUE(_LSettingTestKeyExists(user, "Users/carol/Age"));
 }
 
-TEST_F(SettingsStore, WritersInTwoProcessesLoseNoKeys) {
+TEST_F(SettingsStore, WritersInTwoProcessesLoseNoKeysAndAKilledOneLeavesAReadableFile) {
     ASSERT_TRUE(LUserSettingSetString("Init", "k", "v"));
     auto writer = [](const char* section) {
         return [section] {
@@ -166,9 +166,6 @@ TEST_F(SettingsStore, WritersInTwoProcessesLoseNoKeys) {
         EXPECT_EQ(Get("Second", key.c_str()), "x") << key;
     }
     EXPECT_EQ(LPreferencesCopyKeyList(kLSettingDomainCurrentUser, true).size(), 201u);
-}
-
-TEST_F(SettingsStore, AKilledWriterNeverLeavesAnUnreadableFile) {
     ASSERT_TRUE(LUserSettingSetString("Loop", "first", "v"));
     for (int round = 0; round < 10; ++round) {
         pid_t pid = fork();
