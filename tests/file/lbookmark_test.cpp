@@ -1,7 +1,9 @@
 #include "file/lbookmark.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <string>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -42,28 +44,22 @@ protected:
 };
 
 TEST_F(SandboxBookmarks, PathsLeaveTheHomeFolderOnlyThroughLinks) {
-    struct Case {
-        std::string path;
-        bool out;
-        std::string dst;
-        bool allowed;
-    } cases[] = {{home_ + "/docs", false, "", true},
-                 {home_ + "/docs/missing/deeper", false, "", true},
-                 {home_ + "/link/file.txt", true, outside_ + "/file.txt", false},
-                 {home_ + "/link/new/name.txt", true, outside_ + "/new/name.txt", false},
-                 {home_ + "/inlink/missing", false, "", true},
-                 {outside_ + "/file.txt", true, outside_ + "/file.txt", false},
-                 {root_.Path("elsewhere/none"), false, "", false}};
-    for (const Case& c : cases) {
+    using Case = std::tuple<std::string, bool, std::string, bool>;
+    for (const auto& [path, out, outPath, allowed] :
+         {Case{home_ + "/docs", false, "", true},
+          {home_ + "/docs/missing/deeper", false, "", true},
+          {home_ + "/link/file.txt", true, outside_ + "/file.txt", false},
+          {home_ + "/link/new/name.txt", true, outside_ + "/new/name.txt", false},
+          {home_ + "/inlink/missing", false, "", true},
+          {outside_ + "/file.txt", true, outside_ + "/file.txt", false},
+          {root_.Path("elsewhere/none"), false, "", false}}) {
         char dst[kLPathSize] = "junk";
-        EXPECT_EQ(LFile::MakeNonSandboxedFilePath(dst, c.path.c_str()), c.out) << c.path;
-        EXPECT_EQ(dst, c.dst) << c.path;
-        EXPECT_EQ(IsAccessAllowedByEntitlement(c.path.c_str()), c.allowed) << c.path;
+        EXPECT_EQ(LFile::MakeNonSandboxedFilePath(dst, path.c_str()), out) << path;
+        EXPECT_EQ(dst, outPath) << path;
+        EXPECT_EQ(IsAccessAllowedByEntitlement(path.c_str()), allowed) << path;
     }
     std::string upper = home_;
-    for (char& ch : upper) {
-        ch = static_cast<char>(toupper(ch));
-    }
+    std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
     EXPECT_TRUE(LFile::IsPathInSandbox((upper + "/x").c_str()));
     EXPECT_FALSE(LFile::IsPathInSandbox(outside_.c_str()));
 }

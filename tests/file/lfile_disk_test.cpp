@@ -1,6 +1,5 @@
 // Queries that touch the disk, on real temporary trees and a sysfs-shaped one.
 #include <fcntl.h>
-#include <sched.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,6 +10,7 @@
 #include <climits>
 #include <filesystem>
 #include <string>
+#include <tuple>
 
 #include "file/lfile.h"
 #include "file/lfile_platform.h"
@@ -23,7 +23,7 @@ namespace {
 using ltest::TempTree;
 namespace fs = std::filesystem;
 
-TEST(Exists, AnyKindOfEntryDanglingLinksIncluded) {
+TEST(FileTests, ExistsForAnyKindOfEntryShareBlockedOnlyByAnotherHolder) {
     TempTree tree;
     std::string link = tree.Path("dangling");
     ASSERT_EQ(symlink(tree.Path("nowhere").c_str(), link.c_str()), 0);
@@ -35,10 +35,6 @@ TEST(Exists, AnyKindOfEntryDanglingLinksIncluded) {
     EXPECT_FALSE(LFile::TestFileExists(tree.Path("a/missing").c_str()));
     EXPECT_FALSE(LFile::TestFolderExists(tree.Path("missing/x").c_str()));
     EXPECT_FALSE(LFile::TestFileExists(nullptr));
-}
-
-TEST(ShareBlocked, OnlyWhenAnotherHolderHasALock) {
-    TempTree tree;
     std::string file = tree.MakeFile("locked.dat");
     EXPECT_FALSE(LFile::TestFileShareWriteBlocked(file.c_str()));
     EXPECT_FALSE(LFile::TestFileShareReadBlocked(file.c_str()));
@@ -137,23 +133,19 @@ TEST(HumanReadableDrive, MountPointOrTextForm) {
 }
 
 TEST(SizeFormattedBytes, LargestUnitTruncated) {
-    struct Case {
-        unsigned long long bytes;
-        char const* text;
-    } const cases[] = {{1023, "1023 Bytes"},
-                       {1536, "1 KB"},
-                       {(1ULL << 20) - 1, "1023 KB"},
-                       {5ULL << 20, "5 MB"},
-                       {(3ULL << 30) + (1ULL << 29), "3 GB"},
-                       {~0ULL, "16777215 TB"}};
-    for (Case const& c : cases) {
+    for (auto [bytes, text] : {std::pair{1023ULL, "1023 Bytes"},
+                               {1536, "1 KB"},
+                               {(1ULL << 20) - 1, "1023 KB"},
+                               {5ULL << 20, "5 MB"},
+                               {(3ULL << 30) + (1ULL << 29), "3 GB"},
+                               {~0ULL, "16777215 TB"}}) {
         char dst[kLPathSize];
-        LFile::GetSizeFormattedBytes(c.bytes, dst);
-        EXPECT_STREQ(dst, c.text) << c.bytes;
+        LFile::GetSizeFormattedBytes(bytes, dst);
+        EXPECT_STREQ(dst, text) << bytes;
     }
 }
 
-TEST(VolumeFileSizeLimit, TypeNameClassesKernelNamesAndRealPaths) {
+TEST(Volumes, SizeLimitsLocalAndNetworkTypesDeviceValuesAndWritableDrives) {
     // "msdos" is unlimited by name alone; only the mapping below makes it FAT32.
     std::pair<char const*, int> const limits[] = {{"FAT32", 1}, {"fat16b", 1}, {"FAT16", 0},
                                                   {"Fat", 0},   {"msdos", 2},  {"FAT32X", 2},
@@ -162,12 +154,11 @@ TEST(VolumeFileSizeLimit, TypeNameClassesKernelNamesAndRealPaths) {
         EXPECT_EQ(LFile::_GetVolumeFileSizeLimitFromTypeName(name), limit)
             << (name ? name : "null");
     }
-    char const* const mapped[][2] = {{"vfat", "FAT32"},
-                                     {"exfat", "exFAT"},
-                                     {"ntfs3", "NTFS"},
-                                     {"ntfs", "NTFS"},
-                                     {"ext4", "ext4"}};
-    for (auto const& [kernel, name] : mapped) {
+    for (auto [kernel, name] : {std::pair{"vfat", "FAT32"},
+                                {"exfat", "exFAT"},
+                                {"ntfs3", "NTFS"},
+                                {"ntfs", "NTFS"},
+                                {"ext4", "ext4"}}) {
         EXPECT_STREQ(_LMapFileSystemTypeName(kernel), name);
     }
     EXPECT_EQ(LFile::_GetVolumeFileSizeLimitFromTypeName(_LMapFileSystemTypeName("msdos")), 1);
@@ -183,68 +174,6 @@ TEST(VolumeFileSizeLimit, TypeNameClassesKernelNamesAndRealPaths) {
     EXPECT_FALSE(_LGetFileSystemTypeName(tree.Path("missing").c_str(), name, sizeof(name)));
     EXPECT_STREQ(name, "");
     EXPECT_EQ(LFile::GetVolumeFileSizeLimit(nullptr), 2);
-}
-
-TEST(MountTable, ParsesLinesAndFindsTheDeepestMountAboveAPath) {
-    LMountInfo m;
-    ASSERT_TRUE(_LParseMountInfoLine(
-        "36 35 98:0 /mnt1 /media/my\\040disk rw,noatime master:1 shared:2 - vfat /dev/sdb1 rw", m));
-    EXPECT_EQ(std::to_string(m.major) + ":" + std::to_string(m.minor) + " " + m.mountPoint + " " +
-                  m.fsType + " " + m.source,
-              "98:0 /media/my disk vfat /dev/sdb1");
-    EXPECT_FALSE(_LParseMountInfoLine("21 26 0:20 / /proc rw,relatime proc proc rw", m));
-    EXPECT_FALSE(_LParseMountInfoLine("21 26 020 / /proc rw - proc proc rw", m));
-    EXPECT_FALSE(_LReadMountTable().empty());
-    // The deepest mount above a path answers for it.
-    ASSERT_TRUE(_LFindMountForPath("/proc/self/status", m));
-    EXPECT_EQ(m.mountPoint, "/proc");
-    EXPECT_FALSE(_LFindMountForPath("/no/such/path", m));
-}
-
-TEST(BlockDeviceFlags, FromSysfsTree) {
-    // A sysfs-shaped tree: dev/block/M:m links into devices/..., as the kernel lays it out;
-    // a partition is a folder with a "partition" file inside its disk's folder.
-    TempTree sys;
-    auto add = [&](std::string const& device, char const* dev, char const* removable) {
-        if (removable != nullptr) {
-            sys.MakeFile(device + "/removable", std::string(removable) + "\n");
-        } else {
-            sys.MakeFile(device + "/partition", "1\n");
-        }
-        fs::create_directories(sys.Path("dev/block"));
-        fs::create_symlink("../../" + device, sys.Path(std::string("dev/block/") + dev));
-    };
-    std::string pci = "devices/pci0000:00/";
-    std::string usbStick = pci + "0000:00:14.0/usb2/2-1/2-1:1.0/host6/block/sdb";
-    std::string nvme = pci + "0000:00:1d.0/nvme/nvme0/nvme0n1";
-    add(usbStick, "8:16", "1");
-    add(usbStick + "/sdb1", "8:17", nullptr);
-    add(pci + "0000:00:14.0/usb2/2-2/2-2:1.0/host7/block/sdc", "8:32", "0");
-    add(nvme, "259:0", "0");
-    add(nvme + "/nvme0n1p2", "259:2", nullptr);
-    add(pci + "0000:00:1c.0/mmc_host/mmc0/block/mmcblk0", "179:0", "1");
-    struct Case {
-        unsigned int major, minor;
-        bool removable, internal;
-    } const cases[] = {{8, 17, true, false},  // a partition answers for its USB disk
-                       {8, 32, false, false},
-                       {259, 2, false, true},
-                       {179, 0, true, true}};
-    for (Case const& c : cases) {
-        SCOPED_TRACE(std::to_string(c.major) + ":" + std::to_string(c.minor));
-        bool removable = !c.removable;
-        bool internal = !c.internal;
-        ASSERT_TRUE(
-            _LReadBlockDeviceFlags(sys.root().c_str(), c.major, c.minor, &removable, &internal));
-        EXPECT_EQ(removable, c.removable);
-        EXPECT_EQ(internal, c.internal);
-    }
-    bool removable, internal;
-    EXPECT_FALSE(_LReadBlockDeviceFlags(sys.root().c_str(), 8, 48, &removable, &internal));
-}
-
-TEST(VolumeTests, LocalTreeUnreadablePathsNetworkTypesAndWritableDrives) {
-    TempTree tree;
     char const* root = tree.root().c_str();
     bool local = false;
     ASSERT_TRUE(LGetNSURLResourceValue(root, LURLResourceKey::VolumeIsLocal, &local));
@@ -271,42 +200,23 @@ TEST(VolumeTests, LocalTreeUnreadablePathsNetworkTypesAndWritableDrives) {
     EXPECT_LE(static_cast<size_t>(count), _LReadMountTable().size());
 }
 
-TEST(FileLocked, ImmutableFlag) {
-    TempTree tree;
-    std::string file = tree.MakeFile("take.wav");
-    EXPECT_FALSE(LFile::TestFileLocked(file.c_str()));
-    EXPECT_FALSE(LFile::TestFileLocked(tree.Path("missing").c_str()));
-    if (!ltest::SetImmutable(file, true)) {
-        GTEST_SKIP() << "no inode flags here, or no right to set the immutable one";
-    }
-    EXPECT_TRUE(LFile::TestFileLocked(file.c_str()));
-    ASSERT_TRUE(ltest::SetImmutable(file, false));  // so that the tree can be removed
-    EXPECT_FALSE(LFile::TestFileLocked(file.c_str()));
-}
-
-// The immutable flag is read without opening the file: an unprivileged caller who may look
-// the path up but not read the file still gets the answer.
-TEST(FileLocked, AnsweredWithoutReadPermission) {
-    if (geteuid() != 0) {
-        GTEST_SKIP() << "needs root to set the flag and to act as another user";
-    }
-    TempTree tree;
-    std::string file = tree.MakeFile("sealed.wav");
-    ASSERT_EQ(chmod(tree.root().c_str(), 0711), 0);
-    ASSERT_EQ(chmod(file.c_str(), 0), 0);
-    if (!ltest::SetImmutable(file, true)) {
-        GTEST_SKIP() << "no inode flags here";
-    }
-    int result = ltest::WaitChild(ltest::ForkChild(
-        [&] { return setuid(65534) == 0 && LFile::TestFileLocked(file.c_str()) ? 0 : 1; }));
-    ltest::SetImmutable(file, false);  // so that the tree can be removed
-    EXPECT_EQ(result, 0);
-}
-
-// Where "/" is not a mount point (a chroot into a plain folder) the mount table lists no
-// mount above most paths; the lookup still finds the mount holding them. Run in a child with
-// a private mount namespace, so nothing mounted here reaches the machine.
-TEST(MountTable, FoundWhereRootIsNotAMountPoint) {
+TEST(MountTable, ParsedAndSearchedForTheDeepestMountAboveAPathEvenInAChroot) {
+    LMountInfo m;
+    ASSERT_TRUE(_LParseMountInfoLine(
+        "36 35 98:0 /mnt1 /media/my\\040disk rw,noatime master:1 shared:2 - vfat /dev/sdb1 rw", m));
+    EXPECT_EQ(std::to_string(m.major) + ":" + std::to_string(m.minor) + " " + m.mountPoint + " " +
+                  m.fsType + " " + m.source,
+              "98:0 /media/my disk vfat /dev/sdb1");
+    EXPECT_FALSE(_LParseMountInfoLine("21 26 0:20 / /proc rw,relatime proc proc rw", m));
+    EXPECT_FALSE(_LParseMountInfoLine("21 26 020 / /proc rw - proc proc rw", m));
+    EXPECT_FALSE(_LReadMountTable().empty());
+    // The deepest mount above a path answers for it.
+    ASSERT_TRUE(_LFindMountForPath("/proc/self/status", m));
+    EXPECT_EQ(m.mountPoint, "/proc");
+    EXPECT_FALSE(_LFindMountForPath("/no/such/path", m));
+    // Where "/" is not a mount point (a chroot into a plain folder) the mount table lists no
+    // mount above most paths; the lookup still finds the mount holding them. Run in a child with
+    // a private mount namespace, so nothing mounted here reaches the machine.
     if (geteuid() != 0) {
         GTEST_SKIP() << "needs root to chroot and mount";
     }
@@ -321,23 +231,81 @@ TEST(MountTable, FoundWhereRootIsNotAMountPoint) {
             chroot(tree.root().c_str()) != 0 || chdir("/") != 0) {
             return 2;
         }
-        const struct {
-            char const* path;
-            char const* mountPoint;
-            std::string fsType;
-        } cases[] = {{"/", "/", outside.fsType},
-                     {"/sub/deeper", "/", outside.fsType},
-                     {"/proc/self", "/proc", "proc"}};
-        for (auto const& c : cases) {
-            LMountInfo m;
-            if (!_LFindMountForPath(c.path, m) || m.mountPoint != c.mountPoint ||
-                m.fsType != c.fsType) {
+        using Case = std::tuple<char const*, char const*, std::string>;
+        for (auto const& [path, mountPoint, fsType] : {Case{"/", "/", outside.fsType},
+                                                       {"/sub/deeper", "/", outside.fsType},
+                                                       {"/proc/self", "/proc", "proc"}}) {
+            LMountInfo found;
+            if (!_LFindMountForPath(path, found) || found.mountPoint != mountPoint ||
+                found.fsType != fsType) {
                 return 1;
             }
         }
         return 0;
     });
     EXPECT_EQ(ltest::WaitChild(child), 0);
+}
+
+TEST(BlockDeviceFlags, FromSysfsTree) {
+    // A sysfs-shaped tree: dev/block/M:m links into devices/..., as the kernel lays it out;
+    // a partition is a folder with a "partition" file inside its disk's folder.
+    TempTree sys;
+    auto add = [&](std::string const& device, char const* dev, char const* removable) {
+        if (removable != nullptr) {
+            sys.MakeFile(device + "/removable", std::string(removable) + "\n");
+        } else {
+            sys.MakeFile(device + "/partition", "1\n");
+        }
+        fs::create_directories(sys.Path("dev/block"));
+        fs::create_symlink("../../" + device, sys.Path(std::string("dev/block/") + dev));
+    };
+    std::string pci = "devices/pci0000:00/";
+    std::string usbStick = pci + "0000:00:14.0/usb2/2-1/2-1:1.0/host6/block/sdb";
+    std::string nvme = pci + "0000:00:1d.0/nvme/nvme0/nvme0n1";
+    add(usbStick, "8:16", "1");
+    add(usbStick + "/sdb1", "8:17", nullptr);
+    add(pci + "0000:00:14.0/usb2/2-2/2-2:1.0/host7/block/sdc", "8:32", "0");
+    add(nvme, "259:0", "0");
+    add(nvme + "/nvme0n1p2", "259:2", nullptr);
+    add(pci + "0000:00:1c.0/mmc_host/mmc0/block/mmcblk0", "179:0", "1");
+    for (auto [major, minor, isRemovable, isInternal] :
+         {std::tuple{8u, 17u, true, false},  // a partition answers for its USB disk
+          {8u, 32u, false, false},
+          {259u, 2u, false, true},
+          {179u, 0u, true, true}}) {
+        SCOPED_TRACE(std::to_string(major) + ":" + std::to_string(minor));
+        bool removable = !isRemovable;
+        bool internal = !isInternal;
+        ASSERT_TRUE(
+            _LReadBlockDeviceFlags(sys.root().c_str(), major, minor, &removable, &internal));
+        EXPECT_EQ(removable, isRemovable);
+        EXPECT_EQ(internal, isInternal);
+    }
+    bool removable, internal;
+    EXPECT_FALSE(_LReadBlockDeviceFlags(sys.root().c_str(), 8, 48, &removable, &internal));
+}
+
+// The immutable flag is read without opening the file: a caller who may look the path up but
+// not read the file still gets the answer.
+TEST(FileLocked, ImmutableFlagReadWithoutOpeningTheFile) {
+    TempTree tree;
+    std::string file = tree.MakeFile("take.wav");
+    ASSERT_EQ(chmod(tree.root().c_str(), 0711), 0);
+    ASSERT_EQ(chmod(file.c_str(), 0), 0);
+    EXPECT_FALSE(LFile::TestFileLocked(file.c_str()));
+    EXPECT_FALSE(LFile::TestFileLocked(tree.Path("missing").c_str()));
+    if (!ltest::SetImmutable(file, true)) {
+        GTEST_SKIP() << "no inode flags here, or no right to set the immutable one";
+    }
+    EXPECT_TRUE(LFile::TestFileLocked(file.c_str()));
+    if (geteuid() == 0) {  // as another user too
+        EXPECT_EQ(ltest::WaitChild(ltest::ForkChild([&] {
+                      return setuid(65534) == 0 && LFile::TestFileLocked(file.c_str()) ? 0 : 1;
+                  })),
+                  0);
+    }
+    ASSERT_TRUE(ltest::SetImmutable(file, false));  // so that the tree can be removed
+    EXPECT_FALSE(LFile::TestFileLocked(file.c_str()));
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "file/lfile_platform.h"
@@ -30,8 +31,6 @@ public:
     }
     ~OpenFile() { close(fd_); }
     int fd() const { return fd_; }
-    std::string const& path() const { return path_; }
-    TempTree const& tree() const { return tree_; }
 
 private:
     TempTree tree_;
@@ -49,30 +48,23 @@ std::vector<std::string> Lines(Reader& reader, size_t size = 260) {
     return lines;
 }
 
-using Lines_ = std::vector<std::string>;
-
-TEST(ReadLine, BothReadersOnEveryLineEnd) {
-    struct Case {
-        char const* bytes;
-        Lines_ unbuffered;
-        Lines_ buffered;
-    };
-    Case const cases[] = {
-        {"a\r\nb", {"a", "b"}, {"a", "b"}},
-        {"a\n\rb", {"a", "b"}, {"a", "", "b"}},  // LF CR: one line end, or two
-        {"a\n\nb", {"a", "", "b"}, {"a", "", "b"}},
-        {"a\r\rb\r", {"a", "", "b"}, {"a", "", "b"}},
-        {"\n", {""}, {""}},
-        {"", {}, {}},
-        {"abcdefgh\nxy", {"abc", "xy"}, {"abc", "xy"}},  // cut to size - 1, rest dropped
-    };
-    for (Case const& c : cases) {
-        OpenFile a(c.bytes);
+TEST(ReadLine, BothReadersOnEveryLineEndLongLinesAndBlockBoundaries) {
+    using Case = std::tuple<char const*, std::vector<std::string>, std::vector<std::string>>;
+    for (auto const& [bytes, unbuffered, buffered] : {
+             Case{"a\r\nb", {"a", "b"}, {"a", "b"}},
+             {"a\n\rb", {"a", "b"}, {"a", "", "b"}},  // LF CR: one line end, or two
+             {"a\n\nb", {"a", "", "b"}, {"a", "", "b"}},
+             {"a\r\rb\r", {"a", "", "b"}, {"a", "", "b"}},
+             {"\n", {""}, {""}},
+             {"", {}, {}},
+             {"abcdefgh\nxy", {"abc", "xy"}, {"abc", "xy"}},  // cut to size - 1, rest dropped
+         }) {
+        OpenFile a(bytes);
         LReadFileRef ref(a.fd());
-        EXPECT_EQ(Lines(ref, 4), c.unbuffered) << c.bytes;
-        OpenFile b(c.bytes);
-        LReadFileBuffered buffered(b.fd());
-        EXPECT_EQ(Lines(buffered, 4), c.buffered) << c.bytes;
+        EXPECT_EQ(Lines(ref, 4), unbuffered) << bytes;
+        OpenFile b(bytes);
+        LReadFileBuffered reader(b.fd());
+        EXPECT_EQ(Lines(reader, 4), buffered) << bytes;
     }
     // The unbuffered reader leaves the descriptor right behind the line and its pair.
     OpenFile f("a\nb\r\nc");
@@ -85,25 +77,21 @@ TEST(ReadLine, BothReadersOnEveryLineEnd) {
     EXPECT_STREQ(text.GetText(), "b");
     EXPECT_EQ(lseek(f.fd(), 0, SEEK_CUR), 5);
     EXPECT_FALSE(LReadFileRef().ReadLine(line, sizeof(line)));
-}
-
-TEST(ReadLine, LongLinesAndBlockBoundaries) {
     // A line longer than the string's first 260 characters, and a CR closing one block whose
     // LF opens the next.
     std::string longLine(5000, 'x');
     std::string head(LReadFileBuffered::kBufferSize - 1, 'y');
-    OpenFile f(longLine + "\n" + head + "\r\nz");
-    LReadFileRef ref(f.fd());
-    LStringLongTemplate<char> text;
-    ASSERT_TRUE(ref.ReadLine(text));
+    OpenFile big(longLine + "\n" + head + "\r\nz");
+    LReadFileRef bigRef(big.fd());
+    ASSERT_TRUE(bigRef.ReadLine(text));
     EXPECT_EQ(text.GetLength(), longLine.size());
-    LReadFileBuffered buffered(f.fd());
-    std::vector<char> line(10000);
-    ASSERT_TRUE(buffered.ReadLine(line.data(), line.size()));
-    EXPECT_EQ(std::string(line.data()), head);
-    ASSERT_TRUE(buffered.ReadLine(line.data(), line.size()));
-    EXPECT_STREQ(line.data(), "z");
-    EXPECT_FALSE(buffered.ReadLine(line.data(), line.size()));
+    LReadFileBuffered buffered(big.fd());
+    std::vector<char> buffer(10000);
+    ASSERT_TRUE(buffered.ReadLine(buffer.data(), buffer.size()));
+    EXPECT_EQ(std::string(buffer.data()), head);
+    ASSERT_TRUE(buffered.ReadLine(buffer.data(), buffer.size()));
+    EXPECT_STREQ(buffer.data(), "z");
+    EXPECT_FALSE(buffered.ReadLine(buffer.data(), buffer.size()));
 }
 
 TEST(Writers, LengthPrefixedStringsLinesAndFormattedText) {
@@ -176,8 +164,9 @@ TEST(Buffered, ReadPeekSeekKeepTheLogicalPosition) {
     EXPECT_EQ(LReadFileBuffered().Read(out.data(), 10), 0u);
 }
 
-// The loaders on each mark; every file holds "hé" and, for UTF-16, a character above U+FFFF.
-TEST(TextLoaders, EveryByteOrderMark) {
+// The loaders on each mark (every file holds "hé" and, for UTF-16, a character above U+FFFF),
+// and what the savers write.
+TEST(TextFiles, LoadersOnEveryByteOrderMarkSaversWithTheirTag) {
     TempTree tree;
     auto load = [&](auto loader, std::string const& bytes) {
         std::string path = tree.MakeFile("t.txt", bytes);
@@ -203,10 +192,6 @@ TEST(TextLoaders, EveryByteOrderMark) {
     LStringLongTemplate<char> text;
     EXPECT_FALSE(LLoadTextAutoChar(tree.Path("missing").c_str(), text));
     EXPECT_FALSE(LLoadText(tree.Path("missing").c_str(), text));
-}
-
-TEST(TextSavers, ReplaceAppendMarkAndTag) {
-    TempTree tree;
     std::string path = tree.Path("s.txt");
     EXPECT_EQ(LSaveText(path.c_str(), "first line"), 0);
     EXPECT_EQ(LSaveText(path.c_str(), "h\xC3\xA9"), 0);
@@ -221,9 +206,7 @@ TEST(TextSavers, ReplaceAppendMarkAndTag) {
     LSaveTextAsUnicodeBOM(wide.c_str(), LStringLongTemplate<char>("h\xC3\xA9"));
     EXPECT_EQ(Slurp(wide), std::string("\xFF\xFEh\0\xE9\0", 6));
     EXPECT_EQ(getxattr(wide.c_str(), "user.com.apple.TextEncoding", tag, sizeof(tag)), -1);
-    LStringLongTemplate<char> back;
-    ASSERT_TRUE(LLoadTextAutoChar(wide.c_str(), back));
-    EXPECT_STREQ(back.GetText(), "h\xC3\xA9");
+    EXPECT_EQ(load(LLoadTextAutoChar, Slurp(wide)), "h\xC3\xA9");
 }
 
 // Records the pauses instead of sleeping them.

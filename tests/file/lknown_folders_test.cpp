@@ -9,10 +9,10 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
 
 #include "file/lfile.h"
 #include "file/lfile_platform.h"
@@ -39,34 +39,41 @@ std::string Get(Getter getter) {
     return dst;
 }
 
-TEST(StandardFolders, FallbacksUnderHomeAreCreated) {
+TEST(StandardFolders, FallbacksUnderHomeAreCreatedNonSandboxedOnesFromTheUserDatabase) {
     IsolatedHome h;
     EnvOverride relative("XDG_DATA_HOME", "relative/data");  // not usable: ignored
-    struct Case {
-        void (*getter)(char*);
-        char const* fallback;
-    } const cases[] = {{LFile::GetUserLibraryFolder, "Library"},
-                       {LFile::GetTempFolder, "Library/Caches"},
-                       {LFile::GetUserDataFolder, "Library/Application Support"},
-                       {LFile::GetSharedDataFolder, "Library/Application Support"},
-                       {LFile::GetUserMusicFolder, "Music"},
-                       {LFile::GetUserVideoFolder, "Movies"},
-                       {LFile::GetUserPicturesFolder, "Pictures"},
-                       {LFile::GetUserApplicationsFolder, "Applications"},
-                       {LFile::GetUserDocumentsFolder, "Documents"},
-                       {LFile::GetUserDesktopFolder, "Desktop"},
-                       {LFile::GetUserDownloadFolder, "Downloads"}};
-    for (Case const& c : cases) {
-        std::string expected = h.home() + "/" + c.fallback;
-        EXPECT_EQ(Get(c.getter), expected);
+    using Case = std::pair<void (*)(char*), char const*>;
+    for (auto [getter, fallback] : {Case{LFile::GetUserLibraryFolder, "Library"},
+                                    {LFile::GetTempFolder, "Library/Caches"},
+                                    {LFile::GetUserDataFolder, "Library/Application Support"},
+                                    {LFile::GetSharedDataFolder, "Library/Application Support"},
+                                    {LFile::GetUserMusicFolder, "Music"},
+                                    {LFile::GetUserVideoFolder, "Movies"},
+                                    {LFile::GetUserPicturesFolder, "Pictures"},
+                                    {LFile::GetUserApplicationsFolder, "Applications"},
+                                    {LFile::GetUserDocumentsFolder, "Documents"},
+                                    {LFile::GetUserDesktopFolder, "Desktop"},
+                                    {LFile::GetUserDownloadFolder, "Downloads"}}) {
+        std::string expected = h.home() + "/" + fallback;
+        EXPECT_EQ(Get(getter), expected);
         EXPECT_TRUE(fs::is_directory(expected)) << expected;
     }
     EXPECT_EQ(Get(LFile::GetUserFolder), h.home());
     EXPECT_EQ(Get(LFile::GetApplicationsFolder), "/Applications");
     EXPECT_EQ(Get(LFile::GetMountedDrivesFolder), "/Volumes");
+    struct passwd* pw = getpwuid(getuid());
+    ASSERT_NE(pw, nullptr);
+    std::string account = pw->pw_dir;
+    ASSERT_NE(account, h.home());
+    EXPECT_EQ(Get(LFile::GetUserFolderNonSandboxed), account);
+    EXPECT_EQ(Get(LFile::GetUserDownloadFolderNonSandboxed), account + "/Downloads");
+    EXPECT_EQ(Get(LFile::GetUserVideoFolderNonSandboxed), account + "/Movies");
+    // Without HOME the process's home is the account's as well.
+    EnvOverride noHome("HOME", nullptr);
+    EXPECT_EQ(Get(LFile::GetUserFolder), account);
 }
 
-TEST(StandardFolders, XdgUserDirectories) {
+TEST(StandardFolders, XdgUserDirectoriesAndTheirLineForms) {
     IsolatedHome h;
     // Without XDG_CONFIG_HOME the file is looked for under home.
     std::ofstream(h.tree().MakeFolder(".config") + "/user-dirs.dirs")
@@ -92,9 +99,6 @@ TEST(StandardFolders, XdgUserDirectories) {
     EXPECT_EQ(Get(LFile::GetUserVideoFolder), h.home() + "/Movies");
     EXPECT_EQ(Get(LFile::GetUserDocumentsFolder), h.home() + "/Documents");
     EXPECT_TRUE(fs::is_directory(h.home() + "/Documents"));
-}
-
-TEST(UserDirsLine, Forms) {
     char dst[kLPathSize];
     EXPECT_TRUE(_LParseUserDirsLine("XDG_MUSIC_DIR=\"$HOME/a\\\"b\"", "XDG_MUSIC_DIR", "/h", dst));
     EXPECT_STREQ(dst, "/h/a\"b");
@@ -107,27 +111,12 @@ TEST(UserDirsLine, Forms) {
     }
     std::string longLine = "XDG_MUSIC_DIR=\"/" + std::string(400, 'm') + "\"";
     EXPECT_TRUE(_LParseUserDirsLine(longLine, "XDG_MUSIC_DIR", "/h", dst));
-    EXPECT_EQ(strlen(dst), 259u);
-}
-
-TEST(NonSandboxed, FromTheUserDatabaseNotHome) {
-    IsolatedHome h;
-    struct passwd* pw = getpwuid(getuid());
-    ASSERT_NE(pw, nullptr);
-    std::string account = pw->pw_dir;
-    ASSERT_NE(account, h.home());
-    EXPECT_EQ(Get(LFile::GetUserFolderNonSandboxed), account);
-    EXPECT_EQ(Get(LFile::GetUserDownloadFolderNonSandboxed), account + "/Downloads");
-    EXPECT_EQ(Get(LFile::GetUserVideoFolderNonSandboxed), account + "/Movies");
-    // Without HOME the process's home is the account's as well.
-    EnvOverride noHome("HOME", nullptr);
-    EXPECT_EQ(Get(LFile::GetUserFolder), account);
+    EXPECT_EQ(std::string(dst), "/" + std::string(258, 'm'));
 }
 
 TEST(ProgramFolders, DataFoldersAndSharedSubFoldersOpenedToEverybody) {
     IsolatedHome h;
-    std::string support = h.home() + "/Library/Application Support";
-    std::string app = support + "/KavelPLVadHelper";
+    std::string app = h.home() + "/Library/Application Support/KavelPLVadHelper";
     EXPECT_EQ(Get(static_cast<void (*)(char*)>(LFile::GetUserDataFolderApp)), app);
     EXPECT_TRUE(fs::is_directory(app));
     char dst[kLPathSize];
@@ -173,21 +162,7 @@ TEST(Permissions, WholeTreeButNotThroughLinks) {
     EXPECT_EQ(ModeOf(outside), 0600u);
 }
 
-TEST(Bundle, ExecutableAndFolder) {
-    char exe[kLPathSize];
-    LGetBundleExeFile(exe, sizeof(exe));
-    char resolved[PATH_MAX];
-    ASSERT_NE(realpath("/proc/self/exe", resolved), nullptr);
-    EXPECT_STREQ(exe, resolved);
-    std::string folder = fs::path(resolved).parent_path().string();
-    EXPECT_EQ(Get(LFile::GetProgramFolderApp), folder);
-    EXPECT_EQ(Get(LFile::GetHelpFolder), folder + "/Contents/Resources/help");
-    char small[6];
-    LGetBundleExeFile(small, sizeof(small));
-    EXPECT_EQ(std::string(small), std::string(resolved).substr(0, 5));
-}
-
-TEST(Bundle, ExecutableInsideABundle) {
+TEST(Bundle, ExecutableFolderAndTheBundleAroundACopy) {
     // A copy of this test program inside Name.app/Contents/MacOS answers for the bundle: run
     // there, this test only prints what it finds.
     char folder[kLPathSize];
@@ -196,6 +171,17 @@ TEST(Bundle, ExecutableInsideABundle) {
         std::printf("bundle=%s\n", folder);
         return;
     }
+    char exe[kLPathSize];
+    LGetBundleExeFile(exe, sizeof(exe));
+    char resolved[PATH_MAX];
+    ASSERT_NE(realpath("/proc/self/exe", resolved), nullptr);
+    EXPECT_STREQ(exe, resolved);
+    std::string program = fs::path(resolved).parent_path().string();
+    EXPECT_EQ(Get(LFile::GetProgramFolderApp), program);
+    EXPECT_EQ(Get(LFile::GetHelpFolder), program + "/Contents/Resources/help");
+    char small[6];
+    LGetBundleExeFile(small, sizeof(small));
+    EXPECT_EQ(std::string(small), std::string(resolved).substr(0, 5));
     TempTree tree;
     std::string copy = tree.MakeFolder("Name.app/Contents/MacOS") + "/tests_file";
     std::error_code linked;
@@ -203,18 +189,13 @@ TEST(Bundle, ExecutableInsideABundle) {
     if (linked) {
         fs::copy_file("/proc/self/exe", copy);
     }
-    FILE* out = popen(("L_TEST_PRINT_BUNDLE=1 '" + copy +
-                       "' --gtest_filter=Bundle.ExecutableInsideABundle 2>/dev/null")
-                          .c_str(),
-                      "r");
-    ASSERT_NE(out, nullptr);
-    char line[kLPathSize + 16];
-    std::string found;
-    while (std::fgets(line, sizeof line, out) != nullptr) {
-        found = std::strncmp(line, "bundle=", 7) == 0 ? line + 7 : found;
-    }
-    EXPECT_EQ(pclose(out), 0);
-    EXPECT_EQ(found, tree.Path("Name.app") + "\n");
+    std::string out = tree.Path("out.txt");
+    ASSERT_EQ(std::system(("L_TEST_PRINT_BUNDLE=1 '" + copy +
+                           "' --gtest_filter=Bundle.ExecutableFolderAndTheBundleAroundACopy >'" +
+                           out + "' 2>/dev/null")
+                              .c_str()),
+              0);
+    EXPECT_NE(ltest::Slurp(out).find("bundle=" + tree.Path("Name.app") + "\n"), std::string::npos);
 }
 
 TEST(RecycleBin, XdgTrash) {

@@ -8,6 +8,7 @@
 
 #include <ctime>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "tests/file/temp_tree.h"
@@ -34,25 +35,24 @@ TEST(RecentFiles, WalkNewestFirstWithLimitsAndFilters) {
     tree.MakeFolder("data");
     tree.MakeFolder("docs/folder.dir");
     const long now = static_cast<long>(std::time(nullptr));
-    // name, file age in seconds (-1: no file), bookmark age (the list's order)
-    const struct {
-        const char* name;
-        long fileAge;
-        long bookmarkAge;
-    } items[] = {{"new one.wav", 10, 1}, {"noext", 10, 2},    {"folder.dir", -1, 3},
-                 {"gone.txt", -1, 4},    {"mid.txt", 500, 5}, {"old.wav", 5000, 6},
-                 {"older.txt", 900, 7}};
     GBookmarkFile* bookmarks = g_bookmark_file_new();
-    for (const auto& item : items) {
-        const std::string path = tree.Path(std::string("docs/") + item.name);
-        if (item.fileAge >= 0) {
-            tree.MakeFile(std::string("docs/") + item.name);
-            utimbuf times{now - item.fileAge, now - item.fileAge};
+    // name, file age in seconds (-1: no file), bookmark age (the list's order)
+    for (auto [name, fileAge, bookmarkAge] : {std::tuple{"new one.wav", 10L, 1L},
+                                              {"noext", 10, 2},
+                                              {"folder.dir", -1, 3},
+                                              {"gone.txt", -1, 4},
+                                              {"mid.txt", 500, 5},
+                                              {"old.wav", 5000, 6},
+                                              {"older.txt", 900, 7}}) {
+        const std::string path = tree.Path(std::string("docs/") + name);
+        if (fileAge >= 0) {
+            tree.MakeFile(std::string("docs/") + name);
+            utimbuf times{now - fileAge, now - fileAge};
             utime(path.c_str(), &times);
         }
         gchar* uri = g_filename_to_uri(path.c_str(), nullptr, nullptr);
         g_bookmark_file_add_application(bookmarks, uri, "test", "test %u");
-        GDateTime* when = g_date_time_new_from_unix_utc(now - item.bookmarkAge);
+        GDateTime* when = g_date_time_new_from_unix_utc(now - bookmarkAge);
         g_bookmark_file_set_modified_date_time(bookmarks, uri, when);
         g_date_time_unref(when);
         g_free(uri);
@@ -63,22 +63,17 @@ TEST(RecentFiles, WalkNewestFirstWithLimitsAndFilters) {
     g_bookmark_file_free(bookmarks);
     const std::string docs = tree.Path("docs");
     using List = std::vector<std::string>;
-    const struct {
-        size_t maxCount;
-        long start;
-        long end;
-        List expected;
-    } cases[] = {
-        {0, 0, 0, {"new one.wav", "mid.txt", "old.wav", "older.txt"}},
-        {3, 0, 0, {"new one.wav", "mid.txt", "old.wav"}},
-        {1, 0, 0, {"new one.wav"}},
-        // The walk ends at the first file older than the window, newer ones behind it or not.
-        {0, now - 1000, 0, {"new one.wav", "mid.txt"}},
-        {0, 0, now - 100, {"mid.txt", "old.wav", "older.txt"}}};
-    for (const auto& c : cases) {
-        LFileGetUserRecentFilesData collector(c.maxCount, c.start, c.end);
+    for (const auto& [maxCount, start, end, expected] :
+         {std::tuple<size_t, long, long, List>{
+              0, 0, 0, {"new one.wav", "mid.txt", "old.wav", "older.txt"}},
+          {3, 0, 0, {"new one.wav", "mid.txt", "old.wav"}},
+          {1, 0, 0, {"new one.wav"}},
+          // The walk ends at the first file older than the window, newer ones behind it or not.
+          {0, now - 1000, 0, {"new one.wav", "mid.txt"}},
+          {0, 0, now - 100, {"mid.txt", "old.wav", "older.txt"}}}) {
+        LFileGetUserRecentFilesData collector(maxCount, start, end);
         GetUserRecentFiles(collector);
-        EXPECT_EQ(Names(collector, docs), c.expected) << c.maxCount << " " << c.start;
+        EXPECT_EQ(Names(collector, docs), expected) << maxCount << " " << start;
     }
     OnlyWav wav;
     GetUserRecentFiles(wav);

@@ -69,7 +69,7 @@ std::vector<unsigned char> Base64Bytes(const char* text) {
 
 }  // namespace
 
-TEST(LBlowFish, BlocksMatchOpenSSLWithLittleEndianWords) {
+TEST(LBlowFish, BlocksMatchOpenSSLEmptyKeyKeepsTheScheduleAndAShortTailIsAWholeBlock) {
     std::mt19937 rng(2024);
     for (int round = 0; round < 50; ++round) {
         const std::string key = RandomKey(rng);
@@ -96,9 +96,6 @@ TEST(LBlowFish, BlocksMatchOpenSSLWithLittleEndianWords) {
         ASSERT_EQ(l, LoadLE(&expected[0]));
         ASSERT_EQ(r, LoadLE(&expected[4]));
     }
-}
-
-TEST(LBlowFish, EmptyKeyKeepsThePreviousScheduleAndAShortTailIsAWholeBlock) {
     LBlowFish a = Keyed("first key");
     LBlowFish b = Keyed("other");
     b.SetKey("first key");  // from the initial tables, not from the previous schedule
@@ -115,7 +112,7 @@ TEST(LBlowFish, EmptyKeyKeepsThePreviousScheduleAndAShortTailIsAWholeBlock) {
 }
 
 // Blocks hold the text and its NUL, zero-padded; the Base64 text breaks after 76 characters.
-TEST(LSettingEncrypt, BlocksOfTheTextAndItsNulBreakAfterOneLineAndGarbageNeverGrows) {
+TEST(LSettingEncrypt, BlocksOfTheTextAndItsNulLineBreaksGarbageAndFixedBuffers) {
     LStringLongTemplate<char> out;
     LSettingEncrypt(out, "abc");
     ASSERT_EQ(std::string(out.GetText()).size(), 12u);
@@ -128,11 +125,9 @@ TEST(LSettingEncrypt, BlocksOfTheTextAndItsNulBreakAfterOneLineAndGarbageNeverGr
     LSettingDecrypt(out);
     EXPECT_TRUE(out.IsEmpty());
     LSettingDecrypt(static_cast<char*>(nullptr));
+    const std::string letters = "abcdefghijklmnopqrstuvwxyz";
     for (size_t n = 57; n <= 64; ++n) {
-        std::string text;
-        for (size_t i = 0; i < n; ++i) {
-            text += static_cast<char>('a' + i % 26);
-        }
+        const std::string text = (letters + letters + letters).substr(0, n);
         LSettingEncrypt(out, text.c_str());
         const std::string enc = out.GetText();
         ASSERT_EQ(enc.size(), 76u + 2u + (n < 64 ? 12u : 20u)) << n;  // 64: a ninth block
@@ -153,12 +148,9 @@ TEST(LSettingEncrypt, BlocksOfTheTextAndItsNulBreakAfterOneLineAndGarbageNeverGr
         LSettingDecrypt(buffer.data());
         EXPECT_LE(std::strlen(buffer.data()), buffer.size() - 1);
     }
-}
-
-// Deciphering always uses the setting key, whatever key the object holds; enciphering uses
-// the object's key, so text enciphered under another key does not come back. The fixed
-// buffer forms cut their input at 263 characters and their output at 259.
-TEST(LBlowFishString, DecipheringUsesTheSettingKeyAndFixedBuffersCut) {
+    // Deciphering always uses the setting key, whatever key the object holds; enciphering uses
+    // the object's key, so text enciphered under another key does not come back. The fixed
+    // buffer forms cut their input at 263 characters and their output at 259.
     const std::string kText =
         "s\xC3\xA9"
         "cret \xFF\x01 value";  // bytes above 127 too

@@ -59,10 +59,8 @@ TEST_F(DatFileTest, NamesIgnoreCaseAndKeepTheirFirstSpellingAndTextsAreCut) {
     Set("AUDIO", "volume", "2");
     Set("audio", "VOLUME", "3");
     EXPECT_EQ(Slurp(path), "[Audio]\r\nVolume=3\r\n\r\n");
-    std::string upper = path;
-    upper.replace(upper.size() - 12, 12, "SETTINGS.DAT");
     char out[kLDatFileTextSize];
-    LDatFileGetValue(upper.c_str(), "aUdIo", "vOlUmE", "", out);
+    LDatFileGetValue(tree.Path("SETTINGS.DAT").c_str(), "aUdIo", "vOlUmE", "", out);
     EXPECT_STREQ(out, "3");
     const std::string longKey(300, 'k');
     const std::string longValue = std::string(259, 'v') + "tail";
@@ -87,7 +85,7 @@ TEST_F(DatFileTest, ReadingMergesLinesOfEveryEndingAndCutsLongLines) {
     EXPECT_EQ(Get("main", "long"), std::string(259, 'x'));  // 551 characters read, 259 kept
 }
 
-TEST_F(DatFileTest, TypedAccessorsWriteAndReadTheirTextForms) {
+TEST_F(DatFileTest, TypedAccessorsListItemsAndTablesWriteAndReadTheirTextForms) {
     file.SetString("S", "seed", "x");  // makes the section, so each later set is saved
     file.SetLong("S", "long", 4294967297L);
     file.SetInt64("S", "big", 4294967297LL);
@@ -115,9 +113,6 @@ TEST_F(DatFileTest, TypedAccessorsWriteAndReadTheirTextForms) {
     }
     EXPECT_TRUE(file.GetBool("S", "absent", true));
     EXPECT_FALSE(file.GetBool("S", "absent", false));
-}
-
-TEST_F(DatFileTest, ListItemsMoveWithoutRenumberingAndTablesSaveInKeyOrder) {
     EXPECT_EQ(file.AddList("L", "item"), 0);
     EXPECT_EQ(file.AddList("L", "item"), 1);
     EXPECT_EQ(file.AddList("L", "item"), 2);

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <map>
 #include <memory>
@@ -77,13 +78,9 @@ TEST(LHashTableModel, AgreesWithAMultimapOverRandomOperations) {
             EXPECT_EQ(lo, hi) << "key '" << key << "' missing from the table";
             return model.end();
         }
-        for (auto it = lo; it != hi; ++it) {
-            if (it->second == found) {
-                return it;
-            }
-        }
-        ADD_FAILURE() << "lookup of '" << key << "' gave a value the model lacks";
-        return model.end();
+        auto it = std::find_if(lo, hi, [&](const auto& entry) { return entry.second == found; });
+        EXPECT_TRUE(it != hi) << "lookup of '" << key << "' gave a value the model lacks";
+        return it == hi ? model.end() : it;
     };
     for (int step = 0; step < 3000; ++step) {
         const std::string key = randomKey();
@@ -100,14 +97,12 @@ TEST(LHashTableModel, AgreesWithAMultimapOverRandomOperations) {
                 }
                 break;
             }
-            case 2: {  // the loader inserts without a lookup: duplicates
-                if (key.empty()) {
-                    break;
+            case 2:  // the loader inserts without a lookup: duplicates
+                if (!key.empty()) {
+                    table.LoadHTTPString((Escape(key) + "=" + value).c_str());
+                    model.emplace(key, value);
                 }
-                table.LoadHTTPString((Escape(key) + "=" + value).c_str());
-                model.emplace(key, value);
                 break;
-            }
             case 3: {
                 auto it = entryFound(key);
                 table.DeleteField(key.c_str());
@@ -122,13 +117,10 @@ TEST(LHashTableModel, AgreesWithAMultimapOverRandomOperations) {
                 for (unsigned k = rng() % 8; k > 0 && it; --k, ++it, ++m) {
                 }
                 if (it) {
-                    auto after = std::next(m);
                     table.Delete(it);
-                    model.erase(m);
-                    if (after == model.end()) {
-                        EXPECT_FALSE(it.IsValid());
-                    } else {
-                        ASSERT_TRUE(it.IsValid());
+                    auto after = model.erase(m);
+                    ASSERT_EQ(it.IsValid(), after != model.end());
+                    if (it.IsValid()) {
                         EXPECT_EQ(it.GetParm(), after->first);
                         EXPECT_EQ(it.GetData(), after->second);
                     }
@@ -145,7 +137,7 @@ TEST(LHashTableModel, AgreesWithAMultimapOverRandomOperations) {
     ASSERT_EQ(Contents(table), Contents(model));
 }
 
-TEST(LHashTable, AccessorsUsePrintfFormsFallBackOnlyWhenEmptyOrAbsentAndCutFixedForms) {
+TEST(LHashTable, AccessorsCopiesMergesAndIteratorWrites) {
     LHashTable t = Table({{"int", "12abc"},
                           {"word", "abc"},
                           {"empty", ""},
@@ -195,9 +187,6 @@ TEST(LHashTable, AccessorsUsePrintfFormsFallBackOnlyWhenEmptyOrAbsentAndCutFixed
     EXPECT_EQ(std::string(s.GetText()), longValue);
     t.GetString("missing", "dflt", s);
     EXPECT_STREQ(s.GetText(), "dflt");
-}
-
-TEST(LHashTable, CopiesMergesAndIteratorWrites) {
     LHashTable src = Table({{"a", "0"}, {"b", "1"}});
     for (LHashTable::Iterator it(src); it; ++it) {
         it.SetData((std::string(it.GetData()) == "0" ? "1" : "2"));
@@ -221,11 +210,11 @@ TEST(LHashTable, CopiesMergesAndIteratorWrites) {
     EXPECT_EQ(Contents(dupCopy), (Pairs{{"a", "2"}, {"b", "3"}}));
     // AssignString takes the buffer itself and leaves its source null.
     LStringLongTemplate<char> v("moved value");
-    const char* buffer = v.GetText();
+    const char* moved = v.GetText();
     dest.AssignString("k", v);
     EXPECT_TRUE(v.IsNull());
     EXPECT_EQ(v.GetCapacity(), 0u);
-    EXPECT_EQ(dest.GetParm("k", nullptr), buffer);
+    EXPECT_EQ(dest.GetParm("k", nullptr), moved);
 }
 
 // Borrowed pairs are read where they are, by every reader; whatever changes the table, or
@@ -315,7 +304,7 @@ TEST(LHashTableBorrowed, ReadInPlaceAndMadeOwnedOnDemand) {
               (Pairs{{"B", "2"}, {"a", ""}, {"ab", "x y"}, {"c", "3"}, {"k", "17"}}));
 }
 
-TEST(LHashTableParse, FixedBufferTreatsDoublePercentAsPercentAllocatingAsTheEmptyKey) {
+TEST(LHashTableText, TemplatesExpandedQueryStringsLoadedAndSaved) {
     LHashTable t = Table({{"name", "World"}, {"", "EMPTYKEY"}});
     char out[64];
     EXPECT_TRUE(t.ParseString("Hello %name%!", out, sizeof(out)));
@@ -348,12 +337,9 @@ TEST(LHashTableParse, FixedBufferTreatsDoublePercentAsPercentAllocatingAsTheEmpt
     t.SetString("big", big.c_str());
     EXPECT_EQ(Owned(t.ParseString("[%big%][%big%]")), "[" + big + "][" + big + "]");
     EXPECT_EQ(Owned(t.ParseString(nullptr)), "");
-}
-
-TEST(LHashTableHTTP, LoadKeepsDuplicatesSkipsEmptyNamesAndDecodes) {
-    LHashTable t;
-    t.LoadHTTPString(LStringLongTemplate<char>("a=1&a=2"));
-    EXPECT_EQ(Contents(t), (Pairs{{"a", "1"}, {"a", "2"}}));
+    LHashTable duplicates;
+    duplicates.LoadHTTPString(LStringLongTemplate<char>("a=1&a=2"));
+    EXPECT_EQ(Contents(duplicates), (Pairs{{"a", "1"}, {"a", "2"}}));
     EXPECT_EQ(Contents(Loaded("=5&b")), (Pairs{{"b", ""}}));
     LHashTable v = Loaded("&&x=1&&=&y=a=b");
     EXPECT_EQ(Contents(v), (Pairs{{"x", "1"}, {"y", "a=b"}}));
@@ -369,17 +355,14 @@ TEST(LHashTableHTTP, LoadKeepsDuplicatesSkipsEmptyNamesAndDecodes) {
     EXPECT_EQ(Contents(Loaded("a%")), (Pairs{{"a", ""}}));
     // Bytes pass through unconverted.
     EXPECT_STREQ(Loaded("caf\xC3\xA9=na%C3%AFve").GetParm("caf\xC3\xA9", nullptr), "na\xC3\xAFve");
-}
-
-TEST(LHashTableHTTP, SaveEncodesInKeyOrder) {
-    const LHashTable t = Table({{"b", "x y"}, {"a", "1&2"}});
-    LStringLongTemplate<char> out("stale text");
-    EXPECT_EQ(t.SaveHTTPString(out), 15u);
-    EXPECT_STREQ(out.GetText(), "a=1%262&b=x%20y");
+    const LHashTable saved = Table({{"b", "x y"}, {"a", "1&2"}});
+    LStringLongTemplate<char> query("stale text");
+    EXPECT_EQ(saved.SaveHTTPString(query), 15u);
+    EXPECT_STREQ(query.GetText(), "a=1%262&b=x%20y");
     LStringLongTemplate<char> raw("prefix:");
-    t.SaveString(raw);  // appends, unencoded
+    saved.SaveString(raw);  // appends, unencoded
     EXPECT_STREQ(raw.GetText(), "prefix:a=1&2&b=x y");
-    EXPECT_GE(out.GetCapacity(), 260u);
-    Table({{"m", "~!*-._\xC3\xA9+"}}).SaveHTTPString(out);
-    EXPECT_STREQ(out.GetText(), "m=~!%2A-._%C3%A9%2B");
+    EXPECT_GE(query.GetCapacity(), 260u);
+    Table({{"m", "~!*-._\xC3\xA9+"}}).SaveHTTPString(query);
+    EXPECT_STREQ(query.GetText(), "m=~!%2A-._%C3%A9%2B");
 }

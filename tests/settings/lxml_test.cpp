@@ -9,12 +9,13 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <string>
+#include <tuple>
+#include <utility>
 
 #include "tests/file/temp_tree.h"
 #include "thread/lprocess_interface.h"
@@ -45,69 +46,54 @@ std::string Reformatted(const char* text) {
     return Written(p.doc);
 }
 
-constexpr const char kEof[] =
-    " should be terminated with </%s>. Check you have terminated your element properly.";
-
-std::string Eof(const char* where, const char* name) {
-    char tail[200];
-    std::snprintf(tail, sizeof(tail), kEof, name);
-    return std::string(where) + "(EOF) Element <" + name + ">" + tail;
+std::string Eof(const char* where, const std::string& name) {
+    return where + ("(EOF) Element <" + name + "> should be terminated with </" + name +
+                    ">. Check you have terminated your element properly.");
 }
 
-TEST(XMLReader, EveryMessageAtItsLineAndColumn) {
+TEST(XMLReader, EveryMessageAtItsLineAndColumnEntitiesAndWhitespace) {
     const std::string semicolon =
         "Strings starting with an ampersand (&) must end with a semicolon (;). Either replace "
         "the '&' with '&amp;' or add a ';' at the end of the control string.";
-    const struct {
-        const char* text;
-        std::string error;
-    } cases[] = {
-        {"<a>x &amp y</a>", "Ln 1, Col 11: " + semicolon},
-        {"<a>&abcdefghijklmnopqrstuvwxyz;</a>", "Ln 1, Col 28: " + semicolon},
-        {"<a b='1'", "Ln 1, Col 9: Tag <a> does not have a closing '>'"},
-        {"<a>\n<b>", Eof("Ln 2, Col 4: ", "b")},
-        {"<a>\r\n\r\n  <b>", Eof("Ln 3, Col 6: ", "b")},
-        {"<a>\n\r<b>x", Eof("Ln 2, Col 5: ", "b")},
-        {"<!-- x", Eof("Ln 1, Col 7: ", "!--")},
-        {"<![CDATA[ x]]", Eof("Ln 1, Col 14: ", "![CDATA[")},
-        {"<a><b></a>",
-         "Ln 1, Col 11: Element <b> should be terminated with </b>, was with a. Check you have "
-         "terminated your element properly."},
-        {"\n</x>", "Ln 2, Col 5: Misplaced </x> which does not match a <x>."},
-        {"<a>< b</a>",
-         "Ln 1, Col 6: Misplaced < without name. Use &lt; instead of < if "
-         "appropriate."},
-        // The first error wins over the later unclosed element.
-        {"<a>&x y</a", "Ln 1, Col 7: " + semicolon},
-        {"<a>ok</a>", ""},
-    };
-    for (const auto& c : cases) {
+    using Case = std::pair<const char*, std::string>;
+    for (const auto& [text, error] : {
+             Case{"<a>x &amp y</a>", "Ln 1, Col 11: " + semicolon},
+             {"<a>&abcdefghijklmnopqrstuvwxyz;</a>", "Ln 1, Col 28: " + semicolon},
+             {"<a b='1'", "Ln 1, Col 9: Tag <a> does not have a closing '>'"},
+             {"<a>\n<b>", Eof("Ln 2, Col 4: ", "b")},
+             {"<a>\r\n\r\n  <b>", Eof("Ln 3, Col 6: ", "b")},
+             {"<a>\n\r<b>x", Eof("Ln 2, Col 5: ", "b")},
+             {"<!-- x", Eof("Ln 1, Col 7: ", "!--")},
+             {"<![CDATA[ x]]", Eof("Ln 1, Col 14: ", "![CDATA[")},
+             {"<a><b></a>",
+              "Ln 1, Col 11: Element <b> should be terminated with </b>, was with a. Check you "
+              "have terminated your element properly."},
+             {"\n</x>", "Ln 2, Col 5: Misplaced </x> which does not match a <x>."},
+             {"<a>< b</a>",
+              "Ln 1, Col 6: Misplaced < without name. Use &lt; instead of < if appropriate."},
+             // The first error wins over the later unclosed element.
+             {"<a>&x y</a", "Ln 1, Col 7: " + semicolon},
+             {"<a>ok</a>", ""},
+         }) {
         Parsed p;
-        Parse(p, c.text);
-        EXPECT_EQ(p.error, c.error) << c.text;
+        Parse(p, text);
+        EXPECT_EQ(p.error, error) << text;
     }
-}
-
-TEST(XMLReader, EntitiesAndWhitespace) {
-    const struct {
-        const char* text;
-        const char* data;
-    } cases[] = {
-        {"<a>&foo;x</a>", "&x"},
-        {"<a>&#x41;&#X41;&#65;&#x4a;</a>", "A)AJ"},
-        {"<a>&lt;&gt;&amp;&quot;&apos;</a>", "<>&\"'"},
-        {"<a>&#x20AC;&#0;</a>", "\xE2\x82\xAC"},
-        {"<a>\t\n  x y \t\n</a>", "  x y "},
-        {"<a xml:space='default'>\t x \n</a>", "\t x \n"},
-        {"<a XML:SPACE><b>\tx\t</b></a>", nullptr},
-    };
-    for (const auto& c : cases) {
+    for (auto [text, data] : {
+             std::pair<const char*, const char*>{"<a>&foo;x</a>", "&x"},
+             {"<a>&#x41;&#X41;&#65;&#x4a;</a>", "A)AJ"},
+             {"<a>&lt;&gt;&amp;&quot;&apos;</a>", "<>&\"'"},
+             {"<a>&#x20AC;&#0;</a>", "\xE2\x82\xAC"},
+             {"<a>\t\n  x y \t\n</a>", "  x y "},
+             {"<a xml:space='default'>\t x \n</a>", "\t x \n"},
+             {"<a XML:SPACE><b>\tx\t</b></a>", nullptr},
+         }) {
         Parsed p;
-        Parse(p, c.text);
+        Parse(p, text);
         const LXMLElement* a = p.doc.GetElement("a");
-        ASSERT_NE(a, nullptr) << c.text;
-        if (c.data != nullptr) {
-            EXPECT_STREQ(a->GetElementData(), c.data) << c.text;
+        ASSERT_NE(a, nullptr) << text;
+        if (data != nullptr) {
+            EXPECT_STREQ(a->GetElementData(), data) << text;
         } else {
             EXPECT_TRUE(a->attributes.IsEmpty());
             EXPECT_STREQ(a->GetElement("b")->GetElementData(), "\tx\t");
@@ -124,22 +110,20 @@ TEST(XMLReader, EntitiesAndWhitespace) {
 }
 
 TEST(XMLWriter, ExactText) {
-    const struct {
-        const char* in;
-        const char* out;
-    } cases[] = {
-        {"<?xml encoding=\"UTF-8\" version=\"1.0\"?><Section><Key value=\"1\"/></Section>",
-         "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<Section>\n\t<Key value=\"1\"/>\n"
-         "</Section>\n"},
-        {"<a b='1' B='2' a='3'/>", "<a B=\"2\" a=\"3\" b=\"1\"/>\n"},
-        {"<a>  \n </a>", "<a/>\n"},
-        {"<a><!-- hi --><b>x</b></a>", "<a>\n\t<!-- hi -->\n\t<b>x</b>\n</a>\n"},
-        {"<a v='&lt;&amp;&quot;&apos;'>&gt;'\r\nz</a>", "<a v=\"&lt;&amp;&quot;'\">&gt;'\nz</a>\n"},
-        {"<!DOCTYPE d [<!ENTITY e \"x>\">]><d><![CDATA[<&>]]></d>",
-         "<!DOCTYPE d [<!ENTITY e \"x>\">]>\n<d>\n\t<![CDATA[<&>]]>\n</d>\n"},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(Reformatted(c.in), c.out) << c.in;
+    for (auto [in, out] : {
+             std::pair{
+                 "<?xml encoding=\"UTF-8\" version=\"1.0\"?><Section><Key value=\"1\"/></Section>",
+                 "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<Section>\n\t<Key value=\"1\"/>\n"
+                 "</Section>\n"},
+             {"<a b='1' B='2' a='3'/>", "<a B=\"2\" a=\"3\" b=\"1\"/>\n"},
+             {"<a>  \n </a>", "<a/>\n"},
+             {"<a><!-- hi --><b>x</b></a>", "<a>\n\t<!-- hi -->\n\t<b>x</b>\n</a>\n"},
+             {"<a v='&lt;&amp;&quot;&apos;'>&gt;'\r\nz</a>",
+              "<a v=\"&lt;&amp;&quot;'\">&gt;'\nz</a>\n"},
+             {"<!DOCTYPE d [<!ENTITY e \"x>\">]><d><![CDATA[<&>]]></d>",
+              "<!DOCTYPE d [<!ENTITY e \"x>\">]>\n<d>\n\t<![CDATA[<&>]]>\n</d>\n"},
+         }) {
+        EXPECT_EQ(Reformatted(in), out) << in;
     }
     Parsed p;
     Parse(p, "<a><b><c/></b>t</a>");
@@ -190,7 +174,26 @@ public:
     int left_;
 };
 
-TEST(XMLDocument, LoadFromFileResults) {
+void ExpectRoundTrip(const std::string& path) {
+    SCOPED_TRACE(path);
+    LXMLDocument first;
+    char error[260];
+    LProcessInterfaceVoid never;
+    ASSERT_EQ(first.LoadFromFile(never, path.c_str(), error), 0);
+    EXPECT_STREQ(error, "");
+    EXPECT_GT(first.children.Count(), 1u);
+    const std::string text = Written(first);
+    Parsed second;
+    Parse(second, text.c_str());
+    EXPECT_STREQ(second.error, "");
+    EXPECT_EQ(Written(second.doc, false), Written(first, false));
+    EXPECT_EQ(Written(second.doc), text);
+    Parsed flat;
+    Parse(flat, Written(first, false).c_str());
+    EXPECT_EQ(Written(flat.doc), text);
+}
+
+TEST(XMLDocument, LoadFromFileResultsAndRoundTripsOfFilesOfThisMachine) {
     ltest::TempTree tree;
     std::string body = "<a>";
     for (int i = 0; i < 200; ++i) {
@@ -227,34 +230,13 @@ TEST(XMLDocument, LoadFromFileResults) {
     std::filesystem::resize_file(huge, 1ull << 40);
     EXPECT_EQ(doc.LoadFromFile(never, huge.c_str(), error), 2);
     EXPECT_EQ(error, "Not enough memory available to load " + huge);
-}
 
-void ExpectRoundTrip(const std::string& path) {
-    SCOPED_TRACE(path);
-    LXMLDocument first;
-    char error[260];
-    LProcessInterfaceVoid never;
-    ASSERT_EQ(first.LoadFromFile(never, path.c_str(), error), 0);
-    EXPECT_STREQ(error, "");
-    EXPECT_GT(first.children.Count(), 1u);
-    const std::string text = Written(first);
-    Parsed second;
-    Parse(second, text.c_str());
-    EXPECT_STREQ(second.error, "");
-    EXPECT_EQ(Written(second.doc, false), Written(first, false));
-    EXPECT_EQ(Written(second.doc), text);
-    Parsed flat;
-    Parse(flat, Written(first, false).c_str());
-    EXPECT_EQ(Written(flat.doc), text);
-}
-
-TEST(XMLDocument, RoundTripsFilesOfThisMachine) {
-    for (const char* path : {"/etc/fonts/fonts.conf", "/usr/share/dbus-1/system.conf"}) {
-        if (std::filesystem::exists(path)) {
-            ExpectRoundTrip(path);
+    // Files that other programs wrote come back as they were read.
+    for (const char* file : {"/etc/fonts/fonts.conf", "/usr/share/dbus-1/system.conf"}) {
+        if (std::filesystem::exists(file)) {
+            ExpectRoundTrip(file);
         }
     }
-    ltest::TempTree tree;
     const std::string xbel = tree.Path("recently-used.xbel");
     GBookmarkFile* bookmarks = g_bookmark_file_new();
     g_bookmark_file_set_title(bookmarks, "file:///tmp/a%20b.txt", "A & <b>");
@@ -270,90 +252,79 @@ TEST(XMLDocument, RoundTripsFilesOfThisMachine) {
 // Loaded elements, their texts and attributes live in memory of their load: every way of
 // taking, changing or freeing them must leave the rest readable and free everything (the
 // sanitizer build checks both).
-TEST(XMLArena, LoadedElementsTakenChangedAndFreed) {
+TEST(XMLArena, LoadedElementsAndAttributesTakenChangedAndFreed) {
     const char* text = "<r><a k=' 1 ' j='2'>x</a><b/><a k='3'/></r>";
-    const struct {
-        const char* what;
-        std::function<std::string(LXMLDocument&)> step;
-        std::string expected;
-    } cases[] = {
-        {"moved to another document that outlives it",
-         [](LXMLDocument& d) {
-             LXMLDocument other;
-             other.AppendChild(d.children.PopFront());
-             char error[260] = {};
-             LProcessInterfaceVoid never;
-             LXMLLoaderTemplate<char> loader("<t/>", error, never);
-             d.LoadData(loader);
-             return Written(other) + Written(d);
-         },
-         "<r>\n\t<a j=\"2\" k=\" 1 \">x</a>\n\t<b/>\n\t<a k=\"3\"/>\n</r>\n<t/>\n"},
-        {"every a deleted, one added",
-         [](LXMLDocument& d) {
-             d.GetElement("r")->DeleteElement("a");
-             d.GetElement("r")->AddElement("c")->AddText("y");
-             return Written(d);
-         },
-         "<r>\n\t<b/>\n\t<c>y</c>\n</r>\n"},
-        {"copied, then the original loaded again",
-         [](LXMLDocument& d) {
-             LXMLElement copy(*d.GetElement("r"));
-             Parsed p;
-             Parse(p, "<z/>");
-             d = p.doc;
-             return Written(copy) + Written(d);
-         },
-         "<r>\n\t<a j=\"2\" k=\" 1 \">x</a>\n\t<b/>\n\t<a k=\"3\"/>\n</r>\n<z/>\n"},
-        {"a loaded element assigned over another",
-         [](LXMLDocument& d) {
-             LXMLElement& r = *d.GetElement("r");
-             *r.GetElement("b") = *r.GetElement("a");
-             r.GetElement("a")->SetString("missing", "v");
-             return Written(r, false);
-         },
-         "<r><a j=\"2\" k=\" 1 \">x</a><a j=\"2\" k=\" 1 \">x</a><a k=\"3\"/></r>"},
-    };
-    for (const auto& c : cases) {
+    using Case = std::tuple<const char*, std::function<std::string(LXMLDocument&)>, std::string>;
+    for (const auto& [what, step, expected] : {
+             Case{"moved to another document that outlives it",
+                  [](LXMLDocument& d) {
+                      LXMLDocument other;
+                      other.AppendChild(d.children.PopFront());
+                      char error[260] = {};
+                      LProcessInterfaceVoid never;
+                      LXMLLoaderTemplate<char> loader("<t/>", error, never);
+                      d.LoadData(loader);
+                      return Written(other) + Written(d);
+                  },
+                  "<r>\n\t<a j=\"2\" k=\" 1 \">x</a>\n\t<b/>\n\t<a k=\"3\"/>\n</r>\n<t/>\n"},
+             {"every a deleted, one added",
+              [](LXMLDocument& d) {
+                  d.GetElement("r")->DeleteElement("a");
+                  d.GetElement("r")->AddElement("c")->AddText("y");
+                  return Written(d);
+              },
+              "<r>\n\t<b/>\n\t<c>y</c>\n</r>\n"},
+             {"copied, then the original loaded again",
+              [](LXMLDocument& d) {
+                  LXMLElement copy(*d.GetElement("r"));
+                  Parsed p;
+                  Parse(p, "<z/>");
+                  d = p.doc;
+                  return Written(copy) + Written(d);
+              },
+              "<r>\n\t<a j=\"2\" k=\" 1 \">x</a>\n\t<b/>\n\t<a k=\"3\"/>\n</r>\n<z/>\n"},
+             {"a loaded element assigned over another",
+              [](LXMLDocument& d) {
+                  LXMLElement& r = *d.GetElement("r");
+                  *r.GetElement("b") = *r.GetElement("a");
+                  r.GetElement("a")->SetString("missing", "v");
+                  return Written(r, false);
+              },
+              "<r><a j=\"2\" k=\" 1 \">x</a><a j=\"2\" k=\" 1 \">x</a><a k=\"3\"/></r>"},
+         }) {
         Parsed p;
         Parse(p, text);
-        EXPECT_EQ(c.step(p.doc), c.expected) << c.what;
+        EXPECT_EQ(step(p.doc), expected) << what;
     }
-}
-
-// Attributes read by a load are changed through every setter of their table; the pairs not
-// changed keep their text, also through a pointer taken before the change.
-TEST(XMLArena, LoadedAttributesChangedThroughTheirTable) {
-    const struct {
-        const char* what;
-        std::function<void(LHashTable&)> change;
-        const char* pairs;
-    } cases[] = {
-        {"set", [](LHashTable& t) { t.SetString("k", "9"); }, "j=2&k=9&n=x"},
-        {"deleted", [](LHashTable& t) { t.DeleteField("k"); }, "j=2&n=x"},
-        {"trimmed", [](LHashTable& t) { EXPECT_STREQ(t.GetParmTrim("k", ""), "1"); },
-         "j=2&k=1&n=x"},
-        {"through an iterator",
-         [](LHashTable& t) {
-             for (LHashTable::Iterator it(t); it; ++it) {
-                 if (std::strcmp(it.GetParm(), "n") == 0) {
-                     it.SetData("y");
-                 }
-             }
-         },
-         "j=2&k= 1 &n=y"},
-        {"query string", [](LHashTable& t) { t.LoadHTTPString("j=5"); }, "j=2&j=5&k= 1 &n=x"},
-        {"cleared", [](LHashTable& t) { t.Clear(); }, ""},
-    };
-    for (const auto& c : cases) {
+    // Attributes read by a load are changed through every setter of their table; the pairs not
+    // changed keep their text, also through a pointer taken before the change.
+    using Change = std::tuple<const char*, std::function<void(LHashTable&)>, const char*>;
+    for (const auto& [what, change, pairs] : {
+             Change{"set", [](LHashTable& t) { t.SetString("k", "9"); }, "j=2&k=9&n=x"},
+             {"deleted", [](LHashTable& t) { t.DeleteField("k"); }, "j=2&n=x"},
+             {"trimmed", [](LHashTable& t) { EXPECT_STREQ(t.GetParmTrim("k", ""), "1"); },
+              "j=2&k=1&n=x"},
+             {"through an iterator",
+              [](LHashTable& t) {
+                  for (LHashTable::Iterator it(t); it; ++it) {
+                      if (std::strcmp(it.GetParm(), "n") == 0) {
+                          it.SetData("y");
+                      }
+                  }
+              },
+              "j=2&k= 1 &n=y"},
+             {"query string", [](LHashTable& t) { t.LoadHTTPString("j=5"); }, "j=2&j=5&k= 1 &n=x"},
+             {"cleared", [](LHashTable& t) { t.Clear(); }, ""},
+         }) {
         Parsed p;
         Parse(p, "<a k=' 1 ' j='1' n='x' j='2'/>");
         LHashTable& table = p.doc.GetElement("a")->attributes;
         const char* kept = table.GetParm("n", "");
-        c.change(table);
-        LStringLongTemplate<char> pairs;
-        table.SaveString(pairs);
-        EXPECT_STREQ(pairs.GetText(), c.pairs) << c.what;
-        EXPECT_STREQ(kept, "x") << c.what;
+        change(table);
+        LStringLongTemplate<char> saved;
+        table.SaveString(saved);
+        EXPECT_STREQ(saved.GetText(), pairs) << what;
+        EXPECT_STREQ(kept, "x") << what;
     }
 }
 

@@ -14,29 +14,23 @@ public:
     // Empty when the tree is sound, else a description of the first fault found.
     static std::string Check(const LRBTree<K, V, Traits>& tree) {
         const Node* root = tree.GetRoot();
-        if (root == nullptr) {
-            return {};
-        }
-        if (root->m_pParent != nullptr) {
-            return "root has a parent";
-        }
-        if (root->m_nColour != Node::kBlack) {
-            return "root is red";
-        }
         std::string fault;
-        BlackHeight(root, fault);
-        if (!fault.empty()) {
-            return fault;
+        if (root != nullptr && root->m_pParent != nullptr) {
+            fault = "root has a parent";
+        } else if (root != nullptr && root->m_nColour != Node::kBlack) {
+            fault = "root is red";
+        } else {
+            BlackHeight(root, fault);
         }
         const Node* previous = nullptr;
-        for (const Node* x = tree.First(); x != nullptr;
+        for (const Node* x = tree.First(); fault.empty() && x != nullptr;
              x = LRBTree<K, V, Traits>::Next(const_cast<Node*>(x))) {
             if (previous != nullptr && Traits::Compare(previous->m_key, x->m_key) > 0) {
-                return "in-order sequence decreases";
+                fault = "in-order sequence decreases";
             }
             previous = x;
         }
-        return {};
+        return fault;
     }
 
 private:
@@ -49,14 +43,11 @@ private:
             return 0;
         }
         for (const Node* child : {x->m_pLeft, x->m_pRight}) {
-            if (child == nullptr) {
-                continue;
-            }
-            if (child->m_pParent != x) {
+            if (child != nullptr && child->m_pParent != x) {
                 fault = "child's parent pointer is wrong";
                 return 0;
             }
-            if (x->m_nColour == Node::kRed && child->m_nColour == Node::kRed) {
+            if (child != nullptr && x->m_nColour == Node::kRed && child->m_nColour == Node::kRed) {
                 fault = "red node with a red child";
                 return 0;
             }
