@@ -314,6 +314,22 @@ TEST(XpcWire, DescriptorRulesAreEnforcedAndRefusedDescriptorsClosed) {
     ASSERT_TRUE(Encode({Kind::message, 1, 0}, m, ok) && Finish(ok, nullptr));
     EXPECT_TRUE(ok.fds.empty());  // 64 KiB and less stays inline
     xpc_release(m);
+
+    // A connect request carries exactly one socket.
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair), 0);
+    Packet request = EncodeConnect(pair[1]);
+    std::vector<int> fds = std::exchange(request.fds, {});
+    int end = -1;
+    ASSERT_TRUE(DecodeConnect(request.bytes, fds, end));
+    EXPECT_EQ(end, pair[1]);
+    std::vector<int> notSocket = readEnd(), none;
+    const int kept = notSocket[0];
+    EXPECT_FALSE(DecodeConnect(request.bytes, notSocket, end));
+    EXPECT_FALSE(IsOpen(kept));
+    EXPECT_FALSE(DecodeConnect(request.bytes, none, end));
+    close(pair[0]);
+    close(pair[1]);
 }
 
 // A packet of region data items (position, length), handing a region over when `flag`.
@@ -430,26 +446,6 @@ TEST(XpcWire, TheRegionIsHandedOverOnceReusedAndAFullRingFallsBackToSealedMemfds
         EXPECT_TRUE(p.fds.empty());
         xpc_release(Check(p, size, 9, receiving));
     }
-}
-
-TEST(XpcWire, ConnectRequestsCarryExactlyOneSocket) {
-    int pair[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair), 0);
-    Packet request = EncodeConnect(pair[1]);
-    std::vector<int> fds = std::exchange(request.fds, {});
-    int end = -1;
-    ASSERT_TRUE(DecodeConnect(request.bytes, fds, end));
-    EXPECT_EQ(end, pair[1]);
-    int pipeFds[2];
-    ASSERT_EQ(pipe2(pipeFds, O_CLOEXEC), 0);
-    std::vector<int> notSocket = {pipeFds[0]};
-    EXPECT_FALSE(DecodeConnect(request.bytes, notSocket, end));
-    EXPECT_FALSE(IsOpen(pipeFds[0]));
-    std::vector<int> none;
-    EXPECT_FALSE(DecodeConnect(request.bytes, none, end));
-    close(pipeFds[1]);
-    close(pair[0]);
-    close(pair[1]);
 }
 
 }  // namespace

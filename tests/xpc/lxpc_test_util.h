@@ -61,7 +61,6 @@ inline const RecordedValue& Find(const std::vector<RecordedValue>& values, const
 
 struct Delivery {
     long connection = 0;
-    long message = 0;
     bool arrayForm = false;
     std::vector<RecordedValue> values;
 };
@@ -87,19 +86,13 @@ public:
         if (onMessage) {
             onMessage(connection, message, data);
         }
-        Add([&] { messages.push_back({connection, message, false, Record(data)}); });
+        Add([&] { messages.push_back({connection, false, Record(data)}); });
     }
     void EvReplyReceived(long connection, LList<LXPCDataListable> const& data) override {
-        Add([&] { replies.push_back({connection, 0, false, Record(data)}); });
-    }
-    void EvMessageReceived(long connection, long message, LXPCData const* data,
-                           unsigned long count) override {
-        Add([&] {
-            messages.push_back({connection, message, true, Record(std::span(data, count))});
-        });
+        Add([&] { replies.push_back({connection, false, Record(data)}); });
     }
     void EvReplyReceived(long connection, LXPCData const* data, unsigned long count) override {
-        Add([&] { replies.push_back({connection, 0, true, Record(std::span(data, count))}); });
+        Add([&] { replies.push_back({connection, true, Record(std::span(data, count))}); });
     }
     void EvInvalidConnectionAttempt() override {
         Add([&] { ++invalidAttempts; });
