@@ -25,21 +25,17 @@ void SetUpSide(LXPCBase& base, bool server) {
 }
 
 LList<LXPCDataListable> Request(long value, const char* tag) {
-    LList<LXPCDataListable> values;
-    Push(values, "REQ", LXPCDataTypeInt64, value);
-    Push(values, "TAG", LXPCDataTypeString, LXPCPointerAsValue(tag));
-    return values;
+    return Values(
+        {{"REQ", LXPCDataTypeInt64, value}, {"TAG", LXPCDataTypeString, LXPCPointerAsValue(tag)}});
 }
 
 // A message hook having `server` answer every request with REP = 2 * REQ and the same TAG.
 auto Echoing(LXPCBase& server) {
     return [&server](long connection, long message, const LList<LXPCDataListable>& data) {
-        LList<LXPCDataListable> reply;
-        for (const LXPCDataListable& value : data) {
-            const bool req = std::strcmp(value.szName, "REQ") == 0;
-            Push(reply, req ? "REP" : "TAG", value.type, req ? value.nValue * 2 : value.nValue);
-        }
-        server.SendReply(connection, message, reply);
+        const auto request = Record(data);
+        server.SendReply(connection, message,
+                         Values({{"REP", LXPCDataTypeInt64, Find(request, "REQ").data.nValue * 2},
+                                 {"TAG", LXPCDataTypeString, Find(request, "TAG").data.nValue}}));
     };
 }
 
@@ -209,9 +205,7 @@ TEST_F(LXPCLink, BarriersFollowEverySendInOrderAndEmptyMessagesAreDropped) {
     client.AddKey("UNHEARD", LXPCDataTypeInt64, false);
     auto connection = Connect(client);
     // Messages that decode to nothing on the server are sent (with a barrier), not delivered.
-    LList<LXPCDataListable> unheard;
-    Push(unheard, "UNHEARD", LXPCDataTypeInt64, 1);
-    client.SendMessage(connection->hConnection, unheard, false);
+    client.SendMessage(connection->hConnection, Values({{"UNHEARD", LXPCDataTypeInt64, 1}}), false);
     client.SendMessage(connection->hConnection, LList<LXPCDataListable>(), false);
     constexpr int kCount = 8;
     for (int i = 0; i < kCount; ++i) {
@@ -273,9 +267,7 @@ TEST_F(LXPCLink, DestroyingTheServerWithABarrierQueuedDeliversNothing) {
         released.wait();
     });
     ASSERT_TRUE(WaitFor([&] { return blocking.load(); }));
-    LList<LXPCDataListable> reply;
-    Push(reply, "REP", LXPCDataTypeInt64, 1);
-    server->SendMessage(serverConnection, reply, false);
+    server->SendMessage(serverConnection, Values({{"REP", LXPCDataTypeInt64, 1}}), false);
     delete server;
     EXPECT_EQ(pServer, nullptr);
     EXPECT_FALSE(handler->bAlive);

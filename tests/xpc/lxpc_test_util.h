@@ -122,13 +122,24 @@ private:
     }
 };
 
-// Adds a value to a list, against a throwaway key.
-inline void Push(LList<LXPCDataListable>& list, const char* name, LXPCDataType type, long value,
-                 unsigned long length = 0) {
-    LXPCDictionaryKeyListable key;
-    LXPCCopyName(key.szName, name);
-    key.type = type;
-    list.PushFront(CreateXPCData(key, value, length));
+// One value of a list made by Values.
+struct Value {
+    const char* name;
+    LXPCDataType type;
+    long value;
+    unsigned long length = 0;
+};
+
+// A value list of `values`, each pushed at the front in turn, against throwaway keys.
+inline LList<LXPCDataListable> Values(std::initializer_list<Value> values) {
+    LList<LXPCDataListable> list;
+    for (const Value& v : values) {
+        LXPCDictionaryKeyListable key;
+        LXPCCopyName(key.szName, v.name);
+        key.type = v.type;
+        list.PushFront(CreateXPCData(key, v.value, v.length));
+    }
+    return list;
 }
 
 // Hands a new client connection to an LXPCConnection, which then holds its only reference.
