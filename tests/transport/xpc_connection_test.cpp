@@ -374,9 +374,8 @@ TEST_F(XpcConnection, AStalledQueueHoldsItsFloodingPeerBack) {
     Client c("t.flood");
     xpc_object_t m = Message(1);
     xpc_connection_send_message(c, m);
-    for (int i = 0; i < 2000 && handled == 0; ++i) {
-        std::this_thread::sleep_for(10ms);
-    }
+    // The stall queues behind the handler that resumed the peer.
+    ASSERT_TRUE(service.state->peers.WaitFor(1));
     std::promise<void> release;
     xpc_queue_async(queue, [released = release.get_future().share()] { released.wait(); });
     // Paced, so that a service that went on receiving would keep the client's queue empty.

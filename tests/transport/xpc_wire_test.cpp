@@ -167,7 +167,8 @@ TEST(XpcWire, EnvelopeAndValueLayoutAreExact) {
     xpc_release(m);
 }
 
-TEST(XpcWire, PacketsTooLargeForTheSocketSpillDataOrAreRefused) {
+// Packets too large for the socket spill data or are refused; nesting is bounded both ways.
+TEST(XpcWire, SizeAndNestingAreBounded) {
     std::vector<uint8_t> chunk(60000, 'x');
     xpc_object_t m = xpc_dictionary_create(nullptr, nullptr, 0);
     for (int i = 0; i < 5; ++i) {
@@ -185,9 +186,7 @@ TEST(XpcWire, PacketsTooLargeForTheSocketSpillDataOrAreRefused) {
     xpc_dictionary_set_string(m, "huge", huge.c_str());
     EXPECT_FALSE(Encode({Kind::message, 1, 0}, m, packet));
     xpc_release(m);
-}
 
-TEST(XpcWire, NestingIsBoundedBothWays) {
     auto nested = [](size_t depth) {
         xpc_object_t d = xpc_dictionary_create(nullptr, nullptr, 0);
         for (size_t i = 1; i < depth; ++i) {
@@ -199,12 +198,11 @@ TEST(XpcWire, NestingIsBoundedBothWays) {
         return d;
     };
     xpc_object_t ok = nested(kMaxDepth);
-    xpc_object_t r = RoundTrip(ok);
+    r = RoundTrip(ok);
     EXPECT_TRUE(xpc_equal(r, ok));
     xpc_release(r);
     xpc_release(ok);
     xpc_object_t deep = nested(kMaxDepth + 1);
-    Packet packet;
     EXPECT_FALSE(Encode({Kind::message, 1, 0}, deep, packet));
     xpc_release(deep);
     // Hand-made packets nesting arrays or dictionaries one level too deep are refused.
