@@ -1,14 +1,10 @@
 // Connections over real sockets: request and reply, replies reaching their owners whoever reads
 // the socket, barriers, suspend and resume, cancel, the error each side sees when the other
 // goes away, hostile packets, large data, and a client of another user.
-#include <fcntl.h>
 #include <grp.h>
-#include <poll.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -20,12 +16,14 @@
 #include <cstring>
 #include <filesystem>
 #include <future>
+#include <list>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "tests/file/temp_tree.h"
+#include "tests/thread/child_process.h"
 #include "xpc/transport/xpc_transport.h"
 #include "xpc/transport/xpc_wire.h"
 
@@ -61,6 +59,8 @@ public:
         std::lock_guard lock(mutex_);
         return items_.at(i);
     }
+    // The first item once it came; nullptr when none did.
+    xpc_object_t First() { return WaitFor(1) ? At(0) : nullptr; }
 
 private:
     std::mutex mutex_;
@@ -68,36 +68,33 @@ private:
     std::vector<xpc_object_t> items_;
 };
 
-// A private service folder in LXPC_SERVICE_DIR for the test's lifetime.
-struct ServiceDir {
-    ltest::TempTree tree;
-    ltest::EnvOverride env{"LXPC_SERVICE_DIR", tree.root()};
-    std::string Path(const char* name) const { return tree.Path(std::string(name) + ".sock"); }
-};
-
-// Every connection test has its own service folder.
+// Every connection test has a private service folder in LXPC_SERVICE_DIR.
 class XpcConnection : public ::testing::Test {
 protected:
-    ServiceDir dir_;
+    std::string Path(const char* name) const { return tree_.Path(std::string(name) + ".sock"); }
+
+    ltest::TempTree tree_;
+    ltest::EnvOverride env_{"LXPC_SERVICE_DIR", tree_.root()};
 };
 
-// A listener whose peers are resumed with `onMessage` as their handler; errors on peers
-// are collected in `peerErrors`. Handlers share the state, so that events still arriving
-// while the service is torn down find it alive.
+// A listening service (on `queue` when one is given) whose peers get `onMessage` as their
+// handler, and are resumed unless `resumePeers` is false; errors on peers are collected in
+// `peerErrors`. Handlers share the state, so that events still arriving while the service is
+// torn down find it alive.
 struct ServiceState {
     std::function<void(xpc_connection_t, xpc_object_t)> handler;
     Inbox peers, peerErrors, listenerErrors;
-    std::atomic<bool> autoResume{true};
+    bool resumePeers = true;
 };
 
 struct Service {
-    Service(const char* name, std::function<void(xpc_connection_t, xpc_object_t)> onMessage)
-        : state(std::make_shared<ServiceState>()),
-          peers(state->peers),
-          peerErrors(state->peerErrors) {
+    Service(const char* name, std::function<void(xpc_connection_t, xpc_object_t)> onMessage,
+            xpc_queue_t queue = nullptr, bool resumePeers = true)
+        : state(std::make_shared<ServiceState>()) {
         state->handler = std::move(onMessage);
+        state->resumePeers = resumePeers;
         listener =
-            xpc_connection_create_mach_service(name, nullptr, XPC_CONNECTION_MACH_SERVICE_LISTENER);
+            xpc_connection_create_mach_service(name, queue, XPC_CONNECTION_MACH_SERVICE_LISTENER);
         xpc_connection_set_event_handler(listener, [state = state](xpc_object_t peer) {
             if (xpc_get_type(peer) != XPC_TYPE_CONNECTION) {
                 state->listenerErrors.Push(peer);
@@ -111,15 +108,15 @@ struct Service {
                     state->handler(peer, event);
                 }
             });
-            if (state->autoResume) {
+            if (state->resumePeers) {
                 xpc_connection_resume(peer);
             }
         });
+        xpc_connection_resume(listener);
     }
-    void Start() { xpc_connection_resume(listener); }
     ~Service() {
-        for (size_t i = 0; i < peers.Count(); ++i) {
-            xpc_connection_cancel(peers.At(i));
+        for (size_t i = 0; i < state->peers.Count(); ++i) {
+            xpc_connection_cancel(state->peers.At(i));
         }
         xpc_connection_cancel(listener);
         // The listening socket is closed once the final event arrives.
@@ -128,9 +125,23 @@ struct Service {
     }
     std::shared_ptr<ServiceState> state;
     xpc_connection_t listener;
-    Inbox& peers;
-    Inbox& peerErrors;
 };
+
+int64_t V(xpc_object_t message) {
+    return xpc_dictionary_get_int64(message, "v");
+}
+
+xpc_object_t Message(int64_t value) {
+    xpc_object_t m = xpc_dictionary_create(nullptr, nullptr, 0);
+    xpc_dictionary_set_int64(m, "v", value);
+    return m;
+}
+
+void Send(xpc_connection_t c, int64_t value) {
+    xpc_object_t m = Message(value);
+    xpc_connection_send_message(c, m);
+    xpc_release(m);
+}
 
 void Reply(xpc_connection_t peer, xpc_object_t message, int64_t value) {
     xpc_object_t reply = xpc_dictionary_create_reply(message);
@@ -140,21 +151,9 @@ void Reply(xpc_connection_t peer, xpc_object_t message, int64_t value) {
     xpc_release(reply);
 }
 
-xpc_connection_t Client(const char* name, std::shared_ptr<Inbox> events) {
-    xpc_connection_t c = xpc_connection_create_mach_service(name, nullptr, 0);
-    xpc_connection_set_event_handler(c, [events = std::move(events)](xpc_object_t e) {
-        if (events) {
-            events->Push(e);
-        }
-    });
-    xpc_connection_resume(c);
-    return c;
-}
-
-xpc_object_t Message(int64_t value) {
-    xpc_object_t m = xpc_dictionary_create(nullptr, nullptr, 0);
-    xpc_dictionary_set_int64(m, "v", value);
-    return m;
+// A service handler replying {v: value} to every request.
+std::function<void(xpc_connection_t, xpc_object_t)> Answering(int64_t value) {
+    return [value](xpc_connection_t peer, xpc_object_t m) { Reply(peer, m, value); };
 }
 
 void Close(xpc_connection_t c) {
@@ -162,51 +161,87 @@ void Close(xpc_connection_t c) {
     xpc_release(c);
 }
 
+// A connection to `name` (listening as `name` with the listener flag), resumed, its events
+// collected in `events`. It stands for the connection, which it closes when it goes.
+class Client {
+public:
+    explicit Client(const char* name, uint64_t flags = 0)
+        : connection_(xpc_connection_create_mach_service(name, nullptr, flags)) {
+        xpc_connection_set_event_handler(connection_,
+                                         [events = events](xpc_object_t e) { events->Push(e); });
+        xpc_connection_resume(connection_);
+    }
+    Client(const Client&) = delete;
+    ~Client() { Close(connection_); }
+    operator xpc_connection_t() const { return connection_; }
+
+    const std::shared_ptr<Inbox> events = std::make_shared<Inbox>();
+
+private:
+    xpc_connection_t connection_;
+};
+
 // Sends {v: value} and waits for the reply's "v"; -1 when an error came instead.
 int64_t Ask(xpc_connection_t c, int64_t value = 0) {
     xpc_object_t m = Message(value);
     xpc_object_t r = xpc_connection_send_message_with_reply_sync(c, m);
-    const int64_t v =
-        xpc_get_type(r) == XPC_TYPE_DICTIONARY ? xpc_dictionary_get_int64(r, "v") : -1;
+    const int64_t v = xpc_get_type(r) == XPC_TYPE_DICTIONARY ? V(r) : -1;
     xpc_release(r);
     xpc_release(m);
     return v;
 }
 
-sockaddr_un Address(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path, path.c_str());
-    return address;
+// Sends {v: value} with a reply handler; the reply (or error) arrives in the inbox returned.
+std::shared_ptr<Inbox> AskLater(xpc_connection_t c, int64_t value) {
+    auto replies = std::make_shared<Inbox>();
+    xpc_object_t m = Message(value);
+    xpc_connection_send_message_with_reply(c, m, nullptr,
+                                           [replies](xpc_object_t r) { replies->Push(r); });
+    xpc_release(m);
+    return replies;
+}
+
+// Queues a barrier; the inbox returned gets an item when it runs.
+std::shared_ptr<Inbox> Barrier(xpc_connection_t c) {
+    auto ran = std::make_shared<Inbox>();
+    xpc_connection_send_barrier(c, [ran] { ran->Push(XPC_ERROR_CONNECTION_INVALID); });
+    return ran;
+}
+
+// A service handler answering requests below 10 at once with their own value, and holding
+// the others (on its peer's serial queue) until `count` are in; it then sends events 1 and 2,
+// answers the held ones in reverse order with their value plus one, and sends event 3.
+std::function<void(xpc_connection_t, xpc_object_t)> Holding(size_t count) {
+    auto held = std::make_shared<std::vector<xpc_object_t>>();
+    return [held, count](xpc_connection_t peer, xpc_object_t m) {
+        if (V(m) < 10) {
+            return Reply(peer, m, V(m));
+        }
+        held->push_back(xpc_retain(m));
+        if (held->size() < count) {
+            return;
+        }
+        Send(peer, 1);
+        Send(peer, 2);
+        for (auto it = held->rbegin(); it != held->rend(); ++it) {
+            Reply(peer, *it, V(*it) + 1);
+            xpc_release(*it);
+        }
+        Send(peer, 3);
+    };
 }
 
 TEST_F(XpcConnection, ManyRequestsInFlightGetTheirOwnReplies) {
-    // The service holds the requests (on its peer's serial queue) and answers them only once
-    // all are in, in reverse order.
-    constexpr size_t kCount = 64;
-    auto held = std::make_shared<std::vector<xpc_object_t>>();
-    Service service("t.routing", [held](xpc_connection_t peer, xpc_object_t m) {
-        held->push_back(xpc_retain(m));
-        if (held->size() == kCount) {
-            for (auto it = held->rbegin(); it != held->rend(); ++it) {
-                Reply(peer, *it, xpc_dictionary_get_int64(*it, "v") + 1000);
-                xpc_release(*it);
-            }
-        }
-    });
-    service.Start();
-    xpc_connection_t c = Client("t.routing", nullptr);
-    auto replies = std::make_shared<Inbox>();
-    for (size_t i = 0; i < kCount; ++i) {
-        xpc_object_t m = Message(static_cast<int64_t>(i));
-        xpc_connection_send_message_with_reply(c, m, nullptr, [replies, i](xpc_object_t r) {
-            EXPECT_EQ(xpc_dictionary_get_int64(r, "v"), static_cast<int64_t>(i) + 1000);
-            replies->Push(r);
-        });
-        xpc_release(m);
+    constexpr int64_t kCount = 64;
+    Service service("t.routing", Holding(kCount));
+    Client c("t.routing");
+    std::vector<std::shared_ptr<Inbox>> replies;
+    for (int64_t i = 10; i < 10 + kCount; ++i) {
+        replies.push_back(AskLater(c, i));
     }
-    ASSERT_TRUE(replies->WaitFor(kCount));
-    Close(c);
+    for (int64_t i = 0; i < kCount; ++i) {
+        EXPECT_EQ(V(replies[i]->First()), i + 11);
+    }
 }
 
 // Two requests warm a connection up: from then on a synchronous caller reads its socket.
@@ -216,57 +251,23 @@ void WarmUp(xpc_connection_t c) {
 }
 
 TEST_F(XpcConnection, ASynchronousCallerReadingTheSocketHandsOnWhatIsNotItsOwn) {
-    // The service holds three requests (two synchronous ones from two threads, one with a
-    // reply handler), then sends two events, the replies in reverse order and a last event:
-    // whichever caller reads, every reply reaches its owner and the events stay in order.
-    struct Held {
-        std::mutex mutex;
-        std::vector<xpc_object_t> messages;
-    };
-    auto held = std::make_shared<Held>();
-    Service service("t.handover", [held](xpc_connection_t peer, xpc_object_t m) {
-        if (xpc_dictionary_get_int64(m, "v") < 10) {
-            return Reply(peer, m, xpc_dictionary_get_int64(m, "v"));
-        }
-        std::lock_guard lock(held->mutex);
-        held->messages.push_back(xpc_retain(m));
-        if (held->messages.size() < 3) {
-            return;
-        }
-        auto event = [peer](int64_t v) {
-            xpc_object_t e = Message(v);
-            xpc_connection_send_message(peer, e);
-            xpc_release(e);
-        };
-        event(1);
-        event(2);
-        for (auto it = held->messages.rbegin(); it != held->messages.rend(); ++it) {
-            Reply(peer, *it, xpc_dictionary_get_int64(*it, "v") + 1);
-            xpc_release(*it);
-        }
-        event(3);
-    });
-    service.Start();
-    auto events = std::make_shared<Inbox>();
-    xpc_connection_t c = Client("t.handover", events);
+    // Three requests are held (two synchronous ones from two threads, one with a reply
+    // handler): whichever caller reads, every reply reaches its owner and the events stay in
+    // order.
+    Service service("t.handover", Holding(3));
+    Client c("t.handover");
     WarmUp(c);
-    auto replies = std::make_shared<Inbox>();
-    xpc_object_t m = Message(30);
-    xpc_connection_send_message_with_reply(c, m, nullptr,
-                                           [replies](xpc_object_t r) { replies->Push(r); });
-    xpc_release(m);
+    auto reply = AskLater(c, 30);
     int64_t other = 0;
     std::thread thread([&] { other = Ask(c, 20); });
     EXPECT_EQ(Ask(c, 10), 11);
     thread.join();
     EXPECT_EQ(other, 21);
-    ASSERT_TRUE(replies->WaitFor(1));
-    EXPECT_EQ(xpc_dictionary_get_int64(replies->At(0), "v"), 31);
-    ASSERT_TRUE(events->WaitFor(3));
+    EXPECT_EQ(V(reply->First()), 31);
+    ASSERT_TRUE(c.events->WaitFor(3));
     for (size_t i = 0; i < 3; ++i) {
-        EXPECT_EQ(xpc_dictionary_get_int64(events->At(i), "v"), static_cast<int64_t>(i + 1));
+        EXPECT_EQ(V(c.events->At(i)), static_cast<int64_t>(i + 1));
     }
-    Close(c);
 }
 
 TEST_F(XpcConnection, ASynchronousCallerReadingTheSocketLearnsOfItsEnd) {
@@ -285,17 +286,15 @@ TEST_F(XpcConnection, ASynchronousCallerReadingTheSocketLearnsOfItsEnd) {
         auto asked = std::make_shared<Inbox>();
         Service service(k.service,
                         [asked, cancels = k.clientCancels](xpc_connection_t peer, xpc_object_t m) {
-                            if (xpc_dictionary_get_int64(m, "v") < 10) {
-                                return Reply(peer, m, xpc_dictionary_get_int64(m, "v"));
+                            if (V(m) < 10) {
+                                return Reply(peer, m, V(m));
                             }
                             asked->Push(m);  // and never replies
                             if (!cancels) {
                                 xpc_connection_cancel(peer);
                             }
                         });
-        service.Start();
-        auto events = std::make_shared<Inbox>();
-        xpc_connection_t c = Client(k.service, events);
+        Client c(k.service);
         WarmUp(c);
         std::thread canceller([&] {
             if (k.clientCancels && asked->WaitFor(1)) {
@@ -306,45 +305,30 @@ TEST_F(XpcConnection, ASynchronousCallerReadingTheSocketLearnsOfItsEnd) {
         xpc_object_t m = Message(10);
         EXPECT_EQ(xpc_connection_send_message_with_reply_sync(c, m), k.error);
         canceller.join();
-        ASSERT_TRUE(events->WaitFor(1));
-        EXPECT_EQ(events->At(0), k.error);
+        EXPECT_EQ(c.events->First(), k.error);
         if (k.clientCancels) {
             // A cancelled connection is never connected again: sends fail at once, and nothing
             // follows its final event (a barrier runs after whatever was queued before it).
             EXPECT_EQ(xpc_connection_send_message_with_reply_sync(c, m),
                       XPC_ERROR_CONNECTION_INVALID);
-            auto flushed = std::make_shared<Inbox>();
-            xpc_connection_send_barrier(c,
-                                        [flushed] { flushed->Push(XPC_ERROR_CONNECTION_INVALID); });
-            ASSERT_TRUE(flushed->WaitFor(1));
-            EXPECT_EQ(events->Count(), 1u);
+            ASSERT_TRUE(Barrier(c)->WaitFor(1));
+            EXPECT_EQ(c.events->Count(), 1u);
             // Nor is one cancelled before it ever ran, though its service is there.
             xpc_connection_t early = xpc_connection_create_mach_service(k.service, nullptr, 0);
             xpc_connection_cancel(early);
-            auto refused = std::make_shared<Inbox>();
-            xpc_connection_send_message_with_reply(early, m, nullptr,
-                                                   [refused](xpc_object_t r) { refused->Push(r); });
-            ASSERT_TRUE(refused->WaitFor(1));
-            EXPECT_EQ(refused->At(0), XPC_ERROR_CONNECTION_INVALID);
+            EXPECT_EQ(AskLater(early, 10)->First(), XPC_ERROR_CONNECTION_INVALID);
             xpc_release(early);
         }
         xpc_release(m);
-        Close(c);
     }
 }
 
 TEST_F(XpcConnection, BarrierWaitsUntilEverythingBeforeItIsWritten) {
-    std::atomic<int> received{0};
-    std::atomic<int> lastSeen{-1};
-    Service service("t.barrier", [&](xpc_connection_t, xpc_object_t m) {
-        EXPECT_EQ(xpc_dictionary_get_int64(m, "v"), lastSeen + 1);  // in order
-        lastSeen = static_cast<int>(xpc_dictionary_get_int64(m, "v"));
-        ++received;
-    });
-    service.state->autoResume = false;  // the peer reads nothing until resumed
-    service.Start();
-    xpc_connection_t c = Client("t.barrier", nullptr);
-    ASSERT_TRUE(service.peers.WaitFor(1));
+    auto arrived = std::make_shared<Inbox>();
+    auto keep = [arrived](xpc_connection_t, xpc_object_t m) { arrived->Push(m); };
+    Service service("t.barrier", keep, nullptr, false);  // the peer reads nothing until resumed
+    Client c("t.barrier");
+    ASSERT_TRUE(service.state->peers.WaitFor(1));
     constexpr int kCount = 400;  // far more than the socket buffer holds
     std::vector<char> payload(16 * 1024, 'p');
     for (int i = 0; i < kCount; ++i) {
@@ -353,41 +337,29 @@ TEST_F(XpcConnection, BarrierWaitsUntilEverythingBeforeItIsWritten) {
         xpc_connection_send_message(c, m);
         xpc_release(m);
     }
-    std::atomic<bool> barrierRan{false};
-    auto done = std::make_shared<Inbox>();
-    xpc_connection_send_barrier(c, [&] {
-        barrierRan = true;
-        done->Push(XPC_ERROR_CONNECTION_INVALID);
-    });
+    auto done = Barrier(c);
     std::this_thread::sleep_for(100ms);
-    EXPECT_FALSE(barrierRan.load());
-    xpc_connection_resume(service.peers.At(0));
+    EXPECT_EQ(done->Count(), 0u);
+    xpc_connection_resume(service.state->peers.At(0));
     ASSERT_TRUE(done->WaitFor(1));
-    // Everything was written before the barrier ran, so all of it arrives.
-    for (int i = 0; i < 2000 && received < kCount; ++i) {
-        std::this_thread::sleep_for(5ms);
+    // Everything was written before the barrier ran, so all of it arrives, in order.
+    ASSERT_TRUE(arrived->WaitFor(kCount));
+    for (int i = 0; i < kCount; ++i) {
+        EXPECT_EQ(V(arrived->At(i)), i);
     }
-    EXPECT_EQ(received.load(), kCount);
-    Close(c);
 }
 
 TEST_F(XpcConnection, SuspendHoldsEventsUntilResume) {
     Service service("t.suspend", [&](xpc_connection_t peer, xpc_object_t m) {
         xpc_connection_send_message(peer, m);  // echoed back as a plain message
     });
-    service.Start();
-    auto events = std::make_shared<Inbox>();
-    xpc_connection_t c = Client("t.suspend", events);
+    Client c("t.suspend");
     xpc_connection_suspend(c);
-    xpc_object_t m = Message(5);
-    xpc_connection_send_message(c, m);
-    xpc_release(m);
+    Send(c, 5);
     std::this_thread::sleep_for(100ms);
-    EXPECT_EQ(events->Count(), 0u);
+    EXPECT_EQ(c.events->Count(), 0u);
     xpc_connection_resume(c);
-    ASSERT_TRUE(events->WaitFor(1));
-    EXPECT_EQ(xpc_dictionary_get_int64(events->At(0), "v"), 5);
-    Close(c);
+    EXPECT_EQ(V(c.events->First()), 5);
 }
 
 // A connection whose queue does not keep up holds its peer back instead of taking in all it
@@ -397,27 +369,13 @@ TEST_F(XpcConnection, SuspendHoldsEventsUntilResume) {
 TEST_F(XpcConnection, AStalledQueueHoldsItsFloodingPeerBack) {
     xpc_queue_t queue = xpc_queue_create("t.flood");
     std::atomic<size_t> handled{0};
-    auto ends = std::make_shared<Inbox>();
-    xpc_connection_t listener =
-        xpc_connection_create_mach_service("t.flood", queue, XPC_CONNECTION_MACH_SERVICE_LISTENER);
-    xpc_connection_set_event_handler(listener, [&handled, ends](xpc_object_t peer) {
-        if (xpc_get_type(peer) != XPC_TYPE_CONNECTION) {
-            ends->Push(peer);
-            return;
-        }
-        xpc_connection_set_event_handler(peer, [&handled, ends](xpc_object_t event) {
-            xpc_get_type(event) == XPC_TYPE_ERROR ? ends->Push(event) : void(++handled);
-        });
-        xpc_connection_resume(peer);
-    });
-    xpc_connection_resume(listener);
-    auto events = std::make_shared<Inbox>();
-    xpc_connection_t c = Client("t.flood", events);
+    Service service(
+        "t.flood", [&handled](xpc_connection_t, xpc_object_t) { ++handled; }, queue);
+    Client c("t.flood");
     xpc_object_t m = Message(1);
     xpc_connection_send_message(c, m);
-    for (int i = 0; i < 2000 && handled == 0; ++i) {
-        std::this_thread::sleep_for(10ms);
-    }
+    // The stall queues behind the handler that resumed the peer.
+    ASSERT_TRUE(service.state->peers.WaitFor(1));
     std::promise<void> release;
     xpc_queue_async(queue, [released = release.get_future().share()] { released.wait(); });
     // Paced, so that a service that went on receiving would keep the client's queue empty.
@@ -428,32 +386,11 @@ TEST_F(XpcConnection, AStalledQueueHoldsItsFloodingPeerBack) {
         }
     }
     xpc_release(m);
-    ASSERT_TRUE(events->WaitFor(1));
-    EXPECT_EQ(events->At(0), XPC_ERROR_CONNECTION_INVALID);
+    EXPECT_EQ(c.events->First(), XPC_ERROR_CONNECTION_INVALID);
     release.set_value();
-    ASSERT_TRUE(ends->WaitFor(1));  // the service saw the client go
+    EXPECT_NE(service.state->peerErrors.First(), nullptr);  // the service saw the client go
     EXPECT_LT(handled, 2 * wire::kMaxQueuedPackets);
-    Close(c);
-    xpc_connection_cancel(listener);
-    EXPECT_TRUE(ends->WaitFor(2));
-    xpc_release(listener);
-    xpc_queue_release(queue);
-}
-
-TEST_F(XpcConnection, ConnectingToNoServiceIsInvalid) {
-    auto events = std::make_shared<Inbox>();
-    auto replies = std::make_shared<Inbox>();
-    xpc_connection_t c = Client("t.nobody", events);
-    xpc_object_t m = Message(1);
-    xpc_connection_send_message_with_reply(c, m, nullptr,
-                                           [replies](xpc_object_t r) { replies->Push(r); });
-    ASSERT_TRUE(events->WaitFor(1));
-    EXPECT_EQ(events->At(0), XPC_ERROR_CONNECTION_INVALID);
-    ASSERT_TRUE(replies->WaitFor(1));
-    EXPECT_EQ(replies->At(0), XPC_ERROR_CONNECTION_INVALID);
-    EXPECT_EQ(xpc_connection_send_message_with_reply_sync(c, m), XPC_ERROR_CONNECTION_INVALID);
-    xpc_release(m);
-    Close(c);
+    xpc_queue_release(queue);  // the service's connections hold it until they are gone
 }
 
 TEST_F(XpcConnection, ASynchronousRequestInsideAHandlerIsAnswered) {
@@ -462,38 +399,19 @@ TEST_F(XpcConnection, ASynchronousRequestInsideAHandlerIsAnswered) {
     Service service("t.nested", [&](xpc_connection_t peer, xpc_object_t m) {
         xpc_object_t question = Message(7);
         xpc_object_t answer = xpc_connection_send_message_with_reply_sync(peer, question);
-        Reply(peer, m, xpc_dictionary_get_int64(answer, "v") + xpc_dictionary_get_int64(m, "v"));
+        Reply(peer, m, V(answer) + V(m));
         xpc_release(answer);
         xpc_release(question);
     });
-    service.Start();
     xpc_connection_t c = xpc_connection_create_mach_service("t.nested", nullptr, 0);
     xpc_connection_set_event_handler(c, [c](xpc_object_t e) {
         if (xpc_get_type(e) == XPC_TYPE_DICTIONARY) {
-            Reply(c, e, xpc_dictionary_get_int64(e, "v") * 10);
+            Reply(c, e, V(e) * 10);
         }
     });
     xpc_connection_resume(c);
     EXPECT_EQ(Ask(c, 1), 71);
     Close(c);
-}
-
-TEST_F(XpcConnection, AMalformedPacketDropsOnlyThatConnection) {
-    Service service("t.hostile", [](xpc_connection_t peer, xpc_object_t m) { Reply(peer, m, 1); });
-    service.Start();
-    xpc_connection_t good = Client("t.hostile", nullptr);
-    const int raw = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    sockaddr_un address = Address(dir_.Path("t.hostile"));
-    ASSERT_EQ(connect(raw, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    const char garbage[] = "LXPC\x01\x01 this is not a packet";
-    ASSERT_EQ(send(raw, garbage, sizeof garbage, 0), static_cast<ssize_t>(sizeof garbage));
-    ASSERT_TRUE(service.peerErrors.WaitFor(1));
-    EXPECT_EQ(service.peerErrors.At(0), XPC_ERROR_CONNECTION_INVALID);
-    char byte;
-    EXPECT_EQ(recv(raw, &byte, 1, 0), 0);  // the hostile socket was closed
-    close(raw);
-    EXPECT_EQ(Ask(good), 1);
-    Close(good);
 }
 
 TEST_F(XpcConnection, LargeDataArrivesIntactBothWaysAroundEveryThreshold) {
@@ -505,8 +423,7 @@ TEST_F(XpcConnection, LargeDataArrivesIntactBothWaysAroundEveryThreshold) {
         xpc_connection_send_message(peer, reply);
         xpc_release(reply);
     });
-    service.Start();
-    xpc_connection_t c = Client("t.large", nullptr);
+    Client c("t.large");
     // Inline, just out of the packet, a whole packet, a ring that must grow, the largest
     // ring, beyond it (sealed), and small again in the grown ring.
     for (size_t size : {wire::kInlineDataMax, wire::kInlineDataMax + 1, wire::kMaxPacketSize,
@@ -528,89 +445,19 @@ TEST_F(XpcConnection, LargeDataArrivesIntactBothWaysAroundEveryThreshold) {
     }
     EXPECT_EQ(xpc_connection_get_pid(c), getpid());
     EXPECT_STREQ(xpc_connection_get_name(c), "t.large");
-    Close(c);
 }
 
-TEST_F(XpcConnection, AnInterruptedClientReconnectsToARestartedService) {
-    auto events = std::make_shared<Inbox>();
-    auto service = std::make_unique<Service>(
-        "t.restart", [](xpc_connection_t peer, xpc_object_t m) { Reply(peer, m, 1); });
-    service->Start();
-    xpc_connection_t c = Client("t.restart", events);
-    EXPECT_EQ(Ask(c), 1);
-    service.reset();
-    ASSERT_TRUE(events->WaitFor(1));
-    EXPECT_EQ(events->At(0), XPC_ERROR_CONNECTION_INTERRUPTED);
-    service = std::make_unique<Service>(
-        "t.restart", [](xpc_connection_t peer, xpc_object_t m) { Reply(peer, m, 2); });
-    service->Start();
-    EXPECT_EQ(Ask(c), 2);
-    Close(c);
-}
-
-// ---- other processes ----
-//
-// A child process is this test program started again (fork, then exec at once) running one
-// XpcChild test, chosen by LXPC_TEST_CHILD. Exec gives the child a fresh process: a forked
+// Another user asks the service of the parent test (below), in a child process: this test
+// program started again to run only this test. Exec gives the child a fresh process: a forked
 // copy of a multi-threaded parent may inherit locks other threads held at the fork.
-
-#define CHILD_ONLY()                                    \
-    if (std::getenv("LXPC_TEST_CHILD") == nullptr) {    \
-        GTEST_SKIP() << "runs as a child process only"; \
-    }
-
-// Starts the child running `role` and waits for its "R" on a pipe; -1 when it never came.
-pid_t SpawnChild(const char* role) {
-    int p[2];
-    if (pipe(p) != 0) {
-        return -1;
-    }
-    setenv("LXPC_TEST_CHILD", role, 1);
-    setenv("LXPC_TEST_READY_FD", std::to_string(p[1]).c_str(), 1);
-    const std::string filter = std::string("--gtest_filter=XpcChild.") + role;
-    char self[] = "/proc/self/exe";
-    char* argv[] = {self, const_cast<char*>(filter.c_str()), nullptr};
-    const pid_t child = fork();
-    if (child == 0) {
-        execv(self, argv);
-        _exit(127);
-    }
-    unsetenv("LXPC_TEST_CHILD");
-    unsetenv("LXPC_TEST_READY_FD");
-    close(p[1]);
-    pollfd wait{p[0], POLLIN, 0};
-    char byte = 0;
-    const bool ready = poll(&wait, 1, 20000) == 1 && read(p[0], &byte, 1) == 1 && byte == 'R';
-    close(p[0]);
-    if (!ready && child > 0) {
-        kill(child, SIGKILL);
-        waitpid(child, nullptr, 0);
-    }
-    return ready ? child : -1;
-}
-
-// Serves in the child until the parent kills it.
-[[noreturn]] void ServeInChild() {
-    const int fd = std::atoi(std::getenv("LXPC_TEST_READY_FD"));
-    (void)!write(fd, "R", 1);
-    close(fd);
-    std::this_thread::sleep_for(30s);
-    _exit(1);
-}
-
-void Stop(pid_t child) {
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
-}
-
-// Another user asks the service in the parent, and says "R" only when answered.
 TEST(XpcChild, AsNobody) {
-    CHILD_ONLY();
-    if (setgroups(0, nullptr) == 0 && setgid(65534) == 0 && setuid(65534) == 0 &&
-        Ask(Client("t.share", nullptr)) == 9) {
-        ServeInChild();
+    if (std::getenv("LXPC_TEST_CHILD") == nullptr) {
+        GTEST_SKIP() << "runs as a child process only";
     }
-    _exit(1);
+    alarm(20);  // only reached when something is broken
+    const bool answered = setgroups(0, nullptr) == 0 && setgid(65534) == 0 && setuid(65534) == 0 &&
+                          Ask(Client("t.share")) == 9;
+    _exit(answered ? 0 : 1);
 }
 
 // A connection counts until its socket closes, however long the program keeps the peer
@@ -620,64 +467,72 @@ TEST_F(XpcConnection, ConnectionsAreCountedWhileOpenAndSharedAmongUsers) {
         GTEST_SKIP() << "needs root to connect as another user";
     }
     chmod(std::getenv("LXPC_SERVICE_DIR"), 0755);
-    Service service("t.share", [](xpc_connection_t peer, xpc_object_t m) { Reply(peer, m, 9); });
-    service.Start();
+    Service service("t.share", Answering(9));
     int closedAnswered = 0, openAnswered = 0;
     for (size_t i = 0; i < wire::kMaxConnections; ++i) {
-        xpc_connection_t c = Client("t.share", nullptr);
-        closedAnswered += Ask(c) == 9;
-        Close(c);
+        closedAnswered += Ask(Client("t.share")) == 9;
     }
     std::this_thread::sleep_for(200ms);  // the service sees the last ones close
-    std::vector<xpc_connection_t> open;
+    std::list<Client> open;
     for (size_t i = 0; i < wire::kMaxConnections; ++i) {
-        open.push_back(Client("t.share", nullptr));
+        open.emplace_back("t.share");
         openAnswered += Ask(open.back()) == 9;
     }
     EXPECT_EQ(closedAnswered, static_cast<int>(wire::kMaxConnections));
     EXPECT_EQ(openAnswered, static_cast<int>(wire::kMaxConnectionsPerUser));
-    const pid_t child = SpawnChild("AsNobody");
-    EXPECT_GT(child, 0) << "another user was refused";
-    if (child > 0) {
-        Stop(child);
-    }
-    for (xpc_connection_t c : open) {
-        Close(c);
-    }
+    ltest::EnvOverride child("LXPC_TEST_CHILD", "1");
+    char self[] = "/proc/self/exe", filter[] = "--gtest_filter=XpcChild.AsNobody";
+    char* argv[] = {self, filter, nullptr};
+    const pid_t pid = ltest::ForkChild([&] {
+        execv(self, argv);
+        return 127;
+    });
+    EXPECT_EQ(ltest::WaitChild(pid), 0) << "another user was refused";
 }
 
-TEST_F(XpcConnection, AStaleSocketIsReplacedAndALiveOneKept) {
-    {
-        const int s = socket(AF_UNIX, SOCK_SEQPACKET, 0);
-        sockaddr_un address = Address(dir_.Path("t.stale"));
-        ASSERT_EQ(bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        close(s);  // left behind, nobody listening
-    }
-    auto service = std::make_unique<Service>(
-        "t.stale", [](xpc_connection_t peer, xpc_object_t m) { Reply(peer, m, 4); });
-    service->Start();
-    // A second instance must not steal the live socket.
-    auto secondEvents = std::make_shared<Inbox>();
-    xpc_connection_t second = xpc_connection_create_mach_service(
-        "t.stale", nullptr, XPC_CONNECTION_MACH_SERVICE_LISTENER);
-    xpc_connection_set_event_handler(second,
-                                     [secondEvents](xpc_object_t e) { secondEvents->Push(e); });
-    xpc_connection_resume(second);
-    ASSERT_TRUE(secondEvents->WaitFor(1));
-    EXPECT_EQ(secondEvents->At(0), XPC_ERROR_CONNECTION_INVALID);
-    Close(second);
-    xpc_connection_t c = Client("t.stale", nullptr);
-    EXPECT_EQ(Ask(c), 4);
-    Close(c);
+// The life of a service's socket: a stale one left behind is replaced, a live one kept from a
+// second instance, and a malformed packet drops only the connection it came on. A clean stop
+// takes the path away: its clients are interrupted and new ones find no service, until a
+// restarted service takes the interrupted ones back.
+TEST_F(XpcConnection, AServiceSocketFromAStaleFileThroughHostilePeersToARestart) {
+    const std::string path = Path("t.socket");
+    sockaddr_un address{AF_UNIX, {}};
+    std::strcpy(address.sun_path, path.c_str());
+    const int stale = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+    ASSERT_EQ(bind(stale, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    close(stale);  // left behind, nobody listening
+    auto service = std::make_unique<Service>("t.socket", Answering(4));
+    // The second instance is closed at once, before the live one is used.
+    EXPECT_EQ(Client("t.socket", XPC_CONNECTION_MACH_SERVICE_LISTENER).events->First(),
+              XPC_ERROR_CONNECTION_INVALID);
+
+    Client good("t.socket");
+    const int raw = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(connect(raw, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    const char garbage[] = "LXPC\x01\x01 this is not a packet";
+    ASSERT_EQ(send(raw, garbage, sizeof garbage, 0), static_cast<ssize_t>(sizeof garbage));
+    EXPECT_EQ(service->state->peerErrors.First(), XPC_ERROR_CONNECTION_INVALID);
+    char byte;
+    EXPECT_EQ(recv(raw, &byte, 1, 0), 0);  // the hostile socket was closed
+    close(raw);
+    EXPECT_EQ(Ask(good), 4);
+
     // The sockets are staged under private names; none of those is left behind.
-    const std::string path = dir_.Path("t.stale");
-    for (const auto& entry :
-         std::filesystem::directory_iterator(std::filesystem::path(path).parent_path())) {
+    for (const auto& entry : std::filesystem::directory_iterator(tree_.root())) {
         EXPECT_EQ(entry.path(), path);
     }
-    // A clean stop takes the path away with it.
     service.reset();
     EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(path)));
+    EXPECT_EQ(good.events->First(), XPC_ERROR_CONNECTION_INTERRUPTED);
+    Client late("t.socket");
+    auto reply = AskLater(late, 1);
+    EXPECT_EQ(late.events->First(), XPC_ERROR_CONNECTION_INVALID);
+    EXPECT_EQ(reply->First(), XPC_ERROR_CONNECTION_INVALID);
+    xpc_object_t m = Message(1);
+    EXPECT_EQ(xpc_connection_send_message_with_reply_sync(late, m), XPC_ERROR_CONNECTION_INVALID);
+    xpc_release(m);
+    service = std::make_unique<Service>("t.socket", Answering(5));
+    EXPECT_EQ(Ask(good), 5);
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // The object model: dictionary order and replacement, reference counting, the error
-// singletons and data that owns its bytes. The typed getters' fallbacks on a mismatch are
-// shown through the message layer's decoding.
+// singletons, and values that own copies of their input. The typed getters' fallbacks on a mismatch
+// are shown through the message layer's decoding.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -128,7 +128,7 @@ TEST(XpcObject, EqualComparesDeeplyAndIgnoresDictionaryOrder) {
     }
 }
 
-TEST(XpcObject, StringsAndDataCopyTheirInput) {
+TEST(XpcObject, StringsDataAndDescriptorsAreCopiesOfTheirInput) {
     char text[] = "abc";
     xpc_object_t s = xpc_string_create(text);
     xpc_object_t small = xpc_data_create(text, 3);
@@ -142,9 +142,7 @@ TEST(XpcObject, StringsAndDataCopyTheirInput) {
     for (xpc_object_t o : {s, small, empty}) {
         xpc_release(o);
     }
-}
-
-TEST(XpcObject, FdObjectsOwnADuplicate) {
+    // A descriptor object owns a duplicate, and hands out duplicates of its own.
     int pipeFds[2];
     ASSERT_EQ(pipe(pipeFds), 0);
     xpc_object_t fd = xpc_fd_create(pipeFds[1]);

@@ -1,6 +1,7 @@
 // Connections, sending and replying, servers and their teardown, over real sockets in one
 // process: anonymous listeners reached through endpoints, and a named service served by
 // LXPCMachServer::Start on a thread of its own.
+#include <fstream>
 #include <future>
 #include <set>
 #include <thread>
@@ -24,20 +25,18 @@ void SetUpSide(LXPCBase& base, bool server) {
 }
 
 LList<LXPCDataListable> Request(long value, const char* tag) {
-    LList<LXPCDataListable> values;
-    Push(values, "REQ", LXPCDataTypeInt64, value);
-    Push(values, "TAG", LXPCDataTypeString, LXPCPointerAsValue(tag));
-    return values;
+    return Values(
+        {{"REQ", LXPCDataTypeInt64, value}, {"TAG", LXPCDataTypeString, LXPCPointerAsValue(tag)}});
 }
 
-// Answers every request with REP = 2 * REQ and the same TAG.
-void Echo(LXPCBase& server, long connection, long message, const LList<LXPCDataListable>& data) {
-    LList<LXPCDataListable> reply;
-    for (const LXPCDataListable& value : data) {
-        const bool req = std::strcmp(value.szName, "REQ") == 0;
-        Push(reply, req ? "REP" : "TAG", value.type, req ? value.nValue * 2 : value.nValue);
-    }
-    server.SendReply(connection, message, reply);
+// A message hook having `server` answer every request with REP = 2 * REQ and the same TAG.
+auto Echoing(LXPCBase& server) {
+    return [&server](long connection, long message, const LList<LXPCDataListable>& data) {
+        const auto request = Record(data);
+        server.SendReply(connection, message,
+                         Values({{"REP", LXPCDataTypeInt64, Find(request, "REQ").data.nValue * 2},
+                                 {"TAG", LXPCDataTypeString, Find(request, "TAG").data.nValue}}));
+    };
 }
 
 // Counts into counters that outlive it: a delivery after its deletion is both a use after
@@ -173,9 +172,7 @@ TEST_F(LXPCLink, RequestAndReplyInBothForms) {
         ++asked;
         return pid_t{0};
     });
-    serverEvents.onMessage = [&](long c, long m, const LList<LXPCDataListable>& d) {
-        Echo(server, c, m, d);
-    };
+    serverEvents.onMessage = Echoing(server);
     for (const bool arrayForm : {false, true}) {
         Recorder formEvents;
         formEvents.bArrayForm = arrayForm;
@@ -208,9 +205,7 @@ TEST_F(LXPCLink, BarriersFollowEverySendInOrderAndEmptyMessagesAreDropped) {
     client.AddKey("UNHEARD", LXPCDataTypeInt64, false);
     auto connection = Connect(client);
     // Messages that decode to nothing on the server are sent (with a barrier), not delivered.
-    LList<LXPCDataListable> unheard;
-    Push(unheard, "UNHEARD", LXPCDataTypeInt64, 1);
-    client.SendMessage(connection->hConnection, unheard, false);
+    client.SendMessage(connection->hConnection, Values({{"UNHEARD", LXPCDataTypeInt64, 1}}), false);
     client.SendMessage(connection->hConnection, LList<LXPCDataListable>(), false);
     constexpr int kCount = 8;
     for (int i = 0; i < kCount; ++i) {
@@ -229,9 +224,7 @@ TEST_F(LXPCLink, DisconnectDropsOnlyTheNamedConnection) {
     LXPCServer server(&serverEvents);
     SetUpSide(server, true);
     serverEvents.onError = [&](long connection, LXPCErrorType) { server.Disconnect(connection); };
-    serverEvents.onMessage = [&](long c, long m, const LList<LXPCDataListable>& d) {
-        Echo(server, c, m, d);
-    };
+    serverEvents.onMessage = Echoing(server);
     auto first = Connect(client);
     auto second = Connect(client);
     client.SendMessage(first->hConnection, Request(1, "first"), false);
@@ -274,9 +267,7 @@ TEST_F(LXPCLink, DestroyingTheServerWithABarrierQueuedDeliversNothing) {
         released.wait();
     });
     ASSERT_TRUE(WaitFor([&] { return blocking.load(); }));
-    LList<LXPCDataListable> reply;
-    Push(reply, "REP", LXPCDataTypeInt64, 1);
-    server->SendMessage(serverConnection, reply, false);
+    server->SendMessage(serverConnection, Values({{"REP", LXPCDataTypeInt64, 1}}), false);
     delete server;
     EXPECT_EQ(pServer, nullptr);
     EXPECT_FALSE(handler->bAlive);
@@ -289,15 +280,12 @@ TEST_F(LXPCLink, DestroyingTheServerWithABarrierQueuedDeliversNothing) {
 TEST_F(LXPCLink, HandlerMayDestroyTheServerFromItsOwnCallback) {
     auto* server = new LXPCServer(&serverEvents);
     SetUpSide(*server, true);
-    std::atomic<bool> destroyed{false};
-    serverEvents.onMessage = [&](long, long, const LList<LXPCDataListable>&) {
-        delete server;
-        destroyed = true;
-    };
+    serverEvents.onMessage = [&](long, long, const LList<LXPCDataListable>&) { delete server; };
     auto connection = Connect(client);
     client.SendMessage(connection->hConnection, Request(1, "bye"), false);
     client.SendMessage(connection->hConnection, Request(2, "unheard"), false);
-    ASSERT_TRUE(WaitFor([&] { return destroyed.load(); }));
+    // Recorded after the hook ran.
+    ASSERT_TRUE(serverEvents.WaitUntil([&] { return serverEvents.messages.size() == 1; }));
     EXPECT_EQ(pServer, nullptr);
     EXPECT_FALSE(serverEvents.bAlive);
     // The client hears its peer go; the second message found no server to deliver to.
@@ -331,7 +319,8 @@ protected:
         return *connections_.back();
     }
 
-    ServiceDir dir_;
+    ltest::TempTree tree_;
+    ltest::EnvOverride env_{"LXPC_SERVICE_DIR", tree_.root()};
     std::string name_ = "com.test.lxpc.named";
     std::thread serving_;
     Recorder serverEvents_;
@@ -342,9 +331,7 @@ protected:
 
 TEST_F(LXPCNamedService, ServesRequestsUntilStopped) {
     LXPCMachServer server(&serverEvents_);
-    serverEvents_.onMessage = [&](long c, long m, const LList<LXPCDataListable>& d) {
-        Echo(server, c, m, d);
-    };
+    serverEvents_.onMessage = Echoing(server);
     Serve(server);
     LXPCConnection& first = Connect();
     clients_.back()->SendMessage(first.hConnection, Request(8, "named"), true);
@@ -402,14 +389,11 @@ TEST_F(LXPCNamedService, ClientsOutsideTheProcessIdRangeAreRefused) {
 }
 
 TEST(LXPCNamedServiceStart, LargestPidAndUnlistenableFolder) {
-    FILE* file = fopen("/proc/sys/kernel/pid_max", "r");
-    ASSERT_NE(file, nullptr);
     long pidMax = 0;
-    ASSERT_EQ(fscanf(file, "%ld", &pidMax), 1);
-    fclose(file);
+    std::ifstream("/proc/sys/kernel/pid_max") >> pidMax;
     EXPECT_EQ(LXPCServerBase::MaxProcessId(), pidMax);
 
-    ScopedEnv dir("LXPC_SERVICE_DIR", "/nonexistent/lxpc/folder");
+    ltest::EnvOverride dir("LXPC_SERVICE_DIR", "/nonexistent/lxpc/folder");
     Recorder events;
     LXPCMachServer server(&events);
     server.Start("com.test.lxpc.unlistenable", 0);  // would block in the run loop otherwise

@@ -1,4 +1,6 @@
 // Key lists, and encoding and decoding by key tables, checked on dictionaries directly.
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <string>
@@ -76,10 +78,10 @@ TEST_F(LXPCEncoding, AddKeysKeepsTableOrderStopsAtEmptyNameAndCutsLongNames) {
     base.AddKey(longName.c_str(), LXPCDataTypeInt64, false);
     base.AddKey(longName.c_str(), LXPCDataTypeInt64, true);
     EXPECT_EQ(std::string(base.SendKeys().Head()->szName), longName.substr(0, 259));
-    LList<LXPCDataListable> values;
-    Push(values, longName.substr(0, 260).c_str(), LXPCDataTypeInt64, 1);  // cut when stored
-    Push(values, longName.substr(0, 258).c_str(), LXPCDataTypeInt64, 2);
-    EXPECT_EQ(Sent(base, values), 1u);
+    // The first name is cut to those characters when stored; the second falls one short.
+    EXPECT_EQ(Sent(base, Values({{longName.substr(0, 260).c_str(), LXPCDataTypeInt64, 1},
+                                 {longName.substr(0, 258).c_str(), LXPCDataTypeInt64, 2}})),
+              1u);
     EXPECT_EQ(xpc_dictionary_get_int64(dictionary_, longName.substr(0, 259).c_str()), 1);
     LList<LXPCDataListable> decoded;
     GetXPCDictionary(dictionary_, base.ReceiveKeys(), decoded);
@@ -88,27 +90,26 @@ TEST_F(LXPCEncoding, AddKeysKeepsTableOrderStopsAtEmptyNameAndCutsLongNames) {
 }
 
 TEST_F(LXPCEncoding, EveryValueTypeRoundTrips) {
-    char path[] = "/tmp/lxpc_fd_XXXXXX";
-    const int fd = mkstemp(path);
+    const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
     ASSERT_GE(fd, 0);
-    unlink(path);
     const char bytes[] = {'a', '\0', 'b', 'c'};
     xpc_object_t array = xpc_array_create(nullptr, 0);
 
-    LList<LXPCDataListable> values;
-    Push(values, "B", LXPCDataTypeBool, 2);
-    Push(values, "I", LXPCDataTypeInt64, -42);
-    Push(values, "U", LXPCDataTypeUInt64, -1);  // all bits: the largest unsigned value
+    LList<LXPCDataListable> values = Values({
+        {"B", LXPCDataTypeBool, 2},
+        {"I", LXPCDataTypeInt64, -42},
+        {"U", LXPCDataTypeUInt64, -1},  // all bits: the largest unsigned value
+        {"T", LXPCDataTypeDate, 1700000000123456789L},
+        {"DATA", LXPCDataTypeData, LXPCPointerAsValue(bytes), sizeof bytes},
+        {"UUID", LXPCDataTypeUUID, LXPCPointerAsValue(kUuid)},
+        {"S", LXPCDataTypeString, LXPCPointerAsValue("text")},
+        {"FD", LXPCDataTypeFD, fd | (0x7fL << 32)},  // only the low 32 bits count
+        {"OBJ", LXPCDataTypeObject, LXPCPointerAsValue(array)},
+    });
     LXPCDictionaryKeyListable doubleKey;
     LXPCCopyName(doubleKey.szName, "D");
     doubleKey.type = LXPCDataTypeDouble;
     values.PushFront(CreateXPCDataDouble(doubleKey, -0.125));
-    Push(values, "T", LXPCDataTypeDate, 1700000000123456789L);
-    Push(values, "DATA", LXPCDataTypeData, LXPCPointerAsValue(bytes), sizeof bytes);
-    Push(values, "UUID", LXPCDataTypeUUID, LXPCPointerAsValue(kUuid));
-    Push(values, "S", LXPCDataTypeString, LXPCPointerAsValue("text"));
-    Push(values, "FD", LXPCDataTypeFD, fd | (0x7fL << 32));  // only the low 32 bits count
-    Push(values, "OBJ", LXPCDataTypeObject, LXPCPointerAsValue(array));
     EXPECT_EQ(Sent(base_, values), 10u);
 
     LList<LXPCDataListable> decoded;
@@ -141,9 +142,7 @@ TEST_F(LXPCEncoding, OnlyWhatTheSendKeysAllowIsSent) {
     LXPCBase twice(&handler_);
     twice.AddKey("K", LXPCDataTypeString, false);
     twice.AddKey("K", LXPCDataTypeBool, false);
-    LList<LXPCDataListable> typed;
-    Push(typed, "K", LXPCDataTypeString, 3);
-    EXPECT_EQ(Sent(twice, typed), 1u);
+    EXPECT_EQ(Sent(twice, Values({{"K", LXPCDataTypeString, 3}})), 1u);
     EXPECT_EQ(xpc_get_type(xpc_dictionary_get_value(dictionary_, "K")), XPC_TYPE_BOOL);
 
     // Values without a send key, with keys outside the type range, or pointing nowhere.
@@ -152,24 +151,20 @@ TEST_F(LXPCEncoding, OnlyWhatTheSendKeysAllowIsSent) {
     odd.AddKey("SENT", LXPCDataTypeInt64, false);
     odd.AddKey("ZERO", LXPCDataTypeNone, false);
     odd.AddKey("ELEVEN", static_cast<LXPCDataType>(11), false);
-    LList<LXPCDataListable> unsent;
-    Push(unsent, "ONLY_RECEIVED", LXPCDataTypeInt64, 5);
-    Push(unsent, "UNKNOWN", LXPCDataTypeInt64, 6);
-    Push(unsent, "sent", LXPCDataTypeInt64, 7);  // names compare case-sensitively
-    Push(unsent, "ZERO", LXPCDataTypeInt64, 1);
-    Push(unsent, "ELEVEN", LXPCDataTypeInt64, 1);
-    EXPECT_EQ(Sent(odd, unsent), 0u);
-    LList<LXPCDataListable> nowhere;
-    Push(nowhere, "S", LXPCDataTypeString, -1);
-    Push(nowhere, "UUID", LXPCDataTypeUUID, 0);
-    Push(nowhere, "OBJ", LXPCDataTypeObject, -1);
-    Push(nowhere, "DATA", LXPCDataTypeData, 0, 10);  // bytes promised at no address
-    EXPECT_EQ(Sent(base_, nowhere), 0u);
+    EXPECT_EQ(Sent(odd, Values({{"ONLY_RECEIVED", LXPCDataTypeInt64, 5},
+                                {"UNKNOWN", LXPCDataTypeInt64, 6},
+                                {"sent", LXPCDataTypeInt64, 7},  // names compare case-sensitively
+                                {"ZERO", LXPCDataTypeInt64, 1},
+                                {"ELEVEN", LXPCDataTypeInt64, 1}})),
+              0u);
+    EXPECT_EQ(Sent(base_, Values({{"S", LXPCDataTypeString, -1},
+                                  {"UUID", LXPCDataTypeUUID, 0},
+                                  {"OBJ", LXPCDataTypeObject, -1},
+                                  {"DATA", LXPCDataTypeData, 0, 10}})),  // bytes promised nowhere
+              0u);
 
     // Empty data at no address is still sent, as empty data.
-    LList<LXPCDataListable> empty;
-    Push(empty, "DATA", LXPCDataTypeData, -1, 0);
-    EXPECT_EQ(Sent(base_, empty), 1u);
+    EXPECT_EQ(Sent(base_, Values({{"DATA", LXPCDataTypeData, -1, 0}})), 1u);
     EXPECT_EQ(xpc_data_get_length(xpc_dictionary_get_value(dictionary_, "DATA")), 0u);
 }
 

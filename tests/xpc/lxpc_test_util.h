@@ -1,16 +1,12 @@
-// Shared pieces of the messaging tests: a service folder, and a handler that copies what its
-// callbacks get (decoded pointers live only during a callback) and can be waited on.
+// Shared pieces of the messaging tests: a handler that copies what its callbacks get (decoded
+// pointers live only during a callback) and can be waited on.
 #pragma once
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -27,22 +23,16 @@ namespace lxpc_test {
 
 inline constexpr int kWaitMs = 10000;
 
-using ScopedEnv = ltest::EnvOverride;
-
-// A private service folder for the test, with LXPC_SERVICE_DIR pointing at it.
-struct ServiceDir {
-    ltest::TempTree tree;
-    ScopedEnv env{"LXPC_SERVICE_DIR", tree.root()};
-};
-
 struct RecordedValue {
     LXPCData data;
     std::string bytes;  // string text, data bytes or the 16 uuid bytes
 };
 
-inline std::vector<RecordedValue> Record(const LXPCData* values, unsigned long count) {
+// Values of a list or an array (as a span).
+template <class Values>
+std::vector<RecordedValue> Record(const Values& values) {
     std::vector<RecordedValue> out;
-    for (const LXPCData& value : std::span(values, count)) {
+    for (const LXPCData& value : values) {
         const auto* pointer = LXPCValueAsPointer<const char>(value.nValue);
         std::string bytes;
         if (value.nValue != 0 && value.nValue != -1) {
@@ -55,14 +45,6 @@ inline std::vector<RecordedValue> Record(const LXPCData* values, unsigned long c
         out.push_back({value, std::move(bytes)});
     }
     return out;
-}
-
-inline std::vector<RecordedValue> Record(const LList<LXPCDataListable>& values) {
-    std::vector<LXPCData> flat;
-    for (const LXPCDataListable& value : values) {
-        flat.push_back(value);
-    }
-    return Record(flat.data(), flat.size());
 }
 
 // The named value; a missing one fails the test and reads as all zero.
@@ -79,7 +61,6 @@ inline const RecordedValue& Find(const std::vector<RecordedValue>& values, const
 
 struct Delivery {
     long connection = 0;
-    long message = 0;
     bool arrayForm = false;
     std::vector<RecordedValue> values;
 };
@@ -105,17 +86,13 @@ public:
         if (onMessage) {
             onMessage(connection, message, data);
         }
-        Add([&] { messages.push_back({connection, message, false, Record(data)}); });
+        Add([&] { messages.push_back({connection, false, Record(data)}); });
     }
     void EvReplyReceived(long connection, LList<LXPCDataListable> const& data) override {
-        Add([&] { replies.push_back({connection, 0, false, Record(data)}); });
-    }
-    void EvMessageReceived(long connection, long message, LXPCData const* data,
-                           unsigned long count) override {
-        Add([&] { messages.push_back({connection, message, true, Record(data, count)}); });
+        Add([&] { replies.push_back({connection, false, Record(data)}); });
     }
     void EvReplyReceived(long connection, LXPCData const* data, unsigned long count) override {
-        Add([&] { replies.push_back({connection, 0, true, Record(data, count)}); });
+        Add([&] { replies.push_back({connection, true, Record(std::span(data, count))}); });
     }
     void EvInvalidConnectionAttempt() override {
         Add([&] { ++invalidAttempts; });
@@ -145,13 +122,24 @@ private:
     }
 };
 
-// Adds a value to a list, against a throwaway key.
-inline void Push(LList<LXPCDataListable>& list, const char* name, LXPCDataType type, long value,
-                 unsigned long length = 0) {
-    LXPCDictionaryKeyListable key;
-    LXPCCopyName(key.szName, name);
-    key.type = type;
-    list.PushFront(CreateXPCData(key, value, length));
+// One value of a list made by Values.
+struct Value {
+    const char* name;
+    LXPCDataType type;
+    long value;
+    unsigned long length = 0;
+};
+
+// A value list of `values`, each pushed at the front in turn, against throwaway keys.
+inline LList<LXPCDataListable> Values(std::initializer_list<Value> values) {
+    LList<LXPCDataListable> list;
+    for (const Value& v : values) {
+        LXPCDictionaryKeyListable key;
+        LXPCCopyName(key.szName, v.name);
+        key.type = v.type;
+        list.PushFront(CreateXPCData(key, v.value, v.length));
+    }
+    return list;
 }
 
 // Hands a new client connection to an LXPCConnection, which then holds its only reference.
