@@ -53,7 +53,7 @@ TEST(SoundTimeText, EveryForm) {
     EXPECT_EQ(Write(-kSample, &LSoundTime::_GetTextMMSSF), "-02:03.4");
 }
 
-TEST(SoundTimeRead, CharacterByCharacter) {
+TEST(SoundTimeRead, CharacterByCharacterAndValidity) {
     EXPECT_EQ(Read("90"), 90000);
     EXPECT_EQ(Read("1:02:03.4567"), kSample);  // digits past milliseconds add nothing
     EXPECT_EQ(Read(".5"), 500);
@@ -66,10 +66,7 @@ TEST(SoundTimeRead, CharacterByCharacter) {
     EXPECT_EQ(Read(nullptr), 0);
     // A written time reads back, hours beyond a day and sign included.
     EXPECT_EQ(Read(Write(-kSample * 1000, &LSoundTime::_GetText).c_str()), -kSample * 1000);
-}
-
-TEST(SoundTimeRead, Validity) {
-    // (text, negative allowed, valid): "-" only first and only when allowed, at most three
+    // Validity (text, negative allowed, valid): "-" only first and only when allowed, at most three
     // colons, one point with no colon after it, nothing but digits otherwise.
     using Case = std::tuple<const char*, bool, bool>;
     for (auto [text, negative, valid] :
