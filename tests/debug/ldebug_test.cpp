@@ -69,7 +69,7 @@ class ThreadRegistry : public ::testing::Test {
     void TearDown() override { EXPECT_EQ(gnDebugThreads.load(), 0u) << "a record was left"; }
 };
 
-TEST_F(ThreadRegistry, SixtyFiveAtOnce) {
+TEST_F(ThreadRegistry, SixtyFiveAtOnceSlotReuseTrimmingNamesAndLastDialog) {
     constexpr int kThreads = 65;
     std::barrier step(kThreads + 1);
     std::vector<LDebugThreadData*> records(kThreads);
@@ -92,10 +92,7 @@ TEST_F(ThreadRegistry, SixtyFiveAtOnce) {
     for (auto& t : threads) {
         t.join();
     }
-}
-
-// Stopping trims the count past free slots down to the highest owned or claimed one.
-TEST_F(ThreadRegistry, SlotReuseTrimmingNamesAndLastDialog) {
+    // Stopping trims the count past free slots down to the highest owned or claimed one.
     for (uint32_t t = 1001; t <= 1004; ++t) {
         _LDebugThreadDataStartThread(t, "x");
     }

@@ -23,7 +23,7 @@ std::string Format(const char* format, Args... args) {
 
 }  // namespace
 
-TEST(TplPrintfDepartures, FlagsPercentsStringsAndUnfinishedConversions) {
+TEST(TplPrintfDepartures, FlagsPercentsStringsFloatingSlotsAndUnfinishedConversions) {
     // %-5d formats "%-" with the next argument (nothing comes of it) and writes 5d as text.
     EXPECT_EQ(Format("%-5d|%d", 1LL, 2LL), "5d|2");
     EXPECT_EQ(Format("[%+d]", 3LL), "[d]");
@@ -45,9 +45,6 @@ TEST(TplPrintfDepartures, FlagsPercentsStringsAndUnfinishedConversions) {
     EXPECT_EQ(Format("ab%5l"), "ab");
     LStringLongTemplate<char> s("x");
     EXPECT_EQ(sprintf(s, nullptr), 0u);
-}
-
-TEST(TplPrintfDepartures, FloatingLettersAndTheirSlots) {
     // The slot's bits are read as a double: 5 is five times the smallest subnormal.
     EXPECT_EQ(Format("%E|%d", 5LL, 9), "2.470328E-323|9");
     double one = 1.0;
