@@ -81,8 +81,11 @@ protected:
 
     static inline std::atomic<int> pauses_{0};
     void (*savedPause_)(unsigned int) = _gLSystemLockPause;
-    std::string name_ = "lsystemlock_" + std::to_string(getpid()) + "_" +
-                        ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    // The key keeps only the last few characters of the name: the process id goes last, so
+    // that runs of the same test at once (other build folders) do not share a set.
+    std::string name_ = std::string("lsystemlock_") +
+                        ::testing::UnitTest::GetInstance()->current_test_info()->name() + "_" +
+                        std::to_string(getpid());
 };
 
 TEST_F(SystemLock, OpensFreeLocksComesBackFromADeadHolderAndGoesWhenReleasedFree) {
