@@ -4,12 +4,9 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
@@ -40,28 +37,25 @@ std::string Encode(std::string const& text) {
     return out;
 }
 
-struct SignalCase {
-    char const* what;
-    void (*handler)(int, siginfo_t*, void*);
-    int first, second;  // signals raised in turn (0: none)
-    int exitStatus;     // 7 when the child carries on past both
-};
-
-SignalCase const kSignalCases[] = {
-    {"abort ends with 666", LDebugSignalHandler, SIGABRT, 0, 666 & 0xFF},
-    {"ill returns", LDebugSignalHandler, SIGILL, 0, 7},
-    {"second segv ignored", LDebugSignalHandler, SIGILL, SIGSEGV, 7},
-    {"int exits 0", LIntTermSignalHandler, SIGINT, 0, 0},
-    {"hup returns", LIntTermSignalHandler, SIGHUP, 0, 7},
-};
-
 TEST(SignalHandlers, FatalAndTerminatingSignalsInChildren) {
 #if defined(__SANITIZE_THREAD__)
     // These handlers end the process with exit() from inside the signal, as they must; the
     // race detector reports that as unsafe and changes the status. The other passes check it.
     GTEST_SKIP() << "exit statuses are checked in the builds without the race detector";
 #endif
-    for (SignalCase const& c : kSignalCases) {
+    const struct {
+        char const* what;
+        void (*handler)(int, siginfo_t*, void*);
+        int first, second;  // signals raised in turn (0: none)
+        int exitStatus;     // 7 when the child carries on past both
+    } cases[] = {
+        {"abort ends with 666", LDebugSignalHandler, SIGABRT, 0, 666 & 0xFF},
+        {"ill returns", LDebugSignalHandler, SIGILL, 0, 7},
+        {"second segv ignored", LDebugSignalHandler, SIGILL, SIGSEGV, 7},
+        {"int exits 0", LIntTermSignalHandler, SIGINT, 0, 0},
+        {"hup returns", LIntTermSignalHandler, SIGHUP, 0, 7},
+    };
+    for (auto const& c : cases) {
         pid_t const child = ltest::ForkChild([&] {
             struct sigaction action {};
             action.sa_sigaction = c.handler;
@@ -104,36 +98,30 @@ TEST(XIString, PartsAndExample) {
     EXPECT_EQ(xi("AbTerm", "SIGNAL11"), lead + "MAIN(Cmd7)");
     LDebugThreadSetName("0123");
     EXPECT_EQ(xi("AbTerm", "SIGNAL11"), lead + "(Cmd7)");
-    std::string other, otherUnregistered;
     std::thread([&] {
-        otherUnregistered = xi("Hang", "X");
+        EXPECT_EQ(xi("Hang", "X"), std::string("Hang-") + platform + "-X-Unknown");
         LDebugThreadDataStartThread("WORK");
-        other = xi("Hang", "X");
+        EXPECT_EQ(xi("Hang", "X"), std::string("Hang-") + platform + "-X-WORK");
         LDebugThreadDataStopThread();
     }).join();
-    EXPECT_EQ(otherUnregistered, std::string("Hang-") + platform + "-X-Unknown");
-    EXPECT_EQ(other, std::string("Hang-") + platform + "-X-WORK");
     LDebugThreadDataStopThread();
     gwDebugCurrentCommand = 0;
 }
 
 // Fixed inputs; the machine data arrives encoded ("!" kept) and cut inside an escape.
-TEST(BugReport, AddressForFixedInputs) {
+TEST(BugReport, AddressForFixedInputsHandedToTheOpenerWithoutAShell) {
     EXPECT_EQ(Encode("AZaz09!-._~&m=1 (2)\xC3\xA9/\x01"),
               "AZaz09!-._~%26m%3D1%20%282%29%C3%A9%2F%01");
     EXPECT_EQ(Encode(std::string(3000, '&')).substr(8187), "%26%2");
-    auto address = std::make_unique<char[]>(kLBugReportAddressSize);
-    _LDebugBugReportAddress(address.get(), "ab cd", Encode("memfrhp=1&&memphys=8 GB!").c_str(), 12,
+    auto built = std::make_unique<char[]>(kLBugReportAddressSize);
+    _LDebugBugReportAddress(built.get(), "ab cd", Encode("memfrhp=1&&memphys=8 GB!").c_str(), 12,
                             3);
-    EXPECT_EQ(std::string(address.get()),
+    EXPECT_EQ(std::string(built.get()),
               std::string("https://") + kLBugReportHost +
                   "/software/bug.html?software=KavelPLVadHelper&version=1.0&"
                   "xi=AbTermOrHang-Mac1203&iid=ab cd&data="
                   "memfrhp%3D1%26%26memphys%3D8%20GB!");
-}
-
-// The address reaches the opener as one argument, shell characters and all.
-TEST(OpenWebPage, HandsTheAddressToTheOpenerWithoutAShell) {
+    // The address reaches the opener as one argument, shell characters and all.
     ltest::TempTree tree;
     std::string const log = tree.Path("opened");
     std::string const opener = tree.MakeFile(
@@ -143,9 +131,7 @@ TEST(OpenWebPage, HandsTheAddressToTheOpenerWithoutAShell) {
     ltest::EnvOverride fail("FAIL", "0");
     char const* address = "https://example.invalid/a b?x=1&y=$(touch no);z";
     EXPECT_TRUE(LOpenWebPage(address));
-    std::ifstream in(log);
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}),
-              std::string("1|") + address + "|");
+    EXPECT_EQ(ltest::Slurp(log), std::string("1|") + address + "|");
     fail.Set("3");
     EXPECT_FALSE(LOpenWebPage(address));
 
@@ -154,8 +140,7 @@ TEST(OpenWebPage, HandsTheAddressToTheOpenerWithoutAShell) {
     ltest::EnvOverride config("XDG_CONFIG_HOME", tree.MakeFolder("config"));
     ASSERT_TRUE(_LSettingSetString(kLSettingDomainCurrentUser, "Software", "IID", "ID-7"));
     LDebugHangDetectorBugReport(true);
-    std::ifstream report(log);
-    std::string const opened(std::istreambuf_iterator<char>(report), {});
+    std::string const opened = ltest::Slurp(log);
     EXPECT_TRUE(opened.starts_with(std::string("1|https://") + kLBugReportHost) &&
                 opened.find("&iid=ID-7&data=memfrhp%3D") != std::string::npos)
         << opened;

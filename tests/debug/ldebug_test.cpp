@@ -10,7 +10,6 @@
 #include <barrier>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -30,10 +29,6 @@ TEST(HangDetector, SecondInstanceAndStaleFileAcrossProcesses) {
     EXPECT_TRUE(std::filesystem::is_empty(tree.root()));  // constructing opens nothing
     // seconds x 1000 + microseconds / 1000, in 32 bits: 4294968999 wraps to 1703.
     EXPECT_EQ(_LHangDetectorMakeRecord(4294968, 999999).ticks, 1703u);
-    auto contents = [&] {
-        std::ifstream in(path, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), {});
-    };
     int ready[2];
     ASSERT_EQ(pipe(ready), 0);
     logname.Set("hanger");  // LOGNAME comes first
@@ -49,7 +44,7 @@ TEST(HangDetector, SecondInstanceAndStaleFileAcrossProcesses) {
     });
     char ok = 0;
     ASSERT_TRUE(read(ready[0], &ok, 1) == 1 && ok == 'y');
-    std::string const record = contents();
+    std::string const record = ltest::Slurp(path);
     LHangDetectorRecord held{};
     memcpy(&held, record.data(), std::min<size_t>(record.size(), 16));
     EXPECT_TRUE(record.size() == 16 && held.seconds >= before && held.seconds <= time(nullptr));
@@ -57,7 +52,7 @@ TEST(HangDetector, SecondInstanceAndStaleFileAcrossProcesses) {
     LHangDetector second;
     second.InitAndTest();
     EXPECT_EQ(second.GetFileDescriptor(), -1);
-    EXPECT_EQ(contents(), record);
+    EXPECT_EQ(ltest::Slurp(path), record);
     EXPECT_NE(flock(open(path.c_str(), O_RDONLY | O_CLOEXEC), LOCK_SH | LOCK_NB), 0);
 
     kill(holder, SIGKILL);
@@ -65,7 +60,7 @@ TEST(HangDetector, SecondInstanceAndStaleFileAcrossProcesses) {
     second.InitAndTest();  // stale: deleted, no new marker yet
     EXPECT_TRUE(second.GetFileDescriptor() == -1 && !std::filesystem::exists(path));
     second.InitAndTest();
-    EXPECT_TRUE(second.GetFileDescriptor() != -1 && contents().size() == 16u);
+    EXPECT_TRUE(second.GetFileDescriptor() != -1 && ltest::Slurp(path).size() == 16u);
     second._Release();
     EXPECT_FALSE(std::filesystem::exists(path));
 }
@@ -74,7 +69,7 @@ class ThreadRegistry : public ::testing::Test {
     void TearDown() override { EXPECT_EQ(gnDebugThreads.load(), 0u) << "a record was left"; }
 };
 
-TEST_F(ThreadRegistry, SixtyFiveAtOnce) {
+TEST_F(ThreadRegistry, SixtyFiveAtOnceSlotReuseTrimmingNamesAndLastDialog) {
     constexpr int kThreads = 65;
     std::barrier step(kThreads + 1);
     std::vector<LDebugThreadData*> records(kThreads);
@@ -97,10 +92,7 @@ TEST_F(ThreadRegistry, SixtyFiveAtOnce) {
     for (auto& t : threads) {
         t.join();
     }
-}
-
-// Stopping trims the count past free slots down to the highest owned or claimed one.
-TEST_F(ThreadRegistry, SlotReuseAndTrimming) {
+    // Stopping trims the count past free slots down to the highest owned or claimed one.
     for (uint32_t t = 1001; t <= 1004; ++t) {
         _LDebugThreadDataStartThread(t, "x");
     }
@@ -116,9 +108,6 @@ TEST_F(ThreadRegistry, SlotReuseAndTrimming) {
     EXPECT_EQ(gnDebugThreads.load(), 1u);
     gDebugThreadData[0].dwThread = 1001;
     _LDebugThreadDataStopThread(1001);
-}
-
-TEST_F(ThreadRegistry, NamesAndLastDialog) {
     auto nameOf = [](uint32_t thread, char const* name) {
         _LDebugThreadDataStartThread(thread, name);
         std::string given = _LDebugThreadFindData(thread)->szName;

@@ -13,7 +13,7 @@
 
 namespace {
 
-TEST(Memory, ParsesTheTable) {
+TEST(Memory, ParsesTheTableAndFiguresOfThisMachine) {
     LMemoryCounts c;
     EXPECT_TRUE(
         _LMemoryParseCounts("MemTotal:  1000 kB\nMemFree: 200 kB\nActive: 300 kB\n"
@@ -25,9 +25,6 @@ TEST(Memory, ParsesTheTable) {
         (std::vector{c.total, c.free, c.active, c.inactive, c.wired}),
         (std::vector<decltype(c.total)>{1000 << 10, 200 << 10, 300 << 10, 100 << 10, 10 << 10}));
     EXPECT_FALSE(_LMemoryParseCounts("MemTotal: 1 kB\n", c));
-}
-
-TEST(Memory, FiguresOfThisMachine) {
     const unsigned long long physical = LMemoryGetPhysicalMemorySize();
     const unsigned long long available = LMemoryGetAvailableVirtualMemorySize();
     EXPECT_GT(physical, 0u);

@@ -158,7 +158,7 @@ TEST_F(DateTimeTest, Validation) {
     EXPECT_TRUE(LDateTime::IsLeapYear(2400));
 }
 
-TEST_F(DateTimeTest, DayTimeAndWeekDay) {
+TEST_F(DateTimeTest, DayTimeWeekDayAndSchedules) {
     LDateTime t(kMarch5);
     EXPECT_EQ(t.GetDayTime().GetHour(), 14);
     EXPECT_EQ(t.GetDayTime().GetMinute(), 7);
@@ -174,59 +174,6 @@ TEST_F(DateTimeTest, DayTimeAndWeekDay) {
     EXPECT_GE(none.GetValue() + 1, now);
     EXPECT_LT(none.GetValue(), now + 86400);
     EXPECT_EQ(none.GetDayTime().GetSeconds(), 86399);
-}
-
-TEST_F(DateTimeTest, LocaleDateOrder) {
-    // 0: month first, 1: day first, 2: year first; absent fields count as first.
-    const std::pair<const char*, int> orders[] = {
-        {"%m/%d/%y", 0}, {"%d.%m.%Y", 1},  {"%Y-%m-%d", 2}, {"%D", 0},
-        {"%e %b %Y", 1}, {"%B %e, %Y", 0}, {"%y/%h/%d", 2}, {"%d %h %y", 1},
-        {"%y %d %B", 2}, {"%d", 0},        {"%m", 1},       {"", 1}};
-    for (auto [format, order] : orders) {
-        EXPECT_EQ(_LDateFormatOrderOf(format), order) << format;
-    }
-    EXPECT_EQ(LGetLocaleDateFormatOrder(), 0);
-    EXPECT_EQ(LDateTime::DateFormatOrder(), 0);
-    UseLocale("de_DE.UTF-8");
-    EXPECT_EQ(LGetLocaleDateFormatOrder(), 1);
-    char text[260];
-    LDateTime(Make(2021, 3, 5, 10, 0, 0)).GetDateLocalFormat(text);
-    EXPECT_STREQ(text, "05/03/21");
-    // Cached until reset.
-    std::setlocale(LC_ALL, "en_US.UTF-8");
-    EXPECT_EQ(LGetLocaleDateFormatOrder(), 1);
-    UseLocale("C");
-    EXPECT_EQ(LGetLocaleDateFormatOrder(), 0);
-    LDateTime(Make(2009, 11, 2, 10, 0, 0)).GetDateLocalFormat(text);
-    EXPECT_STREQ(text, "11/02/09");
-}
-
-TEST_F(DateTimeTest, LocalTextsReadBack) {
-    LDateTime t(kMarch5);
-    t._SetTextDate("2021/7/1");  // year first: read as year, month, day
-    EXPECT_EQ(Text(t), "2021-07-01 14:07:09");
-    t._SetTextDate("12.25.20");  // en_US: month, day, year
-    EXPECT_EQ(Text(t), "2020-12-25 14:07:09");
-    UseLocale("de_DE.UTF-8");
-    t._SetTextDate("05.03.21");
-    EXPECT_EQ(Text(t), "2021-03-05 14:07:09");
-    char text[260];
-    t.GetDateLocalFormat(text);
-    LDateTime back;
-    back._SetTextDate(text);
-    EXPECT_EQ(Text(back), "2021-03-05 00:00:00");
-    back._SetTextDate("5 3");  // not a whole date: kept
-    EXPECT_EQ(Text(back), "2021-03-05 00:00:00");
-    back._SetTextTime("14:07:09");
-    EXPECT_EQ(back.GetValue(), kMarch5);
-    back._SetTextTime("9:5");
-    EXPECT_EQ(Text(back), "2021-03-05 09:05:00");
-    back._SetTextDate("");
-    EXPECT_TRUE(back.IsEmpty());
-}
-
-TEST_F(DateTimeTest, Schedules) {
-    const LDateTime now(kMarch5);  // a Friday
     const LDayTime night(22, 0, 0), morning(6, 0, 0), nine(9, 0, 0), five(17, 0, 0);
     const LWeekDay weekend(LWeekDay::kSaturday | LWeekDay::kSunday);
     // A period over midnight, then a daytime one: from inclusive, to exclusive.
@@ -249,11 +196,58 @@ TEST_F(DateTimeTest, Schedules) {
                  {five, nine, five, 0, 0, LWeekDay::kEveryDay, false},
                  {LDayTime(8, 59, 59), nine, five, 0, 0, LWeekDay::kEveryDay, false}};
     for (const auto& c : cases) {
-        EXPECT_EQ(LDateTime::TestScheduleDetails(now, c.at, LWeekDay(LWeekDay::kFriday), c.start,
-                                                 c.end, c.from, c.to, c.days),
-                  c.active)
+        EXPECT_EQ(
+            LDateTime::TestScheduleDetails(LDateTime(kMarch5), c.at, LWeekDay(LWeekDay::kFriday),
+                                           c.start, c.end, c.from, c.to, c.days),
+            c.active)
             << &c - cases;
     }
+}
+
+TEST_F(DateTimeTest, LocaleDateOrderWritesAndReadsLocalTexts) {
+    // 0: month first, 1: day first, 2: year first; absent fields count as first.
+    const std::pair<const char*, int> orders[] = {
+        {"%m/%d/%y", 0}, {"%d.%m.%Y", 1},  {"%Y-%m-%d", 2}, {"%D", 0},
+        {"%e %b %Y", 1}, {"%B %e, %Y", 0}, {"%y/%h/%d", 2}, {"%d %h %y", 1},
+        {"%y %d %B", 2}, {"%d", 0},        {"%m", 1},       {"", 1}};
+    for (auto [format, order] : orders) {
+        EXPECT_EQ(_LDateFormatOrderOf(format), order) << format;
+    }
+    EXPECT_EQ(LGetLocaleDateFormatOrder(), 0);
+    EXPECT_EQ(LDateTime::DateFormatOrder(), 0);
+    UseLocale("de_DE.UTF-8");
+    EXPECT_EQ(LGetLocaleDateFormatOrder(), 1);
+    char text[260];
+    LDateTime(Make(2021, 3, 5, 10, 0, 0)).GetDateLocalFormat(text);
+    EXPECT_STREQ(text, "05/03/21");
+    // Cached until reset.
+    std::setlocale(LC_ALL, "en_US.UTF-8");
+    EXPECT_EQ(LGetLocaleDateFormatOrder(), 1);
+    UseLocale("C");
+    EXPECT_EQ(LGetLocaleDateFormatOrder(), 0);
+    LDateTime(Make(2009, 11, 2, 10, 0, 0)).GetDateLocalFormat(text);
+    EXPECT_STREQ(text, "11/02/09");
+    // Local texts read back in the locale's order.
+    LDateTime t(kMarch5);
+    t._SetTextDate("2021/7/1");  // year first: read as year, month, day
+    EXPECT_EQ(Text(t), "2021-07-01 14:07:09");
+    t._SetTextDate("12.25.20");  // C: month, day, year
+    EXPECT_EQ(Text(t), "2020-12-25 14:07:09");
+    UseLocale("de_DE.UTF-8");
+    t._SetTextDate("05.03.21");
+    EXPECT_EQ(Text(t), "2021-03-05 14:07:09");
+    t.GetDateLocalFormat(text);
+    LDateTime back;
+    back._SetTextDate(text);
+    EXPECT_EQ(Text(back), "2021-03-05 00:00:00");
+    back._SetTextDate("5 3");  // not a whole date: kept
+    EXPECT_EQ(Text(back), "2021-03-05 00:00:00");
+    back._SetTextTime("14:07:09");
+    EXPECT_EQ(back.GetValue(), kMarch5);
+    back._SetTextTime("9:5");
+    EXPECT_EQ(Text(back), "2021-03-05 09:05:00");
+    back._SetTextDate("");
+    EXPECT_TRUE(back.IsEmpty());
 }
 
 TEST_F(DateTimeTest, AdjustByMonths) {

@@ -5,9 +5,9 @@
 #include <iconv.h>
 
 #include <cstring>
+#include <span>
 #include <string>
 #include <tuple>
-#include <vector>
 
 #include "iconv_reference.h"
 
@@ -47,7 +47,7 @@ const Member kMembers[] = {
     {"ISO88592", LCopyFromISO88592, LCopyToISO88592, "ISO-8859-2", "\xC5\x81\xC3\xB3\xC4\x8F"},
     {"MacRoman", LCopyFromMacRoman, LCopyToMacRoman, "MACINTOSH", "\xE2\x84\xA2 \xC3\xA9"}};
 
-TEST(IconvFamily, BufferFormsUseTheirEncoding) {
+TEST(IconvFamily, BufferFormsUseTheirEncodingBarKoiToItsUnknownName) {
     for (const Member& m : kMembers) {
         SCOPED_TRACE(m.name);
         const std::string encoded = Iconv(m.encoding, "UTF-8", m.sample);
@@ -60,19 +60,15 @@ TEST(IconvFamily, BufferFormsUseTheirEncoding) {
         m.from(back, encoded.c_str(), sizeof back);
         EXPECT_STREQ(back, m.sample);
     }
-}
-
-TEST(IconvFamily, KoiBufferFormsAndTheUnknownName) {
-    const std::string koi = Iconv("KOI8-R", "UTF-8", kCyrillic);
     char out[64];
-    LCopyFromKOI8R(out, koi.c_str(), sizeof out);
+    LCopyFromKOI8R(out, Iconv("KOI8-R", "UTF-8", kCyrillic).c_str(), sizeof out);
     EXPECT_STREQ(out, kCyrillic);
     std::memset(out, 'x', sizeof out);
     LCopyToKOI8R(out, kCyrillic, sizeof out);  // names "KOI8-R0", which iconv does not know
     EXPECT_STREQ(out, "");
 }
 
-TEST(IconvFamily, StringFormsAndTheirNames) {
+TEST(IconvFamily, StringFormsTheirNamesAndGrowth) {
     // Where a string form's encoding differs from its name, that is deliberate.
     const struct {
         const char* name;
@@ -109,6 +105,23 @@ TEST(IconvFamily, StringFormsAndTheirNames) {
         EXPECT_EQ(std::string(out.GetText()), written);
         EXPECT_EQ(out.GetLength(), written.size());
     }
+    // "To" forms whose encoding is longer than the UTF-8 text start again in more room: the
+    // string holds the whole text whether it overflows the first room once or twice or fills it
+    // exactly, and whether or not the string held something longer before.
+    const std::tuple<StringFn, const char*, const char*> cases[] = {
+        {LCopyToGB18030, "GB18030", "\xC3\xA9"},              // é: 2 bytes, 4 in GB18030
+        {LCopyToGB18030, "GB18030", "\xC3\xA9\xE4\xB8\xAD"},  // é中: fills 6 bytes exactly
+        {LCopyToISO2022JP, "ISO-2022-JP", "\xE6\x97\xA5"},    // 日: 3 bytes, 8 in JIS
+        {LCopyToISO2022JP, "ISO-2022-JP",
+         "\xE6\x97\xA5\xE6\x9C\xAC\xE8\xAA\x9E\xE6\x97\xA5\xE6\x9C\xAC"}};
+    for (auto [to, encoding, input] : cases) {
+        const std::string expected = Iconv(encoding, "UTF-8", input);
+        LStringLongTemplate<char> fresh, reused("an earlier, longer content of the string");
+        for (LStringLongTemplate<char>* out : {&fresh, &reused}) {
+            to(*out, input);
+            EXPECT_EQ(std::string(out->GetText(), out->GetLength()), expected) << encoding;
+        }
+    }
 }
 
 TEST(IconvFamily, CutsAndInvalidInputEndTheText) {
@@ -127,19 +140,16 @@ TEST(IconvFamily, CutsAndInvalidInputEndTheText) {
     out[0] = 'x';
     LCopyToWIN1252(out, "abc", 0);
     EXPECT_EQ(out[0], 'x');
-}
-
-TEST(IconvFamily, UnsizedLatinOneForms) {
-    char out[16] = {};
-    LCopyToISO88591(out, "caf\xC3\xA9");  // shrinks: fits in length + 1
+    // The unsized forms have length + 1 bytes: shrinking fits, growing is cut at a whole
+    // character.
+    LCopyToISO88591(out, "caf\xC3\xA9");
     EXPECT_STREQ(out, "caf\xE9");
-    // Growing past length + 1 bytes is cut at a whole character.
     std::memset(out, 0, sizeof out);
     LCopyFromISO88591(out, "a\xE9\xE9");
     EXPECT_STREQ(out, "a\xC3\xA9");
 }
 
-TEST(CodePages, ByNumber) {
+TEST(CodePages, ByNumberAndEveryTableNameIsKnownToIconv) {
     struct Case {
         unsigned cp;
         const char* in;
@@ -165,18 +175,16 @@ TEST(CodePages, ByNumber) {
         {1252, "\u041F", 64, false, ""},                // no Cyrillic
         {1252, "abcd", 4, false, ""},                   // terminator does not fit
         {0, "abc", 64, false, ""}};
-    char out[64];
-    for (const Case& c : from) {
-        SCOPED_TRACE(testing::Message() << "from " << c.cp << " " << testing::PrintToString(c.in));
-        std::strcpy(out, "stale");
-        EXPECT_EQ(LCopyFromSpecificCodePage(c.cp, out, c.in, c.size), c.ok);
-        EXPECT_EQ(std::string(out), c.out);
-    }
-    for (const Case& c : to) {
-        SCOPED_TRACE(testing::Message() << "to " << c.cp << " " << testing::PrintToString(c.in));
-        std::strcpy(out, "stale");
-        EXPECT_EQ(LCopyToSpecificCodePage(c.cp, out, c.in, c.size), c.ok);
-        EXPECT_EQ(std::string(out), c.out);
+    using Copy = bool (*)(unsigned, char*, const char*, unsigned long);
+    for (auto [copy, cases] :
+         {std::pair<Copy, std::span<const Case>>{LCopyFromSpecificCodePage, from},
+          {LCopyToSpecificCodePage, to}}) {
+        for (const Case& c : cases) {
+            SCOPED_TRACE(testing::Message() << c.cp << " " << testing::PrintToString(c.in));
+            char out[64] = "stale";
+            EXPECT_EQ(copy(c.cp, out, c.in, c.size), c.ok);
+            EXPECT_EQ(std::string(out), c.out);
+        }
     }
     LStringLongTemplate<char> s;
     EXPECT_TRUE(LCopyFromSpecificCodePage(1253, s, "\xE1\xE2"));
@@ -184,9 +192,7 @@ TEST(CodePages, ByNumber) {
     EXPECT_EQ(s.GetLength(), 4u);
     EXPECT_FALSE(LCopyFromSpecificCodePage(7, s, LStringLongTemplate<char>("abc")));
     EXPECT_TRUE(s.IsEmpty());
-}
-
-TEST(CodePages, TableNamesAreKnownToIconv) {
+    // Every name in the table is one iconv knows.
     for (unsigned int cp = 0; cp < 70000; ++cp) {
         const char* name = _LCodePageEncodingName(cp);
         if (name == nullptr)
@@ -197,26 +203,6 @@ TEST(CodePages, TableNamesAreKnownToIconv) {
             iconv_close(cd);
     }
     EXPECT_EQ(_LCodePageEncodingName(1200), nullptr);  // UTF-16 is not a byte text
-}
-
-// "To" forms whose encoding is longer than the UTF-8 text start again in more room: the string
-// holds the whole text whether it overflows the first room once or twice or fills it exactly,
-// and whether or not the string held something longer before.
-TEST(IconvFamily, GrowingToFormsHoldTheWholeText) {
-    const std::tuple<StringFn, const char*, const char*> cases[] = {
-        {LCopyToGB18030, "GB18030", "\xC3\xA9"},              // é: 2 bytes, 4 in GB18030
-        {LCopyToGB18030, "GB18030", "\xC3\xA9\xE4\xB8\xAD"},  // é中: fills 6 bytes exactly
-        {LCopyToISO2022JP, "ISO-2022-JP", "\xE6\x97\xA5"},    // 日: 3 bytes, 8 in JIS
-        {LCopyToISO2022JP, "ISO-2022-JP",
-         "\xE6\x97\xA5\xE6\x9C\xAC\xE8\xAA\x9E\xE6\x97\xA5\xE6\x9C\xAC"}};
-    for (auto [to, encoding, input] : cases) {
-        const std::string expected = Iconv(encoding, "UTF-8", input);
-        LStringLongTemplate<char> fresh, reused("an earlier, longer content of the string");
-        for (LStringLongTemplate<char>* out : {&fresh, &reused}) {
-            to(*out, input);
-            EXPECT_EQ(std::string(out->GetText(), out->GetLength()), expected) << encoding;
-        }
-    }
 }
 
 }  // namespace

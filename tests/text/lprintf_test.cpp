@@ -23,9 +23,7 @@ std::string Format(const char* format, Args... args) {
 
 }  // namespace
 
-// ---- Departures from printf, kept on purpose ----
-
-TEST(TplPrintfDepartures, FlagsPercentsStringsAndUnfinishedConversions) {
+TEST(TplPrintfDepartures, FlagsPercentsStringsFloatingSlotsAndUnfinishedConversions) {
     // %-5d formats "%-" with the next argument (nothing comes of it) and writes 5d as text.
     EXPECT_EQ(Format("%-5d|%d", 1LL, 2LL), "5d|2");
     EXPECT_EQ(Format("[%+d]", 3LL), "[d]");
@@ -47,9 +45,6 @@ TEST(TplPrintfDepartures, FlagsPercentsStringsAndUnfinishedConversions) {
     EXPECT_EQ(Format("ab%5l"), "ab");
     LStringLongTemplate<char> s("x");
     EXPECT_EQ(sprintf(s, nullptr), 0u);
-}
-
-TEST(TplPrintfDepartures, FloatingLettersAndTheirSlots) {
     // The slot's bits are read as a double: 5 is five times the smallest subnormal.
     EXPECT_EQ(Format("%E|%d", 5LL, 9), "2.470328E-323|9");
     double one = 1.0;
@@ -62,14 +57,6 @@ TEST(TplPrintfDepartures, FloatingLettersAndTheirSlots) {
     EXPECT_EQ(Format("%Lf %d", 2.25L, 3), "2.250000 3");
     EXPECT_EQ(Format("%.1llf|%d", 1.5, 4), "1.5|4");
 }
-
-TEST(TplPrintfDepartures, ConversionsCollectAtMost257Characters) {
-    // 255 zeros, "5", "1" are kept (width 51); 42 more "1"s are read and dropped.
-    const std::string format = std::string("%").append(255, '0') + "51" + std::string(42, '1');
-    EXPECT_EQ(Format((format + "d|").c_str(), 42), std::string(49, '0') + "42|");
-}
-
-// ---- Agreement with printf where the engine does not depart ----
 
 TEST(TplPrintfMatchesPrintf, IntegerConversionsWithWidthAndZeroFlag) {
     const char* intFormats[] = {"%05d", "%i", "%u", "%X", "%08x", "%o", "%7.4d", "%c"};
@@ -93,8 +80,6 @@ TEST(TplPrintfMatchesPrintf, IntegerConversionsWithWidthAndZeroFlag) {
         }
     }
 }
-
-// ---- Fixed buffers ----
 
 TEST(TplPrintfTruncation, TplsnprintfCutsToSizeMinusOneAndTerminates) {
     const std::string full = "n=123456789!";
@@ -134,12 +119,16 @@ TEST(TplPrintfTruncation, ShortStringHolds259Characters) {
     EXPECT_EQ(std::string(formatted.GetText()), std::string(259, 'q'));
 }
 
-TEST(TplPrintfTruncation, OneNumericConversionIsCutAt271Characters) {
+TEST(TplPrintfTruncation, OneConversionCollects257CharactersAndIsCutAt271) {
     EXPECT_EQ(Format("%300d|", 7), std::string(271, ' ') + "|");
     EXPECT_EQ(Format("%.300f|", 1.0), "1." + std::string(269, '0') + "|");
     EXPECT_EQ(Format("%0290lld%s", -5LL, "end"), std::string("-").append(270, '0') + "end");
     // Exactly 271 characters pass whole.
     EXPECT_EQ(Format("%271d", 7), std::string(270, ' ') + "7");
+    // A conversion collects at most 257 characters: 255 zeros, "5", "1" are kept (width 51);
+    // 42 more "1"s are read and dropped.
+    const std::string format = std::string("%").append(255, '0') + "51" + std::string(42, '1');
+    EXPECT_EQ(Format((format + "d|").c_str(), 42), std::string(49, '0') + "42|");
 }
 
 TEST(TplPrintfOutput, TprintfGoesToStandardOutputThroughTheCLibrary) {
@@ -149,8 +138,6 @@ TEST(TplPrintfOutput, TprintfGoesToStandardOutputThroughTheCLibrary) {
     std::fflush(stdout);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "[7   |x]");
 }
-
-// ---- Letters handed to the C library, and those withheld ----
 
 // Every letter goes to the C library's formatter with its slot, except where the library
 // would store through the slot, read memory through it or address arguments by position:

@@ -26,7 +26,7 @@ std::int64_t Read(const char* text) {
 // 1 h 2 min 3.456 s
 constexpr std::int64_t kSample = 3723456;
 
-TEST(SoundTimeText, EveryForm) {
+TEST(SoundTimeText, EveryFormReadCharacterByCharacterAndValidity) {
     using S = LSoundTime;
     const std::pair<Form, const char*> forms[] = {
         {&S::_GetText0, "1:02:03"},          {&S::_GetText1, "1:02:03.4"},
@@ -51,9 +51,6 @@ TEST(SoundTimeText, EveryForm) {
               std::to_string(static_cast<int>(5000000000LL)) + ":00:00");
     EXPECT_EQ(Write(INT64_MIN, &LSoundTime::_GetText), "-2562047788015:12:55.808");
     EXPECT_EQ(Write(-kSample, &LSoundTime::_GetTextMMSSF), "-02:03.4");
-}
-
-TEST(SoundTimeRead, CharacterByCharacter) {
     EXPECT_EQ(Read("90"), 90000);
     EXPECT_EQ(Read("1:02:03.4567"), kSample);  // digits past milliseconds add nothing
     EXPECT_EQ(Read(".5"), 500);
@@ -66,10 +63,7 @@ TEST(SoundTimeRead, CharacterByCharacter) {
     EXPECT_EQ(Read(nullptr), 0);
     // A written time reads back, hours beyond a day and sign included.
     EXPECT_EQ(Read(Write(-kSample * 1000, &LSoundTime::_GetText).c_str()), -kSample * 1000);
-}
-
-TEST(SoundTimeRead, Validity) {
-    // (text, negative allowed, valid): "-" only first and only when allowed, at most three
+    // Validity (text, negative allowed, valid): "-" only first and only when allowed, at most three
     // colons, one point with no colon after it, nothing but digits otherwise.
     using Case = std::tuple<const char*, bool, bool>;
     for (auto [text, negative, valid] :

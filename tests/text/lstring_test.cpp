@@ -7,7 +7,7 @@
 #include <cstring>
 #include <string>
 
-TEST(LStringLong, CopyMoveAndAssignment) {
+TEST(LStringLong, CopyMoveAssignmentAccessorsAndBufferHandOff) {
     LStringLongTemplate<char> s("hello");
     s.GrowToSize(100);
     LStringLongTemplate<char> copy(s);  // exactly length + 1
@@ -29,6 +29,23 @@ TEST(LStringLong, CopyMoveAndAssignment) {
     self.Append(self.GetText(), self.GetLength());
     EXPECT_STREQ(self.GetText(), "cdefcdef");
     EXPECT_EQ(self.GetCapacity(), 28u);  // appending grows by four times
+    LStringLongTemplate<char> part("abc", 2);
+    part += 'c';
+    part += "de";
+    EXPECT_EQ(part, "abcde");
+    EXPECT_LT(LStringLongTemplate<char>("a"), "\xC3");  // compared as unsigned bytes
+    part.GrowToSize(32);
+    std::strcpy(part.GetBuffer(), "xy");
+    part.UpdateLength();
+    EXPECT_EQ(part.GetLength(), 2u);
+    part.SetLength(1);
+    EXPECT_EQ(part, "x");
+    const unsigned long capacity = part.GetCapacity();
+    char* raw = part.Detach();
+    EXPECT_TRUE(part.IsNull());
+    LStringLongTemplate<char> other;
+    other.Attach(raw, 1, capacity);
+    EXPECT_EQ(other, "x");
 }
 
 TEST(LStringLong, WritersGrowByFourAndFormattingStartsAt260) {
@@ -48,26 +65,6 @@ TEST(LStringLong, WritersGrowByFourAndFormattingStartsAt260) {
     small.tsprintfappend("%s", "!");
     EXPECT_EQ(small.GetCapacity(), 1040u);
     EXPECT_EQ(small.GetLength(), 261u);
-}
-
-TEST(LStringLong, AccessorsComparisonAndBufferHandOff) {
-    LStringLongTemplate<char> s("abc", 2);
-    s += 'c';
-    s += "de";
-    EXPECT_EQ(s, "abcde");
-    EXPECT_LT(LStringLongTemplate<char>("a"), "\xC3");  // compared as unsigned bytes
-    s.GrowToSize(32);
-    std::strcpy(s.GetBuffer(), "xy");
-    s.UpdateLength();
-    EXPECT_EQ(s.GetLength(), 2u);
-    s.SetLength(1);
-    EXPECT_EQ(s, "x");
-    const unsigned long capacity = s.GetCapacity();
-    char* raw = s.Detach();
-    EXPECT_TRUE(s.IsNull());
-    LStringLongTemplate<char> other;
-    other.Attach(raw, 1, capacity);
-    EXPECT_EQ(other, "x");
 }
 
 TEST(LStringList, GrowsToEightTimesCountPlusSeven) {

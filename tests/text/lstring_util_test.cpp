@@ -33,7 +33,7 @@ std::vector<std::string> Arguments(const char* line) {
 
 }  // namespace
 
-TEST(LStringNumbers, ParsingSaturatesWrapsAndStops) {
+TEST(LStringNumbers, ParsingSaturatesWrapsAndStopsWritingByRadix) {
     EXPECT_EQ(ttoi64template<char>(" -9223372036854775808"), -9223372036854775807LL);
     EXPECT_EQ(ttoi64template<char>("9223372036854775808"), 9223372036854775807LL);
     EXPECT_EQ(ttoi64template<char>("+12x"), 12);
@@ -47,9 +47,6 @@ TEST(LStringNumbers, ParsingSaturatesWrapsAndStops) {
     EXPECT_TRUE(ttosize_t(" 18446744073709551615", size));
     EXPECT_FALSE(ttosize_t("abc", size));
     EXPECT_EQ(size, 18446744073709551615ul);
-}
-
-TEST(LStringNumbers, NumberToTextByRadix) {
     char buffer[32];
     EXPECT_STREQ(ltoa(4294967297L, buffer, 10), "1");  // cut to 32 bits
     EXPECT_STREQ(ltoa(-1L, buffer, 16), "ffffffff");
@@ -93,7 +90,7 @@ TEST(LStringCSV, QuotedItemsBlanksCutsAndLineEnds) {
     EXPECT_EQ(position, 24u);
 }
 
-TEST(LStringFields, TextBetweenMarkersCutToTheBuffer) {
+TEST(LStringFields, TextBetweenMarkersAndHttpItemRemovalInPlace) {
     char out[8];
     EXPECT_TRUE(LStringFindTextField("<a>value</a>", "<a>", "</a>", out, sizeof(out)));
     EXPECT_STREQ(out, "value");
@@ -102,9 +99,6 @@ TEST(LStringFields, TextBetweenMarkersCutToTheBuffer) {
     std::strcpy(out, "junk");
     EXPECT_FALSE(LStringFindTextField("nothing here", "<a>", "</a>", out, sizeof(out)));
     EXPECT_STREQ(out, "");
-}
-
-TEST(LStringFields, RemoveHttpItemInPlace) {
     // The first item's trailing "&" stays; the search is a plain substring search; the
     // searched "key=" is cut to 261 characters, so a 300-character key is found by them.
     const std::string longKey(300, 'k');

@@ -28,10 +28,6 @@ std::string Utf8Of(const std::u32string& text) {
     return r.bytes;
 }
 
-std::u16string Utf16Of(const std::u32string& text) {
-    return AsUnits<char16_t>(IconvRun("UTF-16LE", "UTF-32LE", text.data(), text.size() * 4).bytes);
-}
-
 // Random code points (never 0, never surrogates) with the encoding-length boundaries often.
 class TextGenerator {
 public:
@@ -92,13 +88,6 @@ std::basic_string<Out> Convert(R (*fn)(Out*, const In*, unsigned long), const In
     return out.data();
 }
 
-std::u16string Cut16(const std::u32string& text) {
-    std::u16string out;
-    for (char32_t c : text)
-        out += static_cast<char16_t>(c);
-    return out;
-}
-
 // Both UTF-8 decoders give what iconv gives up to its first error and say whether they
 // stopped there; whether iconv took the whole text.
 bool ExpectDecodesAsIconv(const std::string& utf8) {
@@ -112,19 +101,21 @@ bool ExpectDecodesAsIconv(const std::string& utf8) {
     std::vector<char16_t> out16(utf8.size() + 1);
     EXPECT_EQ(LCopyUnicodeFromUTF8(out16.data(), utf8.c_str(), out16.size()), r32);
     // Astral characters cut to 16 bits may be 0 (U+10000), so compare by length.
-    EXPECT_EQ(std::u16string(out16.data(), prefix.size()), Cut16(prefix));
+    EXPECT_EQ(std::u16string(out16.data(), prefix.size()),
+              std::u16string(prefix.begin(), prefix.end()));
     EXPECT_EQ(out16[prefix.size()], 0);
     return ref.complete;
 }
 
 constexpr int kTexts = 400;
 
-TEST(UnicodeAgainstIconv, WellFormedTextsConvertAsIconvDoesEveryWay) {
+TEST(UnicodeAgainstIconv, WellFormedTextsConvertEveryWayAndIllFormedOnesStopAsIconvDoes) {
     TextGenerator gen(1);
     for (int i = 0; i < kTexts; ++i) {
         const std::u32string text = gen.Valid(64);
         const std::string utf8 = Utf8Of(text);
-        const std::u16string utf16 = Utf16Of(text);
+        const std::u16string utf16 =
+            AsUnits<char16_t>(IconvRun("UTF-16LE", "UTF-32LE", text.data(), 4 * text.size()).bytes);
         const std::wstring wide(text.begin(), text.end());
         ASSERT_TRUE(ExpectDecodesAsIconv(utf8));
         const unsigned long size8 = 4 * text.size() + 1;
@@ -136,13 +127,11 @@ TEST(UnicodeAgainstIconv, WellFormedTextsConvertAsIconvDoesEveryWay) {
         EXPECT_EQ(Convert<char32_t>(LCopyUTF32FromUnicode, utf16.c_str(), utf16.size() + 1), text);
         std::vector<char16_t> to16(text.size() + 1);
         ASSERT_EQ(LCopyUnicodeFromUTF32(to16.data(), text.c_str(), to16.size()), 0);
-        EXPECT_EQ(std::u16string(to16.data(), text.size()), Cut16(text));
+        EXPECT_EQ(std::u16string(to16.data(), text.size()),
+                  std::u16string(text.begin(), text.end()));
         EXPECT_EQ(to16[text.size()], 0);
     }
-}
-
-TEST(UnicodeAgainstIconv, IllFormedUtf8StopsWhereIconvStops) {
-    TextGenerator gen(2);
+    // Ill-formed UTF-8 stops where iconv stops.
     int stoppedEarly = 0;
     for (int i = 0; i < kTexts; ++i) {
         stoppedEarly += !ExpectDecodesAsIconv(gen.IllFormed(40));
@@ -192,7 +181,6 @@ TEST(UnicodeEdges, ValuesAboveTheLastCodePointAndLoneSurrogates) {
     EXPECT_EQ(Convert<char32_t>(LCopyUTF32FromUnicode, u"\xD800x", 4, 2), U"\uFFFDx");
 }
 
-// The string forms size for the whole input.
 TEST(UnicodeStrings, StringFormsSizeForTheWholeInput) {
     LStringLongTemplate<wchar_t> sw;
     EXPECT_EQ(LCopyUTF32FromUTF8(sw, "a\xF0\x9F\x98\x80"), 0);
@@ -206,7 +194,7 @@ TEST(UnicodeStrings, StringFormsSizeForTheWholeInput) {
     EXPECT_EQ(std::u16string(s16.GetText(), s16.GetLength()), u"x");
 }
 
-TEST(Utf8Copy, CutsNeverSplitACharacter) {
+TEST(Utf8Copy, CutsNeverSplitACharacterAndIndexesFollowLeadBytes) {
     const struct {
         const char* in;
         unsigned long size, result;
@@ -230,9 +218,6 @@ TEST(Utf8Copy, CutsNeverSplitACharacter) {
     char untouched = 'u';
     EXPECT_EQ(utf8strlcpy(&untouched, "abc", 0), 0u);
     EXPECT_EQ(untouched, 'u');
-}
-
-TEST(Utf8Index, LeadBytesAndIndexes) {
     const std::pair<unsigned char, int> leads[] = {{0x41, 1}, {0xBF, 1}, {0xC0, 2}, {0xDF, 2},
                                                    {0xE0, 3}, {0xEF, 3}, {0xF0, 4}, {0xF7, 4},
                                                    {0xF8, 5}, {0xFB, 5}, {0xFC, 6}, {0xFF, 6}};

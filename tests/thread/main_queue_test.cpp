@@ -10,7 +10,7 @@
 
 namespace {
 
-TEST(MainQueue, RunsItemsInOrderAndStopsAfterTheRunningItem) {
+TEST(MainQueue, RunsItemsInOrderStopsAfterTheRunningItemAndRunsGroupNotifications) {
     std::vector<int> order;
     for (int i = 0; i < 5; ++i) {
         LMainQueueAsync([&order, i] {
@@ -36,9 +36,7 @@ TEST(MainQueue, RunsItemsInOrderAndStopsAfterTheRunningItem) {
     });
     LMainQueueRun();
     stopper.join();
-}
-
-TEST(DispatchGroup, NotifyRunsOnMainQueueWhenCountReachesZero) {
+    // A dispatch group's notification goes to the main queue once its count reaches zero.
     LDispatchGroup group;
     int calls = 0;
     group.Notify([&] { ++calls; });  // idle: queued at once

@@ -41,21 +41,6 @@ public:
     std::vector<double> progress;
 };
 
-// The endless waits, then everything else, through `p`.
-void CallEveryWait(LProcessInterface& p, std::vector<int>& results, unsigned int ms) {
-    LSignalObject event;
-    LSignalObjectGroup group;
-    results = {p.ProcessWaitUntilStopped(), p.ProcessWaitSignalForever(event),
-               p.ProcessWaitSignalObjectGroupForever(group)};
-    if (ms != 0) {
-        results.insert(results.end(),
-                       {p.IsToStop(), p.ProcessWait(ms), p.ProcessWaitSignal(event, ms + 1),
-                        p.ProcessWaitSignalObjectGroup(group, ms + 2)});
-    }
-}
-
-std::string const kForever = " 4294967295";
-
 // Records each delivery as "code", "code=bytes" or "code:value", and where it ran.
 class RecordingHandler : public LQueuedNotifyDataHandler {
 public:
@@ -204,7 +189,7 @@ public:
     LSignalObject started;
 };
 
-TEST_F(QueuedNotify, WorkerReportsReachTheTargetOnTheMainThread) {
+TEST_F(QueuedNotify, WorkerReportsReachTheTargetOnTheMainThreadUntilTeardown) {
     Recorder target;
     ReportingThread thread(&target);
     thread.EvQueuedNotifyData(6, nullptr, 0);  // codes above five are ignored
@@ -219,51 +204,57 @@ TEST_F(QueuedNotify, WorkerReportsReachTheTargetOnTheMainThread) {
                                         "SetStatus 1 " + std::string(259, 'L'), "On", "Off",
                                         "SetError code 7"}));
     EXPECT_EQ(target.progress, (std::vector<double>{12 * 0.01, -0.01, LONG_MAX * 0.01, 0.0}));
-}
 
-TEST_F(QueuedNotify, TeardownOrDestructionStopsWorkerReports) {
-    Recorder target;
-    ReportingThread thread(&target);
+    // Teardown, or destruction of a body still reporting, drops what the worker queued.
+    target.calls.clear();
     thread.Start(0);
     thread.GetFinishedEvent().WaitSignal(LSignalInfinite);
     thread.QueuedNotifyDataHandlerDestroy();
     DrainMainQueue();
     EXPECT_TRUE(target.calls.empty());
-
     auto* running = new ReportingThread(&target);
     running->chatty = true;
     running->Start(0);
     running->started.WaitSignal(LSignalInfinite);
     usleep(2000);
-    delete running;  // stops a body that is still reporting; its queued reports are dropped
+    delete running;
     DrainMainQueue();
     EXPECT_TRUE(target.calls.empty());
 }
 
-// The endless waits use the timed ones; a nested interface forwards stop, waits and errors.
+// The endless waits use the timed ones for the longest time; a nested interface forwards stop,
+// waits and errors.
 TEST(ProcessInterface, EndlessFormsFormattedReportsAndNesting) {
+    std::string const forever = " 4294967295";
+    std::vector<std::string> const endless = {"ProcessWait" + forever,
+                                              "ProcessWaitSignal" + forever,
+                                              "ProcessWaitSignalObjectGroup" + forever};
     Recorder r;
-    std::vector<int> results, forwarded;
-    CallEveryWait(r, results, 0);
+    LProcessInterfaceNested nested(&r);
+    LSignalObject event;
+    LSignalObjectGroup group;
+    for (LProcessInterface* p : std::initializer_list<LProcessInterface*>{&r, &nested}) {
+        EXPECT_EQ(
+            std::vector<int>({p->ProcessWaitUntilStopped(), p->ProcessWaitSignalForever(event),
+                              p->ProcessWaitSignalObjectGroupForever(group)}),
+            (std::vector<int>{1, 1, 0}));
+        EXPECT_EQ(r.calls, endless);
+        r.calls.clear();
+    }
     r.SetErrorF("%s", std::string(9000, 'a').c_str());
     r.SetStatusF(3, "%d of %s", 7, "ten");
-    LProcessInterfaceNested nested(&r);
-    CallEveryWait(nested, forwarded, 5);
+    EXPECT_EQ(std::vector<int>({nested.IsToStop(), nested.ProcessWait(5),
+                                nested.ProcessWaitSignal(event, 6),
+                                nested.ProcessWaitSignalObjectGroup(group, 7)}),
+              (std::vector<int>{1, 1, 1, 0}));
     nested.SetError("bad");
     nested.SetStatus("status", 0);
     nested.SetProgress(0.5);
     nested.SetProgressIndeterminateOn();
-    EXPECT_EQ(results, (std::vector<int>{1, 1, 0}));
-    EXPECT_EQ(forwarded, (std::vector<int>{1, 1, 0, 1, 1, 1, 0}));
-    const std::vector<std::string> endless = {"ProcessWait" + kForever,
-                                              "ProcessWaitSignal" + kForever,
-                                              "ProcessWaitSignalObjectGroup" + kForever};
-    std::vector<std::string> expected = endless;
-    expected.insert(expected.end(), {"SetError " + std::string(8191, 'a'), "SetStatus 3 7 of ten"});
-    expected.insert(expected.end(), endless.begin(), endless.end());
-    expected.insert(expected.end(), {"IsToStop", "ProcessWait 5", "ProcessWaitSignal 6",
-                                     "ProcessWaitSignalObjectGroup 7", "SetError bad"});
-    EXPECT_EQ(r.calls, expected);
+    EXPECT_EQ(r.calls, (std::vector<std::string>{
+                           "SetError " + std::string(8191, 'a'), "SetStatus 3 7 of ten", "IsToStop",
+                           "ProcessWait 5", "ProcessWaitSignal 6", "ProcessWaitSignalObjectGroup 7",
+                           "SetError bad"}));
     EXPECT_TRUE(r.progress.empty());
 }
 

@@ -31,7 +31,7 @@ void UntilStopped(LThread& self) {
     self.ProcessWaitUntilStopped();
 }
 
-TEST(Thread, StartRunsTheBodyOnceAndFinishedEndsIt) {
+TEST(Thread, StartRunsTheBodyOnceFinishedEndsItAndEachRunOwnsItsEvent) {
     LSignalObject go;
     std::atomic<int32_t> bodyId{0};
     FunctionThread t([&](FunctionThread&) {
@@ -55,6 +55,23 @@ TEST(Thread, StartRunsTheBodyOnceAndFinishedEndsIt) {
     EXPECT_FALSE(t.IsToStop());
     t.StopThreadAndWait();
     EXPECT_EQ(t.runs.load(), 2);
+
+    // Restarted the moment its body has ended, the finished event of the new run must not be
+    // set by the run before it, or a stop-and-wait would return while the new body runs.
+    t.body = [&](FunctionThread&) {
+        go.WaitSignal(LSignalInfinite);
+        go.Reset();
+    };
+    go.Reset();
+    int stale = 0;
+    for (int cycle = 0; cycle < 1000 && stale == 0; ++cycle) {
+        t.Start(0);
+        stale += t.GetFinishedEvent().IsSignaled();
+        go.Signal();
+        while (t.IsRunning()) {
+        }
+    }
+    EXPECT_EQ(stale, 0);
 }
 
 TEST(Thread, WaitResultsAndTheGroupKeepsTheStopEventWhileThereIsRoom) {
@@ -95,25 +112,6 @@ TEST(Thread, AudioPriorityIsRealTimeForRoot) {
         EXPECT_EQ(sched_getscheduler(t.GetMachThreadId()), priority ? SCHED_FIFO : SCHED_OTHER);
         EXPECT_EQ(param.sched_priority, priority ? 20 : 0) << priority;
     }
-}
-
-// Restarting a thread the moment its body has ended: the finished event of the new run must
-// not be set by the run before it, or a stop-and-wait would return while the new body runs.
-TEST(Thread, RestartedRunOwnsItsFinishedEvent) {
-    LSignalObject go;
-    FunctionThread t([&](FunctionThread&) {
-        go.WaitSignal(LSignalInfinite);
-        go.Reset();
-    });
-    int stale = 0;
-    for (int cycle = 0; cycle < 1000 && stale == 0; ++cycle) {
-        t.Start(0);
-        stale += t.GetFinishedEvent().IsSignaled();
-        go.Signal();
-        while (t.IsRunning()) {
-        }
-    }
-    EXPECT_EQ(stale, 0);
 }
 
 // Counts its destruction. With `linger` the body keeps using its members after the stop request
@@ -160,7 +158,7 @@ void StartDetached(LDetachedThreadsOwner& owner, std::atomic<int>& destroyed, in
     }
 }
 
-TEST(DetachedThread, StopThreadsNowWaitsAndDestroysEveryThreadSoonLetsThemEnd) {
+TEST(DetachedThread, StopsNowOrSoonDestroyEachThreadOnceAlsoRacingWithStartsAndEnds) {
     LDetachedThreadsOwner owner;
     std::atomic<int> destroyed{0};
     StartDetached(owner, destroyed, 8, UntilStopped, true);
@@ -174,25 +172,22 @@ TEST(DetachedThread, StopThreadsNowWaitsAndDestroysEveryThreadSoonLetsThemEnd) {
     owner.StopThreadsSoon();
     ASSERT_TRUE(WaitForCount(destroyed, 12));
     EXPECT_EQ(owner.GetThreadCount(), 0u);
-}
 
-// Threads ending on their own while the owner stops them, and an owner stopping threads that
-// another thread is starting: each is destroyed once, and a stop is neither erased by the
-// start nor destroys a thread whose start still uses it.
-TEST(DetachedThread, StopsRacingWithStartsAndEndsDestroyEachThreadOnce) {
+    // Threads ending on their own while the owner stops them, and an owner stopping threads that
+    // another thread is starting: each is destroyed once, and a stop is neither erased by the
+    // start nor destroys a thread whose start still uses it.
     for (int round = 0; round < 10; ++round) {
-        std::atomic<int> destroyed{0};
+        destroyed = 0;
         {
-            LDetachedThreadsOwner owner;
-            StartDetached(owner, destroyed, 4, [](LThread&) {});
-            owner.StopThreadsNow();
+            LDetachedThreadsOwner ending;
+            StartDetached(ending, destroyed, 4, [](LThread&) {});
+            ending.StopThreadsNow();
         }
         ASSERT_TRUE(WaitForCount(destroyed, 4));
     }
     for (bool now : {true, false}) {
         SCOPED_TRACE(now ? "StopThreadsNow" : "StopThreadsSoon");
-        std::atomic<int> destroyed{0};
-        LDetachedThreadsOwner owner;
+        destroyed = 0;
         for (int round = 0; round < 200; ++round) {
             std::thread starter([&] { StartDetached(owner, destroyed, 1); });
             while (owner.GetThreadCount() == 0) {
