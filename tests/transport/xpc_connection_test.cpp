@@ -472,7 +472,9 @@ TEST_F(XpcConnection, ConnectionsAreCountedWhileOpenAndSharedAmongUsers) {
     for (size_t i = 0; i < wire::kMaxConnections; ++i) {
         closedAnswered += Ask(Client("t.share")) == 9;
     }
-    std::this_thread::sleep_for(200ms);  // the service sees the last ones close
+    // A peer's slot is given back before its error is delivered: once every closed peer has
+    // reported, every slot is free again.
+    ASSERT_TRUE(service.state->peerErrors.WaitFor(wire::kMaxConnections));
     std::list<Client> open;
     for (size_t i = 0; i < wire::kMaxConnections; ++i) {
         open.emplace_back("t.share");
