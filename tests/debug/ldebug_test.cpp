@@ -7,12 +7,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <barrier>
 #include <cstring>
 #include <filesystem>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "tests/file/temp_tree.h"
 #include "tests/thread/child_process.h"
@@ -27,8 +25,6 @@ TEST(HangDetector, SecondInstanceAndStaleFileAcrossProcesses) {
     std::string const path = tree.Path("_kavelplvadhelper_rl_hanger");
     EXPECT_EQ(LHangDetector().GetLockFilePath(), path);
     EXPECT_TRUE(std::filesystem::is_empty(tree.root()));  // constructing opens nothing
-    // seconds x 1000 + microseconds / 1000, in 32 bits: 4294968999 wraps to 1703.
-    EXPECT_EQ(_LHangDetectorMakeRecord(4294968, 999999).ticks, 1703u);
     int ready[2];
     ASSERT_EQ(pipe(ready), 0);
     logname.Set("hanger");  // LOGNAME comes first
@@ -69,28 +65,14 @@ class ThreadRegistry : public ::testing::Test {
     void TearDown() override { EXPECT_EQ(gnDebugThreads.load(), 0u) << "a record was left"; }
 };
 
-TEST_F(ThreadRegistry, SixtyFiveAtOnceSlotReuseTrimmingNamesAndLastDialog) {
-    constexpr int kThreads = 65;
-    std::barrier step(kThreads + 1);
-    std::vector<LDebugThreadData*> records(kThreads);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) {
-        threads.emplace_back([&, i] {
-            step.arrive_and_wait();
-            LDebugThreadDataStartThread("WRKR");
-            records[i] = LDebugThreadFindData();
-            step.arrive_and_wait();
-            step.arrive_and_wait();  // the main thread has looked
-            LDebugThreadDataStopThread();
-        });
+TEST_F(ThreadRegistry, SixtyFourSlotsReuseTrimmingNamesAndLastDialog) {
+    for (uint32_t t = 1; t <= 65; ++t) {
+        _LDebugThreadDataStartThread(t, "WRKR");
     }
-    step.arrive_and_wait();
-    step.arrive_and_wait();
     EXPECT_EQ(gnDebugThreads.load(), 64u);
-    EXPECT_EQ(std::count(records.begin(), records.end(), nullptr), 1);
-    step.arrive_and_wait();
-    for (auto& t : threads) {
-        t.join();
+    EXPECT_EQ(_LDebugThreadFindData(65), nullptr);  // no slot left for it
+    for (uint32_t t = 1; t <= 64; ++t) {
+        _LDebugThreadDataStopThread(t);
     }
     // Stopping trims the count past free slots down to the highest owned or claimed one.
     for (uint32_t t = 1001; t <= 1004; ++t) {
@@ -114,8 +96,6 @@ TEST_F(ThreadRegistry, SixtyFiveAtOnceSlotReuseTrimmingNamesAndLastDialog) {
         _LDebugThreadDataStopThread(thread);
         return given;
     };
-    EXPECT_EQ(nameOf(123456, nullptr), "3456");
-    EXPECT_EQ(nameOf(12, nullptr), "0012");
     EXPECT_EQ(nameOf(7, "LongName"), "Long");
     EXPECT_TRUE(LIsMainThread());
     std::thread([] {

@@ -131,14 +131,6 @@ TEST(TplPrintfTruncation, OneConversionCollects257CharactersAndIsCutAt271) {
     EXPECT_EQ(Format((format + "d|").c_str(), 42), std::string(49, '0') + "42|");
 }
 
-TEST(TplPrintfOutput, TprintfGoesToStandardOutputThroughTheCLibrary) {
-    testing::internal::CaptureStdout();
-    // Printed by vprintf, so flags work there as in printf.
-    EXPECT_EQ(tprintf("[%-4d|%s]", 7, "x"), 8);
-    std::fflush(stdout);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "[7   |x]");
-}
-
 // Every letter goes to the C library's formatter with its slot, except where the library
 // would store through the slot, read memory through it or address arguments by position:
 // those take their slot and write nothing. Either way the next conversion gets the next slot.
