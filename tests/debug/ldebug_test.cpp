@@ -71,8 +71,8 @@ TEST_F(ThreadRegistry, SixtyFourSlotsReuseTrimmingNamesAndLastDialog) {
     }
     EXPECT_EQ(gnDebugThreads.load(), 64u);
     EXPECT_EQ(_LDebugThreadFindData(65), nullptr);  // no slot left for it
-    for (uint32_t t = 1; t <= 64; ++t) {
-        _LDebugThreadDataStopThread(t);
+    for (uint32_t t = 1; t <= 65; ++t) {
+        _LDebugThreadDataStopThread(t);  // the 65th has no record: nothing to stop
     }
     // Stopping trims the count past free slots down to the highest owned or claimed one.
     for (uint32_t t = 1001; t <= 1004; ++t) {
