@@ -93,7 +93,6 @@ TEST(MakeFilePath, JoinsWithOneSlashCutsEvenInPlaceSecureFormNeutralisesEveryPie
     static_cast<char*>(dst)[259] = 0;
     LFile::_MakeFilePath(dst, dst, "x", "");
     EXPECT_EQ(dst.str(), Repeat('q', 258) + "/");
-    EXPECT_EQ(Into(LFile::MakeFilePathF, "/rec", "take_%d_%s", 7, "left"), "/rec/take_7_left");
     EXPECT_EQ(Into(LFile::MakeFilePathF, "", "%s", Repeat('z', 300).c_str()), Repeat('z', 259));
     EXPECT_EQ(Into(LFile::_MakeFilePathSecure, "/x/../etc", "../../passwd", "/.sh"),
               "etc/passwd.sh");
@@ -161,10 +160,8 @@ TEST(MakeAbsoluteFilePath, AbsolutePlainAndDotStepPaths) {
                            {"/a/b", "./x", "/a/b/x"},
                            {"/a/b/", "../x", "/a/x"},
                            {"/aa/bb/cc/", ".\\..\\../x", "/aa/x"},
-                           {"/a/b/", "../.x", "/a/.x"},
                            {"/a/b/", "...x", "/a/b/...x"},
                            {"/a/b", "../x", "x"},
-                           {"/abc/d", "../x", "x"},
                            {"ab", "../x", "ab/x"},
                            {"a", "../x", "a/../x"},
                            {"", "./../x", "../x"},
@@ -174,7 +171,6 @@ TEST(MakeAbsoluteFilePath, AbsolutePlainAndDotStepPaths) {
 
 TEST(RelativePaths, InsideOrOutsideFilePathSharesWholeComponentsFolderSharesCharacters) {
     ExpectEach2(LFile::GetRelativePathFromAbsolutePath, {{"/a/b", "/a/b/c/d", "1:c/d"},
-                                                         {"/a/b/", "/a/b/c", "1:c"},
                                                          {"/a/b", "/a/b", "1:"},
                                                          {"\\a\\b", "/a/b/c", "1:c"},
                                                          {"/a/b", "/a/bc", "0:"},
@@ -182,7 +178,6 @@ TEST(RelativePaths, InsideOrOutsideFilePathSharesWholeComponentsFolderSharesChar
                                                          {"/a/b/", "/a/bx", "0:"}});
     ExpectEach2(LFile::MakeRelativeFilePath, {{"/a/b", "/a/c/d.txt", "1:../c/d.txt"},
                                               {"/a/bc", "/a/bd/x", "1:../bd/x"},
-                                              {"/a/b/", "/a/b/c/d", "1:c/d"},
                                               {"/x/y/z", "/a", "1:../../../a"}});
     ExpectEach2(LFile::MakeRelativeFolder, {// The shared "b" counts as common, deliberately.
                                             {"/a/bc", "/a/bd/x", "1:../d/x"},
@@ -203,11 +198,7 @@ TEST(DisplayForms, MiddleEllipsisAndEscapedQuotesAndBackquotes) {
     auto compact = [](char const* size) {
         return Into(LFile::CompactFilePath, "/0123456789abcdefgh", std::stoul(size));
     };
-    ExpectEach(compact, {{"12", "/012...efgh"},
-                         {"19", "/0123456...bcdefgh"},
-                         {"5", "/..."},
-                         {"4", "..."},
-                         {"1", ""}});
+    ExpectEach(compact, {{"12", "/012...efgh"}, {"5", "/..."}, {"4", "..."}, {"1", ""}});
     EXPECT_EQ(Into(LFile::CompactFilePath, "/abcdefghijklmnopqrs", 11), "/abc...qrs");
     auto escape = [](char const* path) {
         PathBuf dst;
@@ -254,20 +245,17 @@ TEST(NameValidation, EveryFileMessageFolderWholePathAndComponentMessages) {
                 {"a\t:", "File name may not contain control characters"},
                 {"a:b", "File name may not contain characters : / \\"},
                 {"a:\t", "File name may not contain characters : / \\"},
-                {"a\\b", "File name may not contain characters : / \\"},
                 // A trailing space or period and reserved names are accepted here.
                 {"name. ", ""},
                 {"LPT9", ""},
                 {"a\x7f", ""}});
     EXPECT_FALSE(LFileNameIsReserved("CON"));
     EXPECT_EQ(LFileOrFolderNameValidate(std::string(259, 'a').c_str()), 0);
-    EXPECT_STREQ(LFile::_GetFileNameMessage(8), "Invalid file name");
     EXPECT_FALSE(LFile::IsFileValid("a/b", nullptr));
     ExpectEach(Message<LFile::IsFolderValid>,
                {
                    {"/", ""},
                    {"/Users\\me", ""},
-                   {"/Users/me/take. ", ""},
                    {"", "Folder must not be empty"},
                    {"/" + Repeat('a', 259), "Folder must be less than 260 character long"},
                    {"/" + Repeat('a', 258), ""},
@@ -278,21 +266,17 @@ TEST(NameValidation, EveryFileMessageFolderWholePathAndComponentMessages) {
                    {"/a:b", "Folder component must not contain character :"},
                });
     EXPECT_FALSE(LFile::IsFolderValid("/a/.b", nullptr));
-    // Messages of the codes a component cannot produce here.
+    // The message of a code a component cannot produce here.
     auto message = [](int code, char const* component) {
         return Into(LFile::_GetFolderNameMessage, code, component);
     };
     EXPECT_EQ(message(7, "CON"), "'CON' is reserved for use by the operating system");
     EXPECT_EQ(message(7, Repeat('r', 300).c_str()).size(), 259u);
-    EXPECT_EQ(message(42, "x"), "Invalid folder");
 }
 
 TEST(SmallPredicates, MimeTypesLettersExtensionListsAndEndings) {
     auto mime = [](char const* ext) { return LFile::GetMimeTypeFromFileExtension(ext); };
-    ExpectEach(mime, {{".PDF", "application/pdf"},
-                      {".JPG", "image/jpg"},
-                      {".WAV", "audio/vnd.wav"},
-                      {"txt", "application/octet-stream"}});
+    ExpectEach(mime, {{".PDF", "application/pdf"}, {"txt", "application/octet-stream"}});
     EXPECT_STREQ(mime(nullptr), "application/octet-stream");
     EXPECT_TRUE(LFileIsLetterOrNumber('Z'));
     EXPECT_FALSE(LFileIsLetterOrNumber('\xe9'));
