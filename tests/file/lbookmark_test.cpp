@@ -47,6 +47,7 @@ TEST_F(SandboxBookmarks, PathsLeaveTheHomeFolderOnlyThroughLinks) {
     using Case = std::tuple<std::string, bool, std::string, bool>;
     for (const auto& [path, out, outPath, allowed] :
          {Case{home_ + "/docs", false, "", true},
+          {home_ + "/docs/missing/deeper", false, "", true},
           {home_ + "/link/file.txt", true, outside_ + "/file.txt", false},
           {home_ + "/link/new/name.txt", true, outside_ + "/new/name.txt", false},
           {home_ + "/inlink/missing", false, "", true},

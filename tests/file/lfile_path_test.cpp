@@ -162,6 +162,7 @@ TEST(MakeAbsoluteFilePath, AbsolutePlainAndDotStepPaths) {
                            {"/aa/bb/cc/", ".\\..\\../x", "/aa/x"},
                            {"/a/b/", "...x", "/a/b/...x"},
                            {"/a/b", "../x", "x"},
+                           {"/abc/d", "../x", "x"},
                            {"ab", "../x", "ab/x"},
                            {"a", "../x", "a/../x"},
                            {"", "./../x", "../x"},

@@ -152,6 +152,7 @@ TEST(LHashTable, AccessorsCopiesMergesAndIteratorWrites) {
     EXPECT_FALSE(t.GetBool("true", true));
     EXPECT_TRUE(t.GetBool("ten", false));
     EXPECT_TRUE(t.GetBool("empty", true));
+    EXPECT_DOUBLE_EQ(t.GetFloat("empty", 1.5), 1.5);
     EXPECT_STREQ(t.GetParm("empty", "d"), "");  // present but empty is not absent
     EXPECT_EQ(t.GetParm("missing", nullptr), nullptr);
     EXPECT_TRUE(t.TestExists("empty"));

@@ -110,11 +110,13 @@ TEST(Plist, EveryConversionThroughTheToolAndBackLoadingPathsAndFailures) {
         "<key>k</key><string>v</string><key>a</key><array/></dict></plist>\n";
     const std::string plain = tree.MakeFile("plain.plist", dict);
     const std::string blank = tree.MakeFile("with blank.plist", dict);
-    // The loader's URL is not escaped: a name with a blank does not load.
+    const std::string percent = tree.MakeFile("with%20percent.plist", dict);
+    // The loader's URL is not escaped: names with a blank or a percent sign do not load.
     LCFDictionary dictionary;
     EXPECT_TRUE(dictionary.CreateFromFullPath(plain.c_str()));
     EXPECT_FALSE(dictionary.CreateFromFullPath(blank.c_str()));
     EXPECT_EQ(dictionary.GetRef(), nullptr);
+    EXPECT_FALSE(dictionary.CreateFromFullPath(percent.c_str()));
     // A non-dictionary is loaded as it is; a binary file converted by the tool reads too.
     const std::string arrayPlist =
         tree.MakeFile("array.plist", "<plist version=\"1.0\"><array><true/></array></plist>");

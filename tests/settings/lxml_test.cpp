@@ -81,6 +81,7 @@ TEST(XMLReader, EveryMessageAtItsLineAndColumnEntitiesAndWhitespace) {
              {"<a>&lt;&gt;&amp;&quot;&apos;</a>", "<>&\"'"},
              {"<a>&#x20AC;&#0;</a>", "\xE2\x82\xAC"},
              {"<a>\t\n  x y \t\n</a>", "  x y "},
+             {"<a>a text run of more than 32 bytes</a>", "a text run of more than 32 bytes"},
              {"<a xml:space='default'>\t x \n</a>", "\t x \n"},
              {"<a XML:SPACE><b>\tx\t</b></a>", nullptr},
          }) {
