@@ -311,7 +311,7 @@ TEST(XMLArena, LoadedElementsAndAttributesTakenChangedAndFreed) {
 TEST(XMLArena, LargeLoadElementOutlivesItsDocument) {
     std::string text = "<r>";
     for (int i = 0; i < 60000; ++i) {
-        text += "<k n='" + std::to_string(i) + "' v='" + std::string(64, 'v') + "'/>";
+        text += "<k n='" + std::to_string(i) + "' v='" + std::string(80, 'v') + "'/>";
     }
     text += "</r>";
     Parsed p;
@@ -326,7 +326,7 @@ TEST(XMLArena, LargeLoadElementOutlivesItsDocument) {
         r.children.RemoveFirst([middle](const LXMLElement& e) { return &e == middle; }));
     p.doc.children.Clear();
     EXPECT_STREQ(taken->attributes.GetParm("n", ""), "30000");
-    EXPECT_EQ(taken->attributes.GetParm("v", ""), std::string(64, 'v'));
+    EXPECT_EQ(taken->attributes.GetParm("v", ""), std::string(80, 'v'));
 }
 
 }  // namespace
