@@ -86,6 +86,7 @@ TEST(FolderWalk, PatternsMatchIgnoringCaseAndSkipMetadata) {
                                         {"?", "", false},
                                         {"*?", "", false},
                                         {"a", "A", false},
+                                        {"t?ke.*", "take.wav", true},
                                         {"*.wav", "take.wav.gz", false},
                                         {"*a*b", "xaYaZb", true},
                                         {"a*b*c", "abXbYcd", false},

@@ -179,6 +179,7 @@ TEST(RelativePaths, InsideOrOutsideFilePathSharesWholeComponentsFolderSharesChar
                                                          {"/a/b/", "/a/bx", "0:"}});
     ExpectEach2(LFile::MakeRelativeFilePath, {{"/a/b", "/a/c/d.txt", "1:../c/d.txt"},
                                               {"/a/bc", "/a/bd/x", "1:../bd/x"},
+                                              {"/a/b/", "/a/b/c/d", "1:c/d"},
                                               {"/x/y/z", "/a", "1:../../../a"}});
     ExpectEach2(LFile::MakeRelativeFolder, {// The shared "b" counts as common, deliberately.
                                             {"/a/bc", "/a/bd/x", "1:../d/x"},
@@ -246,6 +247,7 @@ TEST(NameValidation, EveryFileMessageFolderWholePathAndComponentMessages) {
                 {"a\t:", "File name may not contain control characters"},
                 {"a:b", "File name may not contain characters : / \\"},
                 {"a:\t", "File name may not contain characters : / \\"},
+                {"a\\b", "File name may not contain characters : / \\"},
                 // A trailing space or period and reserved names are accepted here.
                 {"name. ", ""},
                 {"LPT9", ""},
