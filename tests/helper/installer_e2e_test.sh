@@ -102,6 +102,9 @@ stop_helper() {
     rm -f "$work/run/$SERVICE_NAME.sock"
 }
 
+# next_scenario FOLDER...: the service stopped, /Library emptied, $HAL and each FOLDER made.
+next_scenario() { stop_helper; rm -rf /Library/*; mkdir -p "$HAL" "$@"; }
+
 # offer PATH EXPECTED_COMMANDS: offers PATH and checks the reply and the exact command texts.
 offer() {
     local path=$1 expected=$2 reply
@@ -149,12 +152,10 @@ done
 [ ! -e "$work/pwned1" ] && [ ! -e "$work/pwned2" ] || fail "an offered path reached a shell"
 offer "KavelPLVirtualAudioDevice.driver" ""
 installed_is 1.10
-stop_helper
 
 # 2. A fresh process with 1.1 installed and the older edition present: offering 1.1 again
 #    reinstalls nothing but restarts the audio daemon exactly once; the older edition stays.
-rm -rf /Library/*
-mkdir -p "$HAL" /Library/PrivilegedHelperTools /Library/LaunchDaemons
+next_scenario /Library/PrivilegedHelperTools /Library/LaunchDaemons
 cp -r "$(bundle 1.1)" "$DRIVER"
 OLD=("$HAL/TessalyVirtualAudioDevice.driver" /Library/PrivilegedHelperTools/com.tessalysoftware.vadhelper
     /Library/LaunchDaemons/com.tessalysoftware.vadhelper.plist)
@@ -178,24 +179,20 @@ for gone in "${OLD[@]}"; do
     [ ! -e "$gone" ] || fail "$gone was not removed"
 done
 offer "$(bundle 1.2)" ""
-stop_helper
 
 # 3. An empty HAL folder: installed without making the folder; a bundle whose version
 #    cannot be read is never installed.
-rm -rf /Library/*
-mkdir -p "$HAL" "$work/noversion/KavelPLVirtualAudioDevice.driver"
+next_scenario "$work/noversion/KavelPLVirtualAudioDevice.driver"
 start_helper
 offer "$work/noversion/KavelPLVirtualAudioDevice.driver" "$RESTART"
 [ ! -e "$DRIVER" ] || fail "a bundle without a version was installed"
 offer "$(bundle 1.1)" "$(installing 1.1)"
 installed_is 1.1
-stop_helper
 
 # 4. Offers root must not copy run nothing, not even the first restart: a bundle that is a
 #    link into the user's folder, and one whose Info.plist is a FIFO (which must not hold
 #    the installer). A good offer is served right after them.
-rm -rf /Library/*
-mkdir -p "$HAL" "$work/fifo.driver/Contents"
+next_scenario "$work/fifo.driver/Contents"
 ln -s "$(bundle 1.9)" "$work/link.driver"
 mkfifo "$work/fifo.driver/Contents/Info.plist"
 start_helper
