@@ -31,4 +31,6 @@ reply=$(LXPC_SERVICE_DIR="$dir" "$VADCTL" request --wait 0) || fail "first reque
 # The activated service keeps serving on the same socket.
 reply=$(LXPC_SERVICE_DIR="$dir" "$VADCTL" request --wait 0) || fail "second request failed"
 [ "$reply" = "SEND_ENDPOINT: none" ] || fail "second reply was '$reply'"
+[ "$(grep -c 'Communication attempt' "$dir/activator.log")" -eq 1 ] ||
+    fail "the activator saw more than one start"
 echo PASS
