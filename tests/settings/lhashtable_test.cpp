@@ -144,6 +144,7 @@ TEST(LHashTable, AccessorsCopiesMergesAndIteratorWrites) {
     t.SetInt64("l", -9000000000LL);
     t.SetFloat("f", 2.5);
     t.SetString("trim", "  \tvalue\n  ");
+    EXPECT_EQ(t.GetInt("i", 7), -42);
     EXPECT_EQ(t.GetSsize("l", 0), -9000000000LL);
     EXPECT_DOUBLE_EQ(t.GetFloat("f", 0), 2.5);
     EXPECT_EQ(t.GetInt("int", 7), 12);

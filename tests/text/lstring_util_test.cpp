@@ -16,7 +16,7 @@ std::string CsvItems(const char* list, unsigned long size = 32) {
     std::string items;
     char item[32];
     unsigned long position = 0;
-    for (int i = 0; i < 8 && list[position] != 0 && list[position] != '\n'; ++i) {
+    for (int i = 0; i < 8 && list[position] != 0 && !std::strchr("\r\n", list[position]); ++i) {
         items += GetCSVListItem(list, position, item, size) ? std::string(item) + "|" : "-|";
     }
     return items + std::to_string(position);
@@ -73,13 +73,14 @@ TEST(LStringSearch, CaseInsensitiveSubstring) {
 
 // Only the space character is a blank: tabs are text to the CSV reader and the argument
 // splitter (which still skips every character below 33 before an argument). Items longer than
-// the buffer are cut, and the position still passes them; it stays on a line end.
+// the buffer are cut, and the position still passes them; it stays on a line end (LF or CR).
 TEST(LStringCSV, QuotedItemsBlanksCutsAndLineEnds) {
     const std::pair<const char*, std::string> cases[] = {
         {"\"a b\", c ,  \" d \" ,,last\nnext", "a b|c| d |-|last|24"},
         {" \tab\t ,c", "\tab\t|c|8"},
         {"\t,c", "\t|c|3"},
-        {"  x  ", "x|5"}};
+        {"  x  ", "x|5"},
+        {"a,b\rnext", "a|b|3"}};
     for (const auto& [list, items] : cases) {
         EXPECT_EQ(CsvItems(list), items) << list;
     }
