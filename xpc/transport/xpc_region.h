@@ -34,6 +34,8 @@ inline constexpr size_t kRegionItemsPerRing = 4;
 inline constexpr size_t kMinRegionRing = size_t{1} << 20;
 inline constexpr size_t kMaxRegionRing = size_t{8} << 20;
 inline constexpr size_t kMaxRegionSize = kRegionHeaderSize + kMaxRegionRing;
+// Items from this size on are written past the sender's caches (see Place).
+inline constexpr size_t kRegionStreamingMin = size_t{512} << 10;
 
 class SendRegion {
 public:
@@ -48,8 +50,8 @@ public:
     // Room for `length` bytes at the returned position, or none while the receiver has not
     // copied enough out. Positions are handed out in increasing order.
     std::optional<uint64_t> Allocate(size_t length);
-    // Where the bytes of `position` go (the position must come from Allocate).
-    uint8_t* At(uint64_t position) const;
+    // Copies `length` bytes to `position` (which must come from Allocate for that length).
+    void Place(uint64_t position, const void* bytes, size_t length) const;
     // The region's descriptor when it has not been handed over yet (-1 otherwise); the caller
     // owns it and sends it before, or with, the first packet naming the region.
     int TakeAnnouncement();

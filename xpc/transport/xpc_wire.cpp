@@ -671,7 +671,7 @@ bool Finish(Packet& packet, SendRegion* region) {
             }
             continue;
         }
-        std::memcpy(region->At(*position), spill.data, spill.length);
+        region->Place(*position, spill.data, spill.length);
         Patch64(packet.bytes, spill.at + 1, *position);
         Patch32(packet.bytes, spill.at + 9, static_cast<uint32_t>(spill.length));
         packet.regionBytes += spill.length;
