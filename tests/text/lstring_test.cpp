@@ -62,6 +62,7 @@ TEST(LStringLong, WritersGrowTheStringForTheWholeText) {
 TEST(LStringList, KeepsItsStringsAsItGrows) {
     LStringListTemplate<char> list;
     std::strcpy(list.Add(10), "123456789");
+    EXPECT_EQ(list.GetCapacity(), 7u);  // the first entry makes room for seven
     for (int i = 1; i < 64; ++i) {
         list.AddString(i == 7 ? "eighth" : "x");
     }
