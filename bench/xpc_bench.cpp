@@ -21,11 +21,12 @@
 // `--benchmark_repetitions=5 --benchmark_format=json` output, per repetition, with the spread.
 //
 // Children die with this process (PR_SET_PDEATHSIG) and are killed when their case ends.
+#include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
+#include <sys/syscall.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
@@ -79,35 +80,150 @@ std::vector<uint8_t> Payload(size_t size) {
     return payload;
 }
 
-// A forked child running body(fd, arg); killed and reaped when this goes.
-class Child {
+// Every server process, of every peer, is forked by one spawner process that this program
+// starts before any benchmark runs. A process starts with its parent's scheduler history:
+// one forked from a thread that has just woken many others has its wake-ups placed across
+// the CPUs, one forked from a quiet thread has them pulled onto the waker's CPU, and with
+// eight client/server pairs on two CPUs that alone changes throughput by nearly 2x. Forked
+// from the main thread, each peer's servers would start in whatever state the cases before
+// them left it; forked by the spawner, all start alike, as a service started by the system
+// does.
+class Spawner {
 public:
-    Child(void (*body)(int, size_t), int fd, int other, size_t arg) {
+    using Body = void (*)(int, size_t);
+
+    Spawner() {
+        // The transport's service finds its socket folder through the environment, which
+        // the spawner's children inherit from here.
+        char pattern[] = "/tmp/lxpc-bench-XXXXXX";
+        if (mkdtemp(pattern) != nullptr) {
+            dir_ = pattern;
+            setenv("LXPC_SERVICE_DIR", pattern, 1);
+        }
+        int pair[2];
+        if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0) {
+            return;
+        }
         const pid_t parent = getpid();
-        pid_ = fork();
-        if (pid_ == 0) {
-            if (other >= 0) {
-                close(other);
-            }
+        if (fork() == 0) {
+            close(pair[0]);
             prctl(PR_SET_PDEATHSIG, SIGKILL);
-            if (getppid() != parent) {
-                _exit(0);
+            if (getppid() == parent) {
+                Serve(pair[1]);
             }
-            body(fd, arg);
             _exit(0);
         }
+        close(pair[1]);
+        socket_ = pair[0];
     }
+    ~Spawner() {
+        std::error_code ignored;
+        std::filesystem::remove_all(dir_, ignored);
+    }
+
+    const std::string& Dir() const { return dir_; }
+
+    // Starts body(fd, arg) in a new process (fd, if any, is passed along; the caller keeps
+    // its own); its process id, or -1.
+    pid_t Spawn(Body body, int fd, size_t arg) {
+        std::lock_guard lock(mutex_);
+        const Request request{body, arg};
+        iovec data{const_cast<Request*>(&request), sizeof request};
+        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+        msghdr message{};
+        message.msg_iov = &data;
+        message.msg_iovlen = 1;
+        if (fd >= 0) {
+            message.msg_control = control;
+            message.msg_controllen = sizeof control;
+            cmsghdr* header = CMSG_FIRSTHDR(&message);
+            header->cmsg_level = SOL_SOCKET;
+            header->cmsg_type = SCM_RIGHTS;
+            header->cmsg_len = CMSG_LEN(sizeof(int));
+            std::memcpy(CMSG_DATA(header), &fd, sizeof fd);
+        }
+        pid_t pid = -1;
+        if (socket_ < 0 || sendmsg(socket_, &message, 0) != sizeof request ||
+            recv(socket_, &pid, sizeof pid, 0) != sizeof pid) {
+            return -1;
+        }
+        return pid;
+    }
+
+private:
+    struct Request {
+        Body body;
+        size_t arg;
+    };
+
+    static void Serve(int socket) {
+        signal(SIGCHLD, SIG_IGN);  // children are reaped by the system
+        const pid_t spawner = getpid();
+        for (;;) {
+            Request request{};
+            iovec data{&request, sizeof request};
+            alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+            msghdr message{};
+            message.msg_iov = &data;
+            message.msg_iovlen = 1;
+            message.msg_control = control;
+            message.msg_controllen = sizeof control;
+            if (recvmsg(socket, &message, 0) != sizeof request) {
+                return;
+            }
+            int fd = -1;
+            if (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr) {
+                std::memcpy(&fd, CMSG_DATA(header), sizeof fd);
+            }
+            const pid_t pid = fork();
+            if (pid == 0) {
+                close(socket);
+                signal(SIGCHLD, SIG_DFL);
+                prctl(PR_SET_PDEATHSIG, SIGKILL);
+                if (getppid() == spawner) {
+                    request.body(fd, request.arg);
+                }
+                _exit(0);
+            }
+            if (fd >= 0) {
+                close(fd);
+            }
+            if (send(socket, &pid, sizeof pid, MSG_NOSIGNAL) != sizeof pid) {
+                return;
+            }
+        }
+    }
+
+    std::mutex mutex_;
+    int socket_ = -1;
+    std::string dir_;
+};
+
+// Made before main: the spawner must start before this process has any other thread.
+Spawner gSpawner;
+
+// A server process running body(fd, arg); killed when this goes, and gone when the
+// destructor returns.
+class Child {
+public:
+    Child(Spawner::Body body, int fd, size_t arg) : pid_(gSpawner.Spawn(body, fd, arg)) {}
     ~Child() {
-        if (pid_ > 0) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
+        if (pid_ <= 0) {
+            return;
+        }
+        const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
+        kill(pid_, SIGKILL);
+        if (pidfd >= 0) {
+            pollfd gone{pidfd, POLLIN, 0};
+            poll(&gone, 1, -1);
+            close(pidfd);
         }
     }
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
 
 private:
-    pid_t pid_ = -1;
+    pid_t pid_;
 };
 
 // A connected pair whose second end is served by a child; first() is this process's end.
@@ -118,7 +234,7 @@ public:
             fds_[0] = fds_[1] = -1;
             return;
         }
-        child_ = std::make_unique<Child>(body, fds_[1], fds_[0], arg);
+        child_ = std::make_unique<Child>(body, fds_[1], arg);
         close(fds_[1]);
     }
     ~Served() {
@@ -486,23 +602,17 @@ void Service(int, size_t) {
     pause();
 }
 
-// One service process for the whole run, in a private socket folder.
+// One service process for the whole run, in the spawner's socket folder.
 xpc_connection_t Connect() {
-    static const std::string dir = [] {
-        char pattern[] = "/tmp/lxpc-bench-XXXXXX";
-        std::string made(mkdtemp(pattern));
-        setenv("LXPC_SERVICE_DIR", made.c_str(), 1);
-        static Child service(Service, -1, -1, 0);
-        const auto path = std::filesystem::path(made) / "bench.sink.sock";
+    static const bool started = [] {
+        static Child service(Service, -1, 0);
+        const auto path = std::filesystem::path(gSpawner.Dir()) / "bench.sink.sock";
         while (!std::filesystem::exists(path)) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
-        std::atexit([] {
-            std::error_code ignored;
-            std::filesystem::remove_all(dir, ignored);
-        });
-        return made;
+        return true;
     }();
+    (void)started;
     xpc_connection_t c = xpc_connection_create_mach_service("bench.sink", nullptr, 0);
     xpc_connection_set_event_handler(c, [](xpc_object_t) {});
     xpc_connection_resume(c);
