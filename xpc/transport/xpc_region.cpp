@@ -95,7 +95,7 @@ std::optional<uint64_t> SendRegion::Allocate(size_t length) {
     return start;
 }
 
-void SendRegion::Place(uint64_t position, const void* bytes, size_t length) const {
+void SendRegion::Place(uint64_t position, const void* bytes, size_t length) {
     auto* out = map_ + kRegionHeaderSize + position % ring_;
 #if defined(__SSE2__)
     // The ring's lines were last read by the receiver on its own core: plain stores would

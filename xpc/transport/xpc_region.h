@@ -51,7 +51,7 @@ public:
     // copied enough out. Positions are handed out in increasing order.
     std::optional<uint64_t> Allocate(size_t length);
     // Copies `length` bytes to `position` (which must come from Allocate for that length).
-    void Place(uint64_t position, const void* bytes, size_t length) const;
+    void Place(uint64_t position, const void* bytes, size_t length);
     // The region's descriptor when it has not been handed over yet (-1 otherwise); the caller
     // owns it and sends it before, or with, the first packet naming the region.
     int TakeAnnouncement();
