@@ -251,56 +251,44 @@ private:
     std::unique_ptr<Child> child_;
 };
 
-// Runs roundTrip(client) kBatch times on each of kClients threads per iteration.
-// The client threads live for the whole benchmark: each iteration releases all of them for
-// one batch and waits until every one is done. Started anew each iteration, they would make
-// every peer pay for thread starts, and the transport for each new thread's receive buffer.
+// Keeps kClients threads doing roundTrip(client) back to back for the whole benchmark; an
+// iteration lasts until kClients * kBatch more round trips are done. The threads never wait
+// for each other: a barrier per batch would idle the early finishers while the last ones
+// end theirs, and every peer would be measured partly by that idling.
 void RunClients(benchmark::State& state, const std::function<bool(int)>& roundTrip) {
-    std::mutex mutex;
-    std::condition_variable cv;
-    int generation = 0;  // batches released so far
-    int running = 0;     // threads still in the current batch
-    bool stop = false;
+    std::atomic<uint64_t> done{0};     // round trips so far, all threads
+    std::atomic<uint64_t> target{0};   // what ends the current iteration
+    std::atomic<uint32_t> reached{0};  // bumped by the round trip that ends one
+    std::atomic<bool> stop{false};
     std::atomic<bool> ok{true};
     std::vector<std::thread> threads;
     for (int i = 0; i < kClients; ++i) {
         threads.emplace_back([&, i] {
-            for (int seen = 0;; ++seen) {
-                {
-                    std::unique_lock lock(mutex);
-                    cv.wait(lock, [&] { return stop || generation != seen; });
-                    if (stop) {
-                        return;
-                    }
+            while (!stop.load(std::memory_order_relaxed)) {
+                if (!roundTrip(i)) {
+                    ok = false;
                 }
-                for (int k = 0; k < kBatch && ok.load(std::memory_order_relaxed); ++k) {
-                    if (!roundTrip(i)) {
-                        ok = false;
-                    }
-                }
-                std::lock_guard lock(mutex);
-                if (--running == 0) {
-                    cv.notify_all();
+                if (done.fetch_add(1) + 1 == target.load()) {
+                    reached.fetch_add(1);
+                    reached.notify_one();
                 }
             }
         });
     }
+    uint64_t end = done.load();  // the warm-up before the first iteration does not count
     for (auto _ : state) {
-        std::unique_lock lock(mutex);
-        running = kClients;
-        ++generation;
-        cv.notify_all();
-        cv.wait(lock, [&] { return running == 0; });
+        end += kClients * kBatch;
+        const uint32_t seen = reached.load();
+        target.store(end);
+        if (done.load() < end) {
+            reached.wait(seen);
+        }
         if (!ok) {
             state.SkipWithError("round trip failed");
             break;
         }
     }
-    {
-        std::lock_guard lock(mutex);
-        stop = true;
-    }
-    cv.notify_all();
+    stop = true;
     for (std::thread& t : threads) {
         t.join();
     }
