@@ -16,6 +16,9 @@
 // - RoundTripHandlerDriven_xpc: the small round trip chained through reply handlers, as an
 //   event-driven client does (the counter round_trip is the time of one).
 //
+// - OneWayMemoryFloor/1 MiB: no transport at all, the least memory work behind OneWay when the
+//   receiver keeps its own copy (see the case). Compare it with OneWay/1 MiB of sd-bus.
+//
 // Reading the ratios: compare the times (or round_trips_per_s) of the same case and size
 // between the three peers; bench/xpc_ratios.py does it from
 // `--benchmark_repetitions=5 --benchmark_format=json` output, per repetition, with the spread.
@@ -39,10 +42,12 @@
 #include <filesystem>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "xpc/transport/xpc_region.h"
 #include "xpc/transport/xpc_transport.h"
 
 using namespace lxpc;
@@ -727,5 +732,64 @@ void BM_RoundTripHandlerDriven_xpc(benchmark::State& state) {
                            benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 BENCHMARK(BM_RoundTripHandlerDriven_xpc)->UseRealTime();
+
+// ---- memory alone ----
+
+// The least a large one-way message costs whatever carries it, once the receiver must hold a
+// copy that the sender can no longer change: the caller's bytes written once where the
+// receiver can read them (with the shared region's own copy, straight from the caller's
+// buffer), copied once into the receiver's memory, and read there by the checksum. Two
+// threads of this process hand each message over by spinning: no system call, wake-up,
+// encoding or allocation is counted, so a transport's OneWay time at the same size can come
+// near this one but not under it.
+void BM_OneWayMemoryFloor(benchmark::State& state) {
+    const size_t size = static_cast<size_t>(state.range(0));
+    const std::vector<uint8_t> payload = Payload(size);
+    const uint64_t expected = Checksum(payload.data(), payload.size());
+    wire::SendRegion out;
+    wire::ReceiveRegion in;
+    const char* why = nullptr;
+    if (!out.Reserve(size) || !in.Adopt(out.TakeAnnouncement(), &why)) {
+        state.SkipWithError("no region");
+        return;
+    }
+    std::atomic<uint64_t> posted{0};  // 1 + the position of the message waiting, 0 for none
+    std::atomic<uint64_t> sum{0};     // the receiver's checksum of it, once posted is 0 again
+    std::atomic<bool> stop{false};
+    std::thread receiver([&] {
+        std::vector<uint8_t> copy(size);
+        for (;;) {
+            uint64_t p;
+            while ((p = posted.load(std::memory_order_acquire)) == 0) {
+                if (stop.load(std::memory_order_relaxed)) {
+                    return;
+                }
+            }
+            in.CopyOut(p - 1, size, copy.data());
+            in.Release(p - 1 + size);
+            sum.store(Checksum(copy.data(), size), std::memory_order_relaxed);
+            posted.store(0, std::memory_order_release);
+        }
+    });
+    for (auto _ : state) {
+        const std::optional<uint64_t> at = out.Allocate(size);
+        if (!at) {
+            state.SkipWithError("the ring is full");
+            break;
+        }
+        out.Place(*at, payload.data(), size);
+        posted.store(*at + 1, std::memory_order_release);
+        while (posted.load(std::memory_order_acquire) != 0) {
+        }
+        if (sum.load(std::memory_order_relaxed) != expected) {
+            state.SkipWithError("bad checksum");
+            break;
+        }
+    }
+    stop = true;
+    receiver.join();
+    state.SetBytesProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(BM_OneWayMemoryFloor)->Arg(1 << 20)->UseRealTime();
 
 }  // namespace
