@@ -199,6 +199,18 @@ TEST_F(LXPCLink, RequestAndReplyInBothForms) {
     EXPECT_EQ(asked, 0);
 }
 
+TEST_F(LXPCLink, AServerTakesMessagesInTheArrayForm) {
+    serverEvents.bArrayForm = true;
+    LXPCServer server(&serverEvents);
+    SetUpSide(server, true);
+    auto connection = Connect(client);
+    client.SendMessage(connection->hConnection, Request(21, "tag"), false);
+    ASSERT_TRUE(serverEvents.WaitUntil([&] { return serverEvents.messages.size() == 1; }));
+    EXPECT_TRUE(serverEvents.messages[0].arrayForm);
+    EXPECT_EQ(Find(serverEvents.messages[0].values, "REQ").data.nValue, 21);
+    EXPECT_EQ(Find(serverEvents.messages[0].values, "TAG").bytes, "tag");
+}
+
 TEST_F(LXPCLink, BarriersFollowEverySendInOrderAndEmptyMessagesAreDropped) {
     LXPCServer server(&serverEvents);
     SetUpSide(server, true);

@@ -88,6 +88,10 @@ public:
         }
         Add([&] { messages.push_back({connection, false, Record(data)}); });
     }
+    void EvMessageReceived(long connection, long, LXPCData const* data,
+                           unsigned long count) override {
+        Add([&] { messages.push_back({connection, true, Record(std::span(data, count))}); });
+    }
     void EvReplyReceived(long connection, LList<LXPCDataListable> const& data) override {
         Add([&] { replies.push_back({connection, false, Record(data)}); });
     }
