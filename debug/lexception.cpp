@@ -194,7 +194,8 @@ boolean_t mach_exc_server(mach_msg_header_t* InHeadP, mach_msg_header_t* OutHead
     OutHeadP->msgh_remote_port = InHeadP->msgh_remote_port;
     OutHeadP->msgh_local_port = 0;
     OutHeadP->msgh_voucher_port = 0;
-    OutHeadP->msgh_id = InHeadP->msgh_id + 100;
+    // The id comes from outside: the reply's is 100 above it, wrapping like the 32-bit field.
+    OutHeadP->msgh_id = static_cast<mach_msg_id_t>(static_cast<uint32_t>(InHeadP->msgh_id) + 100u);
     mig_routine_t routine = mach_exc_server_routine(InHeadP);
     if (routine == nullptr) {
         ReturnCode(OutHeadP, MIG_BAD_ID);

@@ -25,7 +25,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     memcpy(&code, reply + 32, sizeof code);
     bool const valid = code == KERN_FAILURE || code == MIG_BAD_ARGUMENTS ||
                        code == MIG_TYPE_ERROR || (code == MIG_BAD_ID && !known);
-    if (!valid || out->msgh_size != 36 || out->msgh_id != request->msgh_id + 100) {
+    const auto replyId = static_cast<mach_msg_id_t>(static_cast<uint32_t>(request->msgh_id) + 100u);
+    if (!valid || out->msgh_size != 36 || out->msgh_id != replyId) {
         std::abort();
     }
     for (size_t i = 44; i < sizeof reply; ++i) {
